@@ -1,0 +1,9 @@
+// linnet: every public header of the library.
+#ifndef LINNET_LINNET_H
+#define LINNET_LINNET_H
+
+#include <linnet/logger.h>
+#include <linnet/addr.h>
+#include <linnet/socket.h>
+
+#endif

@@ -1,0 +1,28 @@
+// Internal to linnet, never installed: the two ways the library emits a
+// message. Every call site uses these macros, so how messages are built can
+// change here without touching a call site.
+//
+// A translation unit names its origin file once, before using LOG_STREAM:
+//     static const char kLogFile[] = "source/socket";
+#ifndef LINNET_SOURCE_LOGGER_LOG_H
+#define LINNET_SOURCE_LOGGER_LOG_H
+
+#include <boost/shared_ptr.hpp>
+#include <linnet/logger.h>
+
+// Stream style: always built and handed to _debug at the end of the
+// statement; the host filters by level.
+//     LOG_STREAM(11) << "polling fd_ " << fd_;
+#define LOG_STREAM(level)                                                  \
+    (*boost::shared_ptr<logger::LinuxLogMessage>(                          \
+        new logger::LinuxLogMessage(__func__, kLogFile, __LINE__, (level))))
+
+// Formatted style: nothing is formatted unless dbg_can_log(level) says so.
+//     LOG_FORMAT("Listen", 11, "listening on fd_ = %d", fd_);
+#define LOG_FORMAT(origin, level, ...)                \
+    do {                                              \
+        if (dbg_can_log(level))                       \
+            _debug((origin), (level), __VA_ARGS__);   \
+    } while (0)
+
+#endif

@@ -1,0 +1,39 @@
+// Internal to linnet, never installed: the thin layer over raw system calls
+// that the socket classes share. Results here are the system's (-1 and
+// errno); the classes turn them into the library's codes with failure().
+#ifndef LINNET_SOURCE_SOCKOPS_H
+#define LINNET_SOURCE_SOCKOPS_H
+
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstddef>
+
+namespace linnet {
+namespace sys {
+
+// The library's code for a failed call: -errno, or -1 when errno is 0 so
+// that a failure is never reported as success.
+inline int failure() { return errno != 0 ? -errno : -1; }
+
+// One descriptor of a readiness wait. `events` and `ready` use the bits
+// POLL_READ, POLL_WRITE and POLL_EXCEPT.
+struct WaitItem {
+    int fd;
+    int events;
+    int ready;
+};
+
+// Waits for the items as select(2) would and fills each item's `ready` with
+// the bits it asked for and got. Returns select's count (one per set a
+// descriptor is ready in), 0 on time-out, or -1 with errno set (EINTR when
+// interrupted). A null timeout waits without limit; the timeout is passed on
+// unnormalised. Items with a negative fd are skipped. When every fd is below
+// FD_SETSIZE this is one select(); otherwise one ppoll() with the same
+// answers, so no fd_set is ever indexed out of range.
+int wait_ready(WaitItem* items, std::size_t count, const timeval* timeout);
+
+}  // namespace sys
+}  // namespace linnet
+
+#endif

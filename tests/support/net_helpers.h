@@ -1,0 +1,59 @@
+// Test helpers on raw descriptors, independent of the classes under test.
+#ifndef LINNET_TESTS_NET_HELPERS_H
+#define LINNET_TESTS_NET_HELPERS_H
+
+#include <cstddef>
+#include <string>
+
+namespace testnet {
+
+// 127.0.0.1 in network byte order.
+unsigned int Loopback();
+
+// Owns one descriptor; closes it once.
+class Fd {
+public:
+    explicit Fd(int fd = -1) : fd_(fd) {}
+    ~Fd() { reset(); }
+    Fd(Fd&& o) noexcept : fd_(o.release()) {}
+    Fd& operator=(Fd&& o) noexcept { reset(o.release()); return *this; }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    int get() const { return fd_; }
+    int release() { int f = fd_; fd_ = -1; return f; }
+    void reset(int fd = -1);
+private:
+    int fd_;
+};
+
+// A blocking TCP listener on 127.0.0.1, port chosen by the kernel.
+Fd Listen(unsigned short* port, int backlog = 128);
+
+// A connected TCP pair on 127.0.0.1 (both ends blocking).
+struct Pair {
+    Fd client;
+    Fd server;
+};
+Pair MakeTcpPair();
+
+// A TCP socket bound to 127.0.0.1 but not listening: connecting to its port
+// is refused, and no other socket can take the port meanwhile.
+Fd BoundNotListening(unsigned short* port);
+
+// Number of open descriptors of this process (/proc/self/fd).
+int CountOpenFds();
+
+// Raises RLIMIT_NOFILE to at least n; false when not allowed.
+bool RaiseFdLimit(unsigned long n);
+
+// Reads exactly n bytes (blocking descriptor); false on EOF or error.
+bool ReadAll(int fd, void* buf, std::size_t n);
+// Writes exactly n bytes; false on error.
+bool WriteAll(int fd, const void* buf, std::size_t n);
+
+// Reset the connection on close (SO_LINGER 0).
+void SetLingerZero(int fd);
+
+}  // namespace testnet
+
+#endif
