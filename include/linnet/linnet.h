@@ -5,5 +5,6 @@
 #include <linnet/logger.h>
 #include <linnet/addr.h>
 #include <linnet/socket.h>
+#include <linnet/tcpsocket.h>
 
 #endif

@@ -1,0 +1,323 @@
+#include <linnet/tcpsocket.h>
+
+#include <fcntl.h>
+#include <linnet/addr.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "logger/log.h"
+#include "sockops.h"
+
+static const char kLogFile[] = "source/tcpsocket";
+
+namespace {
+
+const linger kLingerOneSecond = {1, 1};
+
+}  // namespace
+
+TCPSocket::TCPSocket() : NonBlockSocket(0), sndBufSize_(0), rcvBufSize_(0) {}
+
+TCPSocket::~TCPSocket() {}
+
+NonBlockSocket* TCPSocket::CreateNew() { return new TCPSocket; }
+
+int TCPSocket::Open() {
+    LOG_STREAM(11) << "creating TCP socket";
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (fd_ < 0) {
+        const int err = errno;
+        const int result = linnet::sys::failure();
+        LOG_STREAM(1) << "can't create TCP socket: error = " << err;
+        return result;
+    }
+    LOG_STREAM(11) << "got fd_ = " << fd_;
+    if (::fcntl(fd_, F_SETFL, O_NONBLOCK) < 0) {
+        const int err = errno;
+        LOG_STREAM(1) << "fd_ = " << fd_ << " can't be set non-blocking (code " << err << "), exiting";
+        return -err;
+    }
+    if (::fcntl(fd_, F_SETFD, FD_CLOEXEC) < 0) {
+        const int err = errno;
+        LOG_STREAM(1) << "fd_ " << fd_ << " can't be set flag \"close-on-exec\" (code " << err
+                      << "), exiting";
+        return -err;
+    }
+    const int one = 1;
+    if (::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) < 0)
+        LOG_STREAM(11) << "can't set 'SO_REUSEADDR' option on fd_ " << fd_ << " (code " << errno << ")";
+    if (::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &kLingerOneSecond, sizeof kLingerOneSecond) < 0)
+        LOG_STREAM(11) << "can't set 'SO_LINGER' option on fd_ " << fd_ << " (code " << errno << ")";
+
+    int size = 0;
+    socklen_t len = sizeof size;
+    if (::getsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &size, &len) == 0) {
+        sndBufSize_ = size;
+        LOG_STREAM(11) << "current send buffer size=" << size << " on fd_ " << fd_;
+    } else {
+        sndBufSize_ = 8192;
+    }
+    len = sizeof size;
+    if (::getsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, &len) == 0) {
+        rcvBufSize_ = size;
+        LOG_STREAM(11) << "current recv buffer size = " << size << " on fd_ = " << fd_;
+    } else {
+        rcvBufSize_ = 8192;
+    }
+    initState_ |= INIT_OPEN;
+    return 0;
+}
+
+int TCPSocket::OpenFD(int fd, unsigned short port) {
+    if (fd_ >= 0) return -22;
+    if (::fcntl(fd, F_SETFL, O_NONBLOCK) < 0) {
+        const int err = errno;
+        LOG_STREAM(11) << "fd_ " << fd << " can't be set non-blocking (code " << err << "), exiting";
+        return -err;
+    }
+    if (::fcntl(fd, F_SETFD, FD_CLOEXEC) < 0) {
+        const int err = errno;
+        LOG_STREAM(1) << "fd_ " << fd << " can't be set flag \"close-on-exec\" (code " << err
+                      << "), exiting";
+        return -err;
+    }
+    if (::setsockopt(fd, SOL_SOCKET, SO_LINGER, &kLingerOneSecond, sizeof kLingerOneSecond) < 0)
+        LOG_STREAM(11) << "can't set 'SO_LINGER' option on fd_ " << fd << " (code " << errno << ")";
+    fd_ = fd;
+    // The descriptor is passed but the format has no conversion for it.
+    LOG_FORMAT("OpenFD", 11, "copied fd_ = ", fd_);
+
+    int size = 0;
+    socklen_t len = sizeof size;
+    if (::getsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &size, &len) == 0) {
+        sndBufSize_ = size;
+        LOG_STREAM(11) << "current send buffer size=" << size << " on fd_ " << fd_;
+    } else {
+        sndBufSize_ = 8192;
+    }
+    len = sizeof size;
+    if (::getsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, &len) == 0) {
+        rcvBufSize_ = size;
+        LOG_STREAM(11) << "current recv buffer size=" << size << " on fd_ " << fd_;
+    } else {
+        rcvBufSize_ = 8192;
+    }
+    initState_ |= INIT_OPEN;
+    if (port != 0) port_ = port;
+    return 0;
+}
+
+int TCPSocket::Read(void* buf, int len) {
+    if (fd_ < 0) {
+        LOG_STREAM(11) << "read on negative fd_ = " << fd_;
+        return -22;
+    }
+    LOG_STREAM(11) << "trying to read on fd_ " << fd_ << " (" << len << " bytes to " << buf << ")";
+    const ssize_t n = ::read(fd_, buf, static_cast<size_t>(len));
+    if (n > 0) {
+        LOG_STREAM(11) << "read " << n << " bytes on fd_ " << fd_;
+        return static_cast<int>(n);
+    }
+    if (n == 0) {
+        LOG_STREAM(11) << "EOF occured when reading from fd_ " << fd_;
+        return -32;
+    }
+    if (errno == EAGAIN) {
+        LOG_STREAM(11) << "no data available on fd_ " << fd_;
+        return 0;
+    }
+    LOG_STREAM(11) << "ouch ! something strange !";
+    return -14;
+}
+
+int TCPSocket::Write(void* buf, int len) {
+    if (fd_ < 0) {
+        LOG_STREAM(11) << "write on negative fd_ = " << fd_;
+        return -22;
+    }
+    LOG_STREAM(11) << "trying to write to fd_ " << fd_ << " (" << len << " bytes from " << buf << ")";
+    // send() with MSG_NOSIGNAL so that a reset peer costs -14, not SIGPIPE;
+    // write() only for a descriptor that is not a socket.
+    ssize_t n = ::send(fd_, buf, static_cast<size_t>(len), MSG_NOSIGNAL);
+    if (n < 0 && errno == ENOTSOCK) n = ::write(fd_, buf, static_cast<size_t>(len));
+    if (n > 0) {
+        LOG_STREAM(11) << "wrote " << n << " bytes to fd_ " << fd_;
+        return static_cast<int>(n);
+    }
+    if (n == 0) {
+        LOG_STREAM(11) << "0 bytes written to fd_ " << fd_;
+        return 0;
+    }
+    if (errno == EAGAIN) {
+        LOG_STREAM(11) << "no room for data on fd_ " << fd_;
+        return 0;
+    }
+    LOG_STREAM(11) << "Ouch ! Something strange !";
+    return -14;
+}
+
+int TCPSocket::SetSndBufSize(int size) {
+    int current = 0;
+    socklen_t len = sizeof current;
+    if (::getsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &current, &len) == 0)
+        LOG_STREAM(11) << "current send buffer size=" << current << " on fd_ " << fd_;
+    const int r = ::setsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+    if (r < 0)
+        LOG_STREAM(1) << "Can't set send buffer size to " << size << " on fd_ " << fd_
+                      << " (quorlix::lasterror() " << errno << ")";
+    LOG_STREAM(11) << "set send buffer size to " << size << " on fd_ " << fd_;
+    sndBufSize_ = size;
+    return r;
+}
+
+int TCPSocket::SetRcvBufSize(int size) {
+    int current = 0;
+    socklen_t len = sizeof current;
+    if (::getsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &current, &len) == 0)
+        LOG_STREAM(11) << "current recv buffer size=" << current << " on fd_ " << fd_;
+    const int r = ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+    if (r < 0)
+        LOG_STREAM(1) << "Can't set recv buffer size to " << size << " on fd_ " << fd_
+                      << " (quorlix::lasterror() " << errno << ")";
+    LOG_STREAM(11) << "set recv buffer size to " << size << " on fd_ " << fd_;
+    rcvBufSize_ = size;
+    return r;
+}
+
+int TCPSocket::Listen(int backlog) {
+    if (fd_ < 0) return -22;
+    LOG_FORMAT("Listen", 11, "listening on fd_ = %d", fd_);
+    if (::listen(fd_, backlog) < 0) {
+        const int err = errno;
+        const int result = linnet::sys::failure();
+        LOG_FORMAT("Listen", 11, "listen on fd_ %d failed (code %d ), exiting", fd_, err);
+        return result;
+    }
+    initState_ |= INIT_LISTENING;
+    return 0;
+}
+
+int TCPSocket::Accept(unsigned int* ip, unsigned short* port) {
+    if (fd_ < 0) return -22;
+    LOG_FORMAT("Accept", 11, "trying to accept on fd_ = %d", fd_);
+    sockaddr_in sa{};
+    socklen_t len = sizeof sa;
+    const int fd = ::accept(fd_, reinterpret_cast<sockaddr*>(&sa), &len);
+    if (fd < 0) {
+        const int err = errno;
+        LOG_FORMAT("Accept", 11, "accept failed on fd_ %d (code %d )", fd_, err);
+        return -err;
+    }
+    LOG_FORMAT("Accept", 11, "accept ok on fd_ %d new fd_ %d", fd_, fd);
+    if (ip != nullptr) *ip = sa.sin_addr.s_addr;
+    if (port != nullptr) *port = ntohs(sa.sin_port);
+    return fd;
+}
+
+TCPSocket* TCPSocket::Accept() {
+    unsigned int ip = 0;
+    unsigned short port = 0;
+    const int fd = Accept(&ip, &port);
+    if (fd <= 0) return nullptr;
+    TCPSocket* s = new TCPSocket;
+    s->OpenFD(fd, 0);
+    s->addr_ = ip;
+    s->port_ = port;
+    return s;
+}
+
+int TCPSocket::SetKeepAliveFeatures(int idle, int count, int interval) {
+    const int on = 1;
+    int r = ::setsockopt(fd_, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    if (r < 0) return r;
+    r = ::setsockopt(fd_, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle);
+    if (r < 0) return r;
+    r = ::setsockopt(fd_, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof count);
+    if (r < 0) return r;
+    return ::setsockopt(fd_, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval);
+}
+
+int TCPSocket::SetNoDelay(int on) {
+    const int value = on ? 1 : 0;
+    if (::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &value, sizeof value) < 0)
+        return linnet::sys::failure();
+    return 0;
+}
+
+bool TCPSocket::IsConnectionEstablished() { return PollSocket(0, 0) == 0; }
+
+int TCPSocket::StartConnecting(unsigned int ip, unsigned short port) {
+    if (fd_ < 0) {
+        LOG_STREAM(11) << "connect on negative fd_ = " << fd_;
+        return -22;
+    }
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(port);
+    sa.sin_addr.s_addr = ip;
+    LOG_STREAM(11) << "connecting fd_ " << fd_ << " to " << ip2sn(ip) << ":" << port;
+    const int r = ::connect(fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
+    if (r == 0) {
+        LOG_STREAM(11) << "connected on fd_ " << fd_ << " (immediately)";
+        return 0;
+    }
+    if (r > 0) return -14;
+    const int err = errno;
+    if (err == EAGAIN || err == EINPROGRESS) {
+        LOG_STREAM(11) << "connection started on fd_ " << fd_ << " (in progress)";
+        return 1;
+    }
+    LOG_STREAM(11) << "connect failed on fd_ " << fd_ << " (code " << err << ")";
+    return -err;
+}
+
+int TCPSocket::ConnectNonBlocking(unsigned int ip, unsigned short port) {
+    if (fd_ < 0) {
+        LOG_STREAM(11) << "connect on negative fd_ = " << fd_;
+        return -22;
+    }
+    LOG_STREAM(11) << "connecting fd_ " << fd_ << " to " << ip2sn(ip) << ":" << port;
+    const int r = StartConnecting(ip, port);
+    if (r < 0) {
+        LOG_STREAM(11) << "StartConnecting() on fd_ " << fd_ << " returned " << r << ", exiting";
+        return r;
+    }
+    LOG_STREAM(11) << "connection started on fd_ " << fd_ << ", polling";
+    return 0;
+}
+
+int TCPSocket::PollSocket(int seconds, int microseconds) {
+    if (Poll(POLL_WRITE, seconds, microseconds) != POLL_WRITE) return -110;
+    int err = 0;
+    socklen_t len = sizeof err;
+    if (::getsockopt(fd_, SOL_SOCKET, SO_ERROR, &err, &len) < 0) {
+        const int e = errno;
+        LOG_STREAM(11) << "getsockopt() failed on fd_ " << fd_ << " (code " << e << "), exiting";
+        return -e;
+    }
+    if (err != 0) {
+        LOG_STREAM(11) << "connection failed on fd_ " << fd_ << " (code " << err << ")";
+        return -err;
+    }
+    LOG_STREAM(11) << "connection successful on fd_ = " << fd_;
+    return 0;
+}
+
+int TCPSocket::Connect(unsigned int ip, unsigned short port, int seconds, int microseconds) {
+    int r = ConnectNonBlocking(ip, port);
+    if (r < 0) return r;
+    r = PollSocket(seconds, microseconds);
+    if (r == -110) {
+        LOG_STREAM(11) << "poll timed out on fd_ " << fd_ << ", exiting";
+        return -110;
+    }
+    if (r < 0) {
+        LOG_STREAM(11) << "error connecting on fd_ " << fd_ << ", exiting";
+        return r;
+    }
+    return r;
+}
