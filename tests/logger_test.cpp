@@ -1,5 +1,6 @@
 #include <linnet/logger.h>
 
+#include <boost/shared_ptr.hpp>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -83,4 +84,26 @@ TEST(LogStyles, NullTextPutsTheStreamInItsFailedState) {
     LOG_STREAM(11) << "binding fd_ " << 3 << " to " << none << ":" << 80;
     ASSERT_EQ(capture::Records().size(), 1u);
     EXPECT_EQ(capture::Records()[0].text, "binding fd_ 3 to ");
+}
+
+// The library renders stream-style messages without a std::ostream; every
+// insertion must read exactly as the stream would render it.
+TEST(LogStyles, StreamStyleRendersExactlyAsAnOstream) {
+    int local = 0;
+    const void* p = &local;
+    const void* none = nullptr;
+    const unsigned char raw = 'A';
+    const char* text = "fd_ ";
+    std::ostringstream expect;
+    expect << text << -2147483647 - 1 << ' ' << 4294967295u << ' ' << -9223372036854775807LL << ' '
+           << 18446744073709551615ULL << ' ' << static_cast<short>(-7) << ' '
+           << static_cast<unsigned short>(65535) << ' ' << raw << ' ' << p << ' ' << none << ' '
+           << true << ' ' << std::string("str") << ' ' << 0L;
+    capture::Scope scope;
+    LOG_STREAM(11) << text << -2147483647 - 1 << ' ' << 4294967295u << ' ' << -9223372036854775807LL
+                   << ' ' << 18446744073709551615ULL << ' ' << static_cast<short>(-7) << ' '
+                   << static_cast<unsigned short>(65535) << ' ' << raw << ' ' << p << ' ' << none
+                   << ' ' << true << ' ' << std::string("str") << ' ' << 0L;
+    ASSERT_EQ(capture::Records().size(), 1u);
+    EXPECT_EQ(capture::Records()[0].text, expect.str());
 }

@@ -7,15 +7,16 @@
 #ifndef LINNET_SOURCE_LOGGER_LOG_H
 #define LINNET_SOURCE_LOGGER_LOG_H
 
-#include <boost/shared_ptr.hpp>
 #include <linnet/logger.h>
 
+#include "logger/line.h"
+
 // Stream style: always built and handed to _debug at the end of the
-// statement; the host filters by level.
+// statement; the host filters by level. The text is rendered as
+// logger::LinuxLogMessage would render it, without its per-message stream
+// and heap allocations (see line.h).
 //     LOG_STREAM(11) << "polling fd_ " << fd_;
-#define LOG_STREAM(level)                                                  \
-    (*boost::shared_ptr<logger::LinuxLogMessage>(                          \
-        new logger::LinuxLogMessage(__func__, kLogFile, __LINE__, (level))))
+#define LOG_STREAM(level) (logger::detail::Line(__func__, kLogFile, __LINE__, (level)))
 
 // Formatted style: nothing is formatted unless dbg_can_log(level) says so.
 //     LOG_FORMAT("Listen", 11, "listening on fd_ = %d", fd_);

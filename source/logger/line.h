@@ -1,0 +1,60 @@
+// Internal to linnet, never installed: the library's own stream-style
+// message. It renders exactly what a std::ostream would (decimal integers,
+// characters as raw bytes, pointers as 0x-prefixed lowercase hex or "0",
+// a null C string putting the line into a failed state that drops every
+// later insertion), but into a buffer on the stack: no stream object and no
+// heap allocation per message. Hosts see the same _debug call as with
+// logger::LinuxLogMessage.
+#ifndef LINNET_SOURCE_LOGGER_LINE_H
+#define LINNET_SOURCE_LOGGER_LINE_H
+
+#include <cstddef>
+#include <string>
+
+namespace logger {
+namespace detail {
+
+class Line {
+public:
+    Line(const char* function, const char* file, int line, int level)
+        : function_(function), file_(file), line_(line), level_(level) {}
+    ~Line();  // hands the text to _debug
+    Line(const Line&) = delete;
+    Line& operator=(const Line&) = delete;
+
+    Line& operator<<(const char* s);
+    Line& operator<<(const signed char* s) { return *this << reinterpret_cast<const char*>(s); }
+    Line& operator<<(const unsigned char* s) { return *this << reinterpret_cast<const char*>(s); }
+    Line& operator<<(const std::string& s) { return append(s.data(), s.size()); }
+    Line& operator<<(char c) { return append(&c, 1); }
+    Line& operator<<(signed char c) { return *this << static_cast<char>(c); }
+    Line& operator<<(unsigned char c) { return *this << static_cast<char>(c); }
+    Line& operator<<(bool b) { return *this << static_cast<int>(b); }
+    Line& operator<<(short v) { return signed_value(v); }
+    Line& operator<<(int v) { return signed_value(v); }
+    Line& operator<<(long v) { return signed_value(v); }
+    Line& operator<<(long long v) { return signed_value(v); }
+    Line& operator<<(unsigned short v) { return unsigned_value(v); }
+    Line& operator<<(unsigned int v) { return unsigned_value(v); }
+    Line& operator<<(unsigned long v) { return unsigned_value(v); }
+    Line& operator<<(unsigned long long v) { return unsigned_value(v); }
+    Line& operator<<(const void* p);
+
+private:
+    Line& append(const char* s, std::size_t n);
+    Line& signed_value(long long v);
+    Line& unsigned_value(unsigned long long v);
+
+    const char* function_;
+    const char* file_;
+    int line_;
+    int level_;
+    bool failed_ = false;
+    std::size_t len_ = 0;
+    char text_[512];     // the message; longer texts are cut (library texts are short)
+};
+
+}  // namespace detail
+}  // namespace logger
+
+#endif
