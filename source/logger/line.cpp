@@ -2,12 +2,25 @@
 
 #include <linnet/logger.h>
 
-#include <charconv>
 #include <cstdio>
 #include <cstring>
 
 namespace logger {
 namespace detail {
+
+namespace {
+
+// Writes the digits of v in `base` backwards from `end`; returns the start.
+char* render(unsigned long long v, unsigned base, char* end) {
+    static const char kDigits[] = "0123456789abcdef";
+    do {
+        *--end = kDigits[v % base];
+        v /= base;
+    } while (v != 0);
+    return end;
+}
+
+}  // namespace
 
 Line::~Line() {
     text_[len_] = '\0';
@@ -39,22 +52,30 @@ Line& Line::operator<<(const char* s) {
 
 Line& Line::signed_value(long long v) {
     char digits[24];
-    const auto r = std::to_chars(digits, digits + sizeof digits, v);
-    return append(digits, static_cast<std::size_t>(r.ptr - digits));
+    char* const end = digits + sizeof digits;
+    // Negate in unsigned arithmetic so that the smallest value survives.
+    const unsigned long long magnitude =
+        v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+    char* start = render(magnitude, 10, end);
+    if (v < 0) *--start = '-';
+    return append(start, static_cast<std::size_t>(end - start));
 }
 
 Line& Line::unsigned_value(unsigned long long v) {
     char digits[24];
-    const auto r = std::to_chars(digits, digits + sizeof digits, v);
-    return append(digits, static_cast<std::size_t>(r.ptr - digits));
+    char* const end = digits + sizeof digits;
+    const char* start = render(v, 10, end);
+    return append(start, static_cast<std::size_t>(end - start));
 }
 
 Line& Line::operator<<(const void* p) {
     if (p == nullptr) return append("0", 1);
-    char digits[2 + 16] = {'0', 'x'};
-    const auto r = std::to_chars(digits + 2, digits + sizeof digits,
-                                 reinterpret_cast<unsigned long long>(p), 16);
-    return append(digits, static_cast<std::size_t>(r.ptr - digits));
+    char digits[24];
+    char* const end = digits + sizeof digits;
+    char* start = render(reinterpret_cast<unsigned long long>(p), 16, end);
+    *--start = 'x';
+    *--start = '0';
+    return append(start, static_cast<std::size_t>(end - start));
 }
 
 }  // namespace detail
