@@ -40,4 +40,11 @@ test-asan: deps
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j $(JOBS)
 
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN)
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_BENCH)
+
+# Benchmarks: every figure beside its baselines in one run, then a ratio table.
+BUILD_BENCH ?= build-bench
+bench: deps
+	cmake -S . -B $(BUILD_BENCH) -DCMAKE_BUILD_TYPE=Release -DLINNET_BENCH=ON -DLINNET_TESTS=OFF
+	cmake --build $(BUILD_BENCH) -j $(JOBS) --target linnet-bench
+	./$(BUILD_BENCH)/bench/linnet-bench --benchmark_min_time=0.5
