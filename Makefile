@@ -11,7 +11,7 @@ PKGS       := cmake g++ make pkg-config zlib1g-dev libboost-dev libgtest-dev lib
               libbenchmark-dev iproute2
 SUDO       := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps build demo test test-asan bench clean
+.PHONY: all deps build demo test test-asan bench abi clean
 
 all: build
 
@@ -48,3 +48,7 @@ bench: deps
 	cmake -S . -B $(BUILD_BENCH) -DCMAKE_BUILD_TYPE=Release -DLINNET_BENCH=ON -DLINNET_TESTS=OFF
 	cmake --build $(BUILD_BENCH) -j $(JOBS) --target linnet-bench
 	./$(BUILD_BENCH)/bench/linnet-bench --benchmark_min_time=0.5
+
+# Record the exported API after a deliberate change.
+abi: build
+	tests/abi/symbols.sh $(BUILD)/liblinnet.so > abi/linnet.symbols
