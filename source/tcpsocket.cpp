@@ -48,10 +48,14 @@ int TCPSocket::Open() {
         return -err;
     }
     const int one = 1;
-    if (::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) < 0)
-        LOG_STREAM(11) << "can't set 'SO_REUSEADDR' option on fd_ " << fd_ << " (code " << errno << ")";
-    if (::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &kLingerOneSecond, sizeof kLingerOneSecond) < 0)
-        LOG_STREAM(11) << "can't set 'SO_LINGER' option on fd_ " << fd_ << " (code " << errno << ")";
+    if (::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) < 0) {
+        const int err = errno;  // before the message allocates
+        LOG_STREAM(11) << "can't set 'SO_REUSEADDR' option on fd_ " << fd_ << " (code " << err << ")";
+    }
+    if (::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &kLingerOneSecond, sizeof kLingerOneSecond) < 0) {
+        const int err = errno;
+        LOG_STREAM(11) << "can't set 'SO_LINGER' option on fd_ " << fd_ << " (code " << err << ")";
+    }
 
     int size = 0;
     socklen_t len = sizeof size;
@@ -85,8 +89,10 @@ int TCPSocket::OpenFD(int fd, unsigned short port) {
                       << "), exiting";
         return -err;
     }
-    if (::setsockopt(fd, SOL_SOCKET, SO_LINGER, &kLingerOneSecond, sizeof kLingerOneSecond) < 0)
-        LOG_STREAM(11) << "can't set 'SO_LINGER' option on fd_ " << fd << " (code " << errno << ")";
+    if (::setsockopt(fd, SOL_SOCKET, SO_LINGER, &kLingerOneSecond, sizeof kLingerOneSecond) < 0) {
+        const int err = errno;
+        LOG_STREAM(11) << "can't set 'SO_LINGER' option on fd_ " << fd << " (code " << err << ")";
+    }
     fd_ = fd;
     // The descriptor is passed but the format has no conversion for it.
     LOG_FORMAT("OpenFD", 11, "copied fd_ = ", fd_);
@@ -102,7 +108,7 @@ int TCPSocket::OpenFD(int fd, unsigned short port) {
     len = sizeof size;
     if (::getsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, &len) == 0) {
         rcvBufSize_ = size;
-        LOG_STREAM(11) << "current recv buffer size=" << size << " on fd_ " << fd_;
+        LOG_STREAM(11) << "current recv buffer size=" << size << " on fd_ = " << fd_;
     } else {
         rcvBufSize_ = 8192;
     }
@@ -166,9 +172,11 @@ int TCPSocket::SetSndBufSize(int size) {
     if (::getsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &current, &len) == 0)
         LOG_STREAM(11) << "current send buffer size=" << current << " on fd_ " << fd_;
     const int r = ::setsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-    if (r < 0)
+    if (r < 0) {
+        const int err = errno;
         LOG_STREAM(1) << "Can't set send buffer size to " << size << " on fd_ " << fd_
-                      << " (quorlix::lasterror() " << errno << ")";
+                      << " (quorlix::lasterror() " << err << ")";
+    }
     LOG_STREAM(11) << "set send buffer size to " << size << " on fd_ " << fd_;
     sndBufSize_ = size;
     return r;
@@ -180,9 +188,11 @@ int TCPSocket::SetRcvBufSize(int size) {
     if (::getsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &current, &len) == 0)
         LOG_STREAM(11) << "current recv buffer size=" << current << " on fd_ " << fd_;
     const int r = ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    if (r < 0)
+    if (r < 0) {
+        const int err = errno;
         LOG_STREAM(1) << "Can't set recv buffer size to " << size << " on fd_ " << fd_
-                      << " (quorlix::lasterror() " << errno << ")";
+                      << " (quorlix::lasterror() " << err << ")";
+    }
     LOG_STREAM(11) << "set recv buffer size to " << size << " on fd_ " << fd_;
     rcvBufSize_ = size;
     return r;

@@ -41,8 +41,8 @@ public:
     int SetSndBufSize(int size) override;
     int SetRcvBufSize(int size) override;
     // Adopts a connected descriptor: 0; -22 when this object already has one
-    // (nothing touched); -errno when a descriptor flag cannot be set (the
-    // descriptor is then neither adopted nor closed). A nonzero port is
+    // (nothing touched); -errno when a descriptor flag cannot be set, e.g.
+    // -9 for a negative or closed fd (which is then neither adopted nor closed). A nonzero port is
     // stored in port_. SO_REUSEADDR is not set.
     int OpenFD(int fd, unsigned short port) override;
 
