@@ -7,5 +7,6 @@
 #include <linnet/socket.h>
 #include <linnet/tcpsocket.h>
 #include <linnet/stream.h>
+#include <linnet/sockgroup.h>
 
 #endif
