@@ -6,6 +6,8 @@
 #include <linnet/addr.h>
 #include <linnet/socket.h>
 #include <linnet/tcpsocket.h>
+#include <linnet/stream.h>
+#include <linnet/sockgroup.h>
 #include <linnet/compress.h>
 
 #endif
