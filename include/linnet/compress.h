@@ -33,13 +33,15 @@
 //  2. Switching compression off and on again does not reset the count of raw
 //     input bytes held: unconsumed compressed input at the moment of
 //     switching off reappears after the next switch on as that many zero
-//     bytes at the start of the new raw buffer, which inflate takes for
-//     received data. Switch only where all compressed input has been
-//     consumed (for instance right after a complete block was read).
+//     bytes (at most the new buffer's size) at the start of the new raw
+//     buffer, which inflate takes for received data. Switch only where all
+//     compressed input has been consumed (for instance right after a
+//     complete block was read, with both ends' output fully flushed).
 #ifndef LINNET_COMPRESS_H
 #define LINNET_COMPRESS_H
 
 #include <linnet/logger.h>
+#include <linnet/stream.h>
 #include <linnet/tcpsocket.h>
 
 struct z_stream_s;  // zlib's z_stream; zlib.h is needed only by the library
@@ -201,6 +203,23 @@ protected:
 
 private:
     int RawCapacity() const;  // size of rawIn_: the decompressor's slab / 5
+};
+
+// A SockStream over a CompressedTCPSocket: exact-count timed Read/Write and
+// the block framing, through the socket's compression when it is on. After
+// writing, call Flush (or the socket's FullFlush) so the peer can decode what
+// was written; a block is not pushed out by WriteBlock alone.
+class LINNET_API CompressedSockStream : public SockStream {
+public:
+    CompressedSockStream(CompressedTCPSocket* sock, unsigned timeout_us, unsigned final_timeout_s);
+    // Pushes the compressor's output with one attempt: the socket's Flush()
+    // result (bytes sent, 0, a negative code; -255 with compression off).
+    // What the socket does not take now waits for the next Write or Flush;
+    // the socket's FullFlush sends everything. `sock` must not be null.
+    // Hides SockStream::Flush, which discards input; ReadBlock still calls
+    // that one after a failed allocation.
+    int Flush();
+    CompressedTCPSocket* GetCompressedSock();
 };
 
 #endif

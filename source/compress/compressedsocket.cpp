@@ -176,3 +176,14 @@ void CompressedTCPSocket::GetCompressionStats(int* in_compressed, int* out_plain
         *out_compressed = on ? static_cast<int>(compressor_->GetBytesOut()) : 0;
     if (in_plain != nullptr) *in_plain = on ? static_cast<int>(compressor_->GetBytesIn()) : 0;
 }
+
+CompressedSockStream::CompressedSockStream(CompressedTCPSocket* sock, unsigned timeout_us,
+                                           unsigned final_timeout_s)
+    : SockStream(sock, timeout_us, final_timeout_s) {}
+
+int CompressedSockStream::Flush() { return GetCompressedSock()->Flush(); }
+
+CompressedTCPSocket* CompressedSockStream::GetCompressedSock() {
+    // The constructor only ever stores a CompressedTCPSocket.
+    return static_cast<CompressedTCPSocket*>(sock_);
+}
