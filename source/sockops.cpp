@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/select.h>
 
+#include <algorithm>
 #include <vector>
 
 namespace linnet {
@@ -77,11 +78,15 @@ int wait_poll(WaitItem* items, std::size_t count, const timeval* timeout) {
         if (items[i].events & POLL_READ) ev |= POLLIN;
         if (items[i].events & POLL_WRITE) ev |= POLLOUT;
         if (items[i].events & POLL_EXCEPT) ev |= POLLPRI;
-        fds.push_back(pollfd{items[i].fd, ev, 0});
+        // An entry asking for nothing is in no select set: poll ignores a
+        // negative fd, so it cannot report POLLNVAL or POLLHUP for it.
+        fds.push_back(pollfd{ev != 0 ? items[i].fd : -1, ev, 0});
     }
     const int n = ppoll(fds.data(), fds.size(), tsp, nullptr);
     if (n <= 0) return n;
-    int hits = 0;
+    // select counts one hit per (descriptor, set), however many items name
+    // the descriptor: collect the hits and count the distinct ones.
+    std::vector<long long> hits;
     std::size_t k = 0;
     for (std::size_t i = 0; i < count; ++i) {
         if (items[i].fd < 0) continue;
@@ -93,9 +98,10 @@ int wait_poll(WaitItem* items, std::size_t count, const timeval* timeout) {
         }
         items[i].ready = select_bits(p.revents, items[i].events);
         for (int bit = POLL_READ; bit <= POLL_EXCEPT; bit <<= 1)
-            if (items[i].ready & bit) ++hits;
+            if (items[i].ready & bit) hits.push_back(static_cast<long long>(items[i].fd) * 8 + bit);
     }
-    return hits;
+    std::sort(hits.begin(), hits.end());
+    return static_cast<int>(std::unique(hits.begin(), hits.end()) - hits.begin());
 }
 
 }  // namespace

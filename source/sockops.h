@@ -28,9 +28,11 @@ struct WaitItem {
 // the bits it asked for and got. Returns select's count (one per set a
 // descriptor is ready in), 0 on time-out, or -1 with errno set (EINTR when
 // interrupted). A null timeout waits without limit; the timeout is passed on
-// unnormalised. Items with a negative fd are skipped. When every fd is below
-// FD_SETSIZE this is one select(); otherwise one ppoll() with the same
-// answers, so no fd_set is ever indexed out of range.
+// unnormalised. Items with a negative fd are skipped (on the poll path also
+// items asking for nothing). When every fd is below FD_SETSIZE this is one
+// select(); otherwise one ppoll() with the same answers and count (a
+// descriptor named by two items still counts once per set), so no fd_set is
+// ever indexed out of range.
 int wait_ready(WaitItem* items, std::size_t count, const timeval* timeout);
 
 }  // namespace sys

@@ -7,5 +7,8 @@
 #include <linnet/socket.h>
 #include <linnet/tcpsocket.h>
 #include <linnet/udpsocket.h>
+#include <linnet/sockgroup.h>
+#include <linnet/stream.h>
+#include <linnet/compress.h>
 
 #endif

@@ -20,9 +20,11 @@ const int INIT_BOUND = 0x2;      // Bind succeeded
 const int INIT_LISTENING = 0x4;  // TCPSocket::Listen succeeded
 
 class CSockGroup;
+class SockStream;
 
 class LINNET_API NonBlockSocket {
     friend class CSockGroup;
+    friend class SockStream;  // prints fd_ in its traces
 
 public:
     // Opens nothing: fd_ -1, events_ = events, everything else 0.

@@ -1,0 +1,189 @@
+#include <linnet/compress.h>
+
+#include <climits>
+#include <cstring>
+#include <memory>
+
+#include "logger/log.h"
+
+static const char kLogFile[] = "source/compress/compressedsocket";
+
+namespace {
+
+// -255: this class's own code for a call made in the wrong state.
+const int kWrongState = -255;
+
+}  // namespace
+
+CompressedTCPSocket::CompressedTCPSocket()
+    : TCPSocket(), compressionOn_(0), compressor_(nullptr), decompressor_(nullptr), rawIn_(nullptr),
+      rawInFill_(0) {}
+
+CompressedTCPSocket::~CompressedTCPSocket() {
+    if (compressionOn_) CleanupCompression();
+}
+
+int CompressedTCPSocket::RawCapacity() const {
+    return decompressor_ != nullptr ? decompressor_->slabSize_ / 5 : 0;
+}
+
+int CompressedTCPSocket::InitCompression() {
+    if (compressionOn_) {
+        LOG_STREAM(3) << "compression already on for fd_ " << fd_;
+        return kWrongState;
+    }
+    // The raw buffer's size is recovered later as the decompressor's slab
+    // size / 5, so the product must stay an exact int.
+    int rcv = rcvBufSize_ < 0 ? 0 : rcvBufSize_;
+    if (rcv > INT_MAX / 5) rcv = INT_MAX / 5;
+    compressor_ = new CStreamCompressor;
+    compressor_->Init(sndBufSize_);
+    decompressor_ = new CStreamDecompressor;
+    decompressor_->Init(5 * rcv);
+    // Zero-filled: a fill count kept from an earlier switch-on then covers
+    // known bytes, never uninitialised memory.
+    rawIn_ = new unsigned char[rcv]();
+    compressionOn_ = 1;
+    LOG_STREAM(11) << "compression on for fd_ " << fd_ << " (send slab " << sndBufSize_
+                   << ", receive slab " << 5 * rcv << ")";
+    return 0;
+}
+
+int CompressedTCPSocket::CleanupCompression() {
+    if (!compressionOn_) {
+        LOG_STREAM(3) << "compression already off for fd_ " << fd_;
+        return kWrongState;
+    }
+    FullFlush();
+    compressor_->Cleanup();
+    decompressor_->Cleanup();
+    delete compressor_;
+    delete decompressor_;
+    delete[] rawIn_;
+    compressor_ = nullptr;
+    decompressor_ = nullptr;
+    rawIn_ = nullptr;
+    compressionOn_ = 0;
+    LOG_STREAM(11) << "compression off for fd_ " << fd_;
+    return 0;
+}
+
+int CompressedTCPSocket::SwitchCompression(int on) {
+    return on ? InitCompression() : CleanupCompression();
+}
+
+int CompressedTCPSocket::Write(void* buf, int len) {
+    if (!compressionOn_) return TCPSocket::Write(buf, len);
+    const int accepted = compressor_->Write(static_cast<char*>(buf), len);
+    // Send straight from the slab while the socket takes anything.
+    for (;;) {
+        char* p = nullptr;
+        const int pending = compressor_->TryRead(&p);
+        if (pending == 0) break;
+        const int w = TCPSocket::Write(p, pending);
+        if (w < 0) return w;
+        if (w == 0) break;
+        compressor_->ConfirmRead(w);
+    }
+    return accepted;
+}
+
+int CompressedTCPSocket::Read(void* buf, int len) {
+    if (!compressionOn_) return TCPSocket::Read(buf, len);
+    // A fill count kept across an off-on cycle may exceed a smaller new
+    // buffer: the bytes counted never lie outside it.
+    const int capacity = RawCapacity();
+    if (rawInFill_ > capacity) rawInFill_ = capacity;
+    if (rawInFill_ < 0) rawInFill_ = 0;
+    if (rawInFill_ < capacity) {
+        // To the START of the buffer, over any unconsumed bytes: kept as it
+        // is (see the header).
+        const int r = TCPSocket::Read(rawIn_, capacity - rawInFill_);
+        if (r < 0) return r;
+        rawInFill_ += r;
+    }
+    const int used = decompressor_->Write(reinterpret_cast<char*>(rawIn_), rawInFill_);
+    if (used != 0) {
+        const int rest = rawInFill_ - used;
+        std::unique_ptr<unsigned char[]> tmp(new unsigned char[rest]);
+        if (rest > 0) {
+            std::memcpy(tmp.get(), rawIn_ + used, static_cast<size_t>(rest));
+            std::memcpy(rawIn_, tmp.get(), static_cast<size_t>(rest));
+        }
+        rawInFill_ = rest;
+    }
+    return decompressor_->Read(static_cast<char*>(buf), len);
+}
+
+int CompressedTCPSocket::Poll(int events, int seconds, int microseconds) {
+    if (!compressionOn_) return TCPSocket::Poll(events, seconds, microseconds);
+    int left = events;
+    int known = 0;
+    if ((events & POLL_READ) && decompressor_->TryRead(nullptr) > 0) {
+        known |= POLL_READ;
+        left &= ~POLL_READ;
+    }
+    if ((events & POLL_WRITE) && compressor_->TryRead(nullptr) < sndBufSize_) {
+        known |= POLL_WRITE;
+        left &= ~POLL_WRITE;
+    }
+    if (left == 0) return known;
+    return known | NonBlockSocket::Poll(left, seconds, microseconds);
+}
+
+int CompressedTCPSocket::Flush() {
+    if (!compressionOn_) {
+        LOG_STREAM(3) << "flush with compression off on fd_ " << fd_;
+        return kWrongState;
+    }
+    compressor_->Flush();
+    char* p = nullptr;
+    const int pending = compressor_->TryRead(&p);
+    if (pending == 0) return 0;
+    const int w = TCPSocket::Write(p, pending);
+    if (w < 1) return w;
+    return compressor_->ConfirmRead(w);
+}
+
+int CompressedTCPSocket::FullFlush() {
+    if (!compressionOn_) {
+        LOG_STREAM(3) << "full flush with compression off on fd_ " << fd_;
+        return kWrongState;
+    }
+    compressor_->Flush();
+    for (;;) {
+        char* p = nullptr;
+        const int pending = compressor_->TryRead(&p);
+        if (pending < 1) return pending;
+        int r;
+        do {
+            r = NonBlockSocket::Poll(POLL_WRITE, 0, 0);
+            if (r < 0) return r;
+        } while (r != POLL_WRITE);
+        const int w = TCPSocket::Write(p, pending);
+        if (w < 0) return w;
+        compressor_->ConfirmRead(w);
+    }
+}
+
+void CompressedTCPSocket::GetCompressionStats(int* in_compressed, int* out_plain,
+                                              int* out_compressed, int* in_plain) {
+    const bool on = compressionOn_ != 0;
+    if (in_compressed != nullptr)
+        *in_compressed = on ? static_cast<int>(decompressor_->GetBytesIn()) : 0;
+    if (out_plain != nullptr) *out_plain = on ? static_cast<int>(decompressor_->GetBytesOut()) : 0;
+    if (out_compressed != nullptr)
+        *out_compressed = on ? static_cast<int>(compressor_->GetBytesOut()) : 0;
+    if (in_plain != nullptr) *in_plain = on ? static_cast<int>(compressor_->GetBytesIn()) : 0;
+}
+
+CompressedSockStream::CompressedSockStream(CompressedTCPSocket* sock, unsigned timeout_us,
+                                           unsigned final_timeout_s)
+    : SockStream(sock, timeout_us, final_timeout_s) {}
+
+int CompressedSockStream::Flush() { return GetCompressedSock()->Flush(); }
+
+CompressedTCPSocket* CompressedSockStream::GetCompressedSock() {
+    // The constructor only ever stores a CompressedTCPSocket.
+    return static_cast<CompressedTCPSocket*>(sock_);
+}

@@ -1,0 +1,368 @@
+#include <linnet/compress.h>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <chrono>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "capture_host.h"
+#include "net_helpers.h"
+#include "text_like.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Exposes the protected state the tests check.
+class Probe : public CompressedTCPSocket {
+public:
+    int Buffered() { return decompressor_->TryRead(nullptr); }
+    int Fill() const { return rawInFill_; }
+    int RcvBuf() const { return rcvBufSize_; }
+    const void* Compressor() const { return compressor_; }
+};
+
+// Two compressed-capable ends of one loopback connection, compression off.
+struct Conn {
+    Probe a, b;
+    Conn() {
+        testnet::Pair p = testnet::MakeTcpPair();
+        a.OpenFD(p.client.release(), 0);
+        b.OpenFD(p.server.release(), 0);
+    }
+};
+
+// Offers all of data, waiting with Poll; false on error or after 20 s.
+bool SendAll(CompressedTCPSocket* s, const char* data, size_t len) {
+    const auto deadline = Clock::now() + std::chrono::seconds(20);
+    for (size_t done = 0; done < len;) {
+        if (Clock::now() > deadline) return false;
+        const int w = s->Write(const_cast<char*>(data) + done, static_cast<int>(len - done));
+        if (w < 0) return false;
+        done += w;
+        if (w == 0 && s->Poll(POLL_WRITE, 0, 100000) < 0) return false;
+    }
+    return true;
+}
+
+// Reads exactly n bytes in pieces of random sizes (1 byte included); the
+// result is shorter on error, end of stream or after 20 s.
+std::string RecvExactly(CompressedTCPSocket* s, size_t n, std::mt19937* rng) {
+    std::string out;
+    std::vector<char> buf(70000);
+    const auto deadline = Clock::now() + std::chrono::seconds(20);
+    while (out.size() < n && Clock::now() < deadline) {
+        const size_t piece = (*rng)() % 4 ? 1 + (*rng)() % 70000 : 1;
+        const size_t want = std::min(n - out.size(), piece);
+        const int r = s->Read(buf.data(), static_cast<int>(want));
+        if (r < 0) break;
+        if (r > 0) out.append(buf.data(), r);
+        else if (s->Poll(POLL_READ, 0, 100000) < 0) break;
+    }
+    return out;
+}
+
+// Size of deflate(data) followed by a sync flush, from a fresh stream.
+int FlushedSize(const std::string& data) {
+    z_stream z{};
+    deflateInit(&z, Z_DEFAULT_COMPRESSION);
+    std::vector<unsigned char> out(deflateBound(&z, data.size()) + 64);
+    z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+    z.avail_in = static_cast<uInt>(data.size());
+    z.next_out = out.data();
+    z.avail_out = static_cast<uInt>(out.size());
+    deflate(&z, Z_NO_FLUSH);
+    deflate(&z, Z_SYNC_FLUSH);
+    deflateEnd(&z);
+    return static_cast<int>(out.size() - z.avail_out);
+}
+
+// One round trip of `total` text-like bytes: the writer sends bursts of
+// random pieces with Flush at random points, ends each burst with FullFlush
+// and waits for the reader's one-byte acknowledgement (compressed too), so
+// each burst must be readable without the writer sending more.
+void RoundTrip(size_t total, unsigned seed) {
+    const std::string text = testdata::TextLike(total, seed);
+    Conn c;
+    c.a.SetNoDelay(1);  // the one-byte acknowledgements must not wait for Nagle
+    c.b.SetNoDelay(1);
+    ASSERT_EQ(c.a.SwitchCompression(1), 0);
+    ASSERT_EQ(c.b.SwitchCompression(1), 0);
+    // Bursts stay below five receive buffers: see the kept hazard.
+    const size_t burst_max = std::min<size_t>(256 * 1024, 4 * static_cast<size_t>(c.b.RcvBuf()));
+    std::mt19937 plan(seed);
+    std::vector<size_t> bursts;
+    for (size_t left = total; left > 0;) {
+        bursts.push_back(std::min<size_t>(left, 1 + plan() % burst_max));
+        left -= bursts.back();
+    }
+    const auto start = Clock::now();
+    bool sent = true;
+    std::thread writer([&] {
+        std::mt19937 rng(seed + 1);
+        size_t off = 0;
+        for (size_t burst : bursts) {
+            for (size_t end = off + burst; off < end && sent;) {
+                const size_t piece = std::min<size_t>(end - off, 1 + rng() % 20000);
+                sent = SendAll(&c.a, text.data() + off, piece);
+                off += piece;
+                if (rng() % 3 == 0 && c.a.Flush() < 0) sent = false;
+            }
+            sent = sent && c.a.FullFlush() == 0 && RecvExactly(&c.a, 1, &rng).size() == 1;
+            if (!sent) return;
+        }
+    });
+    std::mt19937 rng(seed + 2);
+    std::string got;
+    for (size_t burst : bursts) {
+        const std::string part = RecvExactly(&c.b, burst, &rng);
+        got += part;
+        char ack = 'k';
+        if (part.size() != burst || !SendAll(&c.b, &ack, 1) || c.b.FullFlush() != 0) break;
+    }
+    writer.join();
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    EXPECT_TRUE(sent);
+    ASSERT_EQ(got.size(), text.size());
+    EXPECT_TRUE(got == text) << "bytes differ";
+
+    int a_in_plain = 0, a_out_compressed = 0, b_in_compressed = 0, b_out_plain = 0;
+    c.a.GetCompressionStats(nullptr, nullptr, &a_out_compressed, &a_in_plain);
+    c.b.GetCompressionStats(&b_in_compressed, &b_out_plain, nullptr, nullptr);
+    EXPECT_EQ(static_cast<size_t>(a_in_plain), total);
+    EXPECT_EQ(static_cast<size_t>(b_out_plain), total);
+    EXPECT_EQ(b_in_compressed, a_out_compressed);
+    std::printf("round trip %zu bytes: ratio %.2f, %.1f MB/s plain, %zu bursts\n", total,
+                static_cast<double>(a_in_plain) / a_out_compressed, total / seconds / 1e6,
+                bursts.size());
+}
+
+}  // namespace
+
+TEST(CompressedTCPSocket, TextArrivesByteExactAcrossRandomFlushPoints) {
+    RoundTrip(1, 11);
+    RoundTrip(64 * 1024, 12);
+    RoundTrip(10 * 1024 * 1024, 13);
+}
+
+TEST(CompressedTCPSocket, OutputThatExactlyFillsTheCompressorSlabArrives) {
+    const int slab = 4096;
+    for (int over = -1; over <= 1; ++over) {
+        // A piece whose deflate output after the 2-byte header, sent by the
+        // first Write, is slab + over bytes at the flush.
+        std::string data;
+        for (unsigned seed = 1; seed < 30 && data.empty(); ++seed) {
+            const std::string noise = testdata::RandomBytes(4300, seed);
+            for (int len = 3900; len < 4300 && data.empty(); ++len)
+                if (FlushedSize(noise.substr(0, len)) == slab + 2 + over) data = noise.substr(0, len);
+        }
+        ASSERT_FALSE(data.empty());
+        Conn c;
+        c.a.SetSndBufSize(slab);
+        ASSERT_EQ(c.a.SwitchCompression(1), 0);
+        ASSERT_EQ(c.b.SwitchCompression(1), 0);
+        ASSERT_TRUE(SendAll(&c.a, data.data(), data.size()));
+        EXPECT_EQ(c.a.Flush(), std::min(slab, slab + over)) << "over " << over;
+        EXPECT_EQ(c.a.FullFlush(), 0);
+        std::mt19937 rng(over + 5);
+        EXPECT_TRUE(RecvExactly(&c.b, data.size(), &rng) == data) << "over " << over;
+    }
+}
+
+TEST(CompressedTCPSocket, PollAnswersFromBufferedStateWithoutTheSocket) {
+    Conn c;
+    c.a.SwitchCompression(1);
+    c.b.SwitchCompression(1);
+    const std::string text = testdata::TextLike(10000);
+    ASSERT_TRUE(SendAll(&c.a, text.data(), text.size()));
+    ASSERT_EQ(c.a.FullFlush(), 0);
+    std::mt19937 rng(1);
+    ASSERT_EQ(RecvExactly(&c.b, 10, &rng).size(), 10u);
+    ASSERT_GT(c.b.Buffered(), 0);  // decoded, not yet read; the socket is idle
+
+    capture::Scope log;
+    const auto start = Clock::now();
+    EXPECT_EQ(c.b.Poll(POLL_READ, 5, 0), POLL_READ);
+    EXPECT_EQ(c.b.Poll(POLL_READ | POLL_WRITE, 5, 0), POLL_READ | POLL_WRITE);
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
+    EXPECT_FALSE(capture::Contains("polling fd_"));
+
+    // Once everything is read, readability is the socket's again.
+    EXPECT_EQ(RecvExactly(&c.b, text.size() - 10, &rng), text.substr(10));
+    EXPECT_EQ(c.b.Poll(POLL_READ, 0, 50000), 0);
+    EXPECT_TRUE(capture::Contains("polling fd_"));
+}
+
+TEST(CompressedTCPSocket, WrongStateCallsReturnMinus255AndChangeNothing) {
+    Conn c;
+    int stats[4] = {7, 7, 7, 7};
+    EXPECT_EQ(c.a.SwitchCompression(0), -255);
+    EXPECT_EQ(c.a.Flush(), -255);
+    EXPECT_EQ(c.a.FullFlush(), -255);
+    c.a.GetCompressionStats(&stats[0], &stats[1], &stats[2], &stats[3]);
+    EXPECT_EQ(stats[0] + stats[1] + stats[2] + stats[3], 0);
+
+    ASSERT_EQ(c.a.SwitchCompression(1), 0);
+    const void* compressor = c.a.Compressor();
+    EXPECT_EQ(c.a.SwitchCompression(1), -255);
+    EXPECT_EQ(c.a.Compressor(), compressor);
+
+    // An idle compressor: the first full flush sends the stream header and
+    // an empty sync block, a second one sends nothing.
+    EXPECT_EQ(c.a.FullFlush(), 0);
+    c.a.GetCompressionStats(nullptr, nullptr, &stats[2], nullptr);
+    EXPECT_GT(stats[2], 0);
+    EXPECT_EQ(c.a.FullFlush(), 0);
+    int again = 0;
+    c.a.GetCompressionStats(nullptr, nullptr, &again, nullptr);
+    EXPECT_EQ(again, stats[2]);
+}
+
+TEST(CompressedTCPSocket, CompressionOffIsThePlainSocketAndErrorsPassThrough) {
+    testnet::Pair p = testnet::MakeTcpPair();
+    Probe s;
+    s.OpenFD(p.client.release(), 0);
+    char plain[] = "plain bytes";
+    EXPECT_EQ(s.Write(plain, 11), 11);
+    char got[16] = {};
+    ASSERT_TRUE(testnet::ReadAll(p.server.get(), got, 11));
+    EXPECT_EQ(std::string(got, 11), "plain bytes");
+    ASSERT_TRUE(testnet::WriteAll(p.server.get(), "back", 4));
+    EXPECT_EQ(s.Poll(POLL_READ, 2, 0), POLL_READ);
+    EXPECT_EQ(s.Read(got, 16), 4);
+
+    ASSERT_EQ(s.SwitchCompression(1), 0);
+    p.server.reset();  // the peer closes
+    EXPECT_EQ(s.Poll(POLL_READ, 2, 0), POLL_READ);
+    EXPECT_EQ(s.Read(got, 16), -32);
+    int r = 0;  // the first send after the close draws the reset
+    for (int i = 0; i < 10 && r >= 0; ++i) {
+        EXPECT_EQ(s.Write(plain, 11), 11);
+        r = s.Flush();
+    }
+    EXPECT_EQ(r, -14);
+    s.Close();
+    EXPECT_EQ(s.Write(plain, 11), -22);  // output the failed flush left behind
+    EXPECT_EQ(s.Flush(), -22);
+    EXPECT_EQ(s.FullFlush(), -22);
+    EXPECT_EQ(s.Read(got, 16), -22);
+}
+
+TEST(CompressedTCPSocket, CorruptInputEndsInReadReturningZero) {
+    // A valid stream of two flushed pieces; the second piece's block header
+    // is turned into the reserved block type.
+    const std::string one = testdata::TextLike(5000, 3), two = testdata::TextLike(5000, 4);
+    CStreamCompressor z;
+    z.Init(65536);
+    std::string packed(65536, '\0');
+    z.Write(const_cast<char*>(one.data()), 5000);
+    z.Flush();
+    const int first = z.Read(&packed[0], 65536);
+    z.Write(const_cast<char*>(two.data()), 5000);
+    z.Flush();
+    packed.resize(first + z.Read(&packed[first], 65536 - first));
+    packed[first] = static_cast<char>((packed[first] & ~7) | 6);
+
+    testnet::Pair p = testnet::MakeTcpPair();
+    Probe s;
+    s.OpenFD(p.server.release(), 0);
+    s.SwitchCompression(1);
+    ASSERT_TRUE(testnet::WriteAll(p.client.get(), packed.data(), packed.size()));
+    std::mt19937 rng(9);
+    EXPECT_EQ(RecvExactly(&s, one.size(), &rng), one);
+    ASSERT_TRUE(testnet::WriteAll(p.client.get(), packed.data() + first, packed.size() - first));
+    char buf[4096];
+    int zeros = 0;
+    for (int i = 0; i < 50; ++i) {
+        const int r = s.Read(buf, sizeof buf);
+        EXPECT_GE(r, 0);
+        zeros += r == 0;
+        s.Poll(POLL_READ, 0, 10000);
+    }
+    EXPECT_EQ(zeros, 50);
+}
+
+TEST(CompressedTCPSocket, KeptHazardsCorruptTheStreamButStayInsideTheBuffers) {
+    Conn c;
+    c.b.SetRcvBufSize(4096);  // raw buffer 4096, decompressor slab 20480
+    c.a.SwitchCompression(1);
+    c.b.SwitchCompression(1);
+    const std::string zeros(1 << 20, '\0');  // compresses about 1000:1
+    ASSERT_TRUE(SendAll(&c.a, zeros.data(), zeros.size()));
+    ASSERT_EQ(c.a.FullFlush(), 0);
+    ASSERT_EQ(c.b.Poll(POLL_READ, 2, 0), POLL_READ);
+    char byte;
+    ASSERT_EQ(c.b.Read(&byte, 1), 1);  // a slow reader: the slab fills up
+    ASSERT_GT(c.b.Fill(), 0);          // compressed input left over
+    ASSERT_TRUE(SendAll(&c.a, zeros.data(), zeros.size()));
+    ASSERT_EQ(c.a.FullFlush(), 0);
+    // New input lands on the leftover: the stream ends well short of 2 MiB.
+    std::vector<char> buf(1 << 16);
+    size_t got = 0;
+    for (int i = 0; i < 2000; ++i) {
+        const int r = c.b.Read(buf.data(), static_cast<int>(buf.size()));
+        ASSERT_GE(r, 0);
+        got += r;
+        if (r == 0 && c.b.Poll(POLL_READ, 0, 10000) == 0) break;
+    }
+    EXPECT_LT(got, 2 * zeros.size() - 1);
+
+    // Off and on again keeps the fill count; a smaller new buffer bounds it.
+    const int fill = c.b.Fill();
+    ASSERT_GT(fill, 1024);
+    c.b.SetRcvBufSize(1024);
+    ASSERT_EQ(c.b.SwitchCompression(0), 0);
+    ASSERT_EQ(c.b.SwitchCompression(1), 0);
+    EXPECT_EQ(c.b.Fill(), fill);
+    EXPECT_EQ(c.b.Read(buf.data(), 100), 0);
+    EXPECT_LE(c.b.Fill(), 1024);
+}
+
+TEST(CompressedSockStream, FramedBlocksSurviveSwitchingCompressionOnAndOff) {
+    Conn c;
+    CompressedSockStream sa(&c.a, 1000000, 5), sb(&c.b, 1000000, 5);
+    EXPECT_EQ(sa.GetCompressedSock(), &c.a);
+    unsigned char* body = nullptr;
+    unsigned size = 0;
+    auto read_block = [&](CompressedSockStream* s) {
+        body = nullptr;
+        size = 0;
+        const int r = s->ReadBlock(&body, &size, 1 << 20);
+        std::string out = r == 0 && body ? std::string(reinterpret_cast<char*>(body), size) : "";
+        delete[] body;
+        return r == 0 ? out : "<failed>";
+    };
+    // A plain handshake each way, then both ends switch on where it ends.
+    char hello[] = "hello, compress?", yes[] = "yes";
+    ASSERT_EQ(sa.WriteBlock(hello, 16), 0);
+    ASSERT_EQ(read_block(&sb), hello);
+    ASSERT_EQ(sb.WriteBlock(yes, 3), 0);
+    ASSERT_EQ(c.b.SwitchCompression(1), 0);
+    ASSERT_EQ(read_block(&sa), yes);
+    ASSERT_EQ(c.a.SwitchCompression(1), 0);
+
+    std::vector<std::string> blocks;
+    for (size_t n : {0, 1, 4, 1000, 65536, 200000}) blocks.push_back(testdata::TextLike(n, n));
+    for (auto& b : blocks) {
+        ASSERT_EQ(sa.WriteBlock(&b[0], static_cast<unsigned>(b.size())), 0);
+        EXPECT_GE(sa.Flush(), 0);
+    }
+    ASSERT_EQ(c.a.FullFlush(), 0);
+    for (auto& b : blocks) EXPECT_TRUE(read_block(&sb) == b) << b.size();
+    ASSERT_EQ(sb.WriteBlock(&blocks[3][0], 1000), 0);
+    EXPECT_GT(sb.Flush(), 0);  // one attempt into an idle socket takes it all
+    EXPECT_TRUE(read_block(&sa) == blocks[3]);
+
+    // Off again where the compressed blocks end; plain blocks follow.
+    EXPECT_EQ(c.b.Fill(), 0);
+    ASSERT_EQ(c.a.SwitchCompression(0), 0);
+    ASSERT_EQ(c.b.SwitchCompression(0), 0);
+    ASSERT_EQ(sa.WriteBlock(hello, 16), 0);
+    EXPECT_EQ(read_block(&sb), hello);
+}
