@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -114,6 +115,15 @@ namespace {
 
 // Child bodies of the tests below: exit 0 when the table behaved.
 void TableWithoutDescriptors() {
+    // UBSan opens a pipe the first time it checks a class's vptr: let the
+    // library log once while descriptors can still be opened. A record whose
+    // interface does not exist changes nothing in the kernel.
+    {
+        CNetworkInterfaceInfo table;
+        __NETIF_IFINFO gone = {};
+        std::strcpy(gone.name, "linnet-gone0");
+        if (table.SetNetmask(&gone, -256) != -ENODEV || gone.netmask != 0) std::_Exit(2);
+    }
     rlimit none;
     none.rlim_cur = none.rlim_max = 0;
     if (setrlimit(RLIMIT_NOFILE, &none) != 0) std::_Exit(3);
