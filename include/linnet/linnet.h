@@ -10,5 +10,6 @@
 #include <linnet/sockgroup.h>
 #include <linnet/stream.h>
 #include <linnet/compress.h>
+#include <linnet/netif.h>
 
 #endif

@@ -1,0 +1,342 @@
+#include <linnet/netif.h>
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "logger/log.h"
+#include "sockops.h"
+#include "unix/devnames.h"
+
+static const char kLogFile[] = "source/unix/netif";
+
+namespace {
+
+const int kMaxIfaces = 128;
+// SIOCGIFCONF answer: room for 128 requests of 40 bytes.
+const int kConfBytes = kMaxIfaces * static_cast<int>(sizeof(ifreq));
+const char kProcNetDev[] = "/proc/net/dev";
+const int kLineBytes = 512;
+
+static_assert(sizeof(ifreq) == 40, "an interface request is 40 bytes on this platform");
+
+// Copies a name with the kernel's bound: at most 15 characters, then a zero.
+void copy_name(char* dst, const char* src) {
+    const std::size_t n = strnlen(src, linnet::netif::kNameSize - 1);
+    std::memcpy(dst, src, n);
+    dst[n] = '\0';
+}
+
+// A request for `name` carrying an AF_INET address (network order), port 0.
+ifreq address_request(const char* name, unsigned int address) {
+    ifreq req;
+    std::memset(&req, 0, sizeof req);
+    copy_name(req.ifr_name, name);
+    sockaddr_in sin;
+    std::memset(&sin, 0, sizeof sin);
+    sin.sin_family = AF_INET;
+    sin.sin_port = 0;
+    sin.sin_addr.s_addr = address;
+    std::memcpy(&req.ifr_addr, &sin, sizeof sin);
+    return req;
+}
+
+// The IPv4 address held in a request's address field, host order.
+unsigned int request_address(const ifreq& req) {
+    sockaddr_in sin;
+    std::memcpy(&sin, &req.ifr_addr, sizeof sin);
+    return ntohl(sin.sin_addr.s_addr);
+}
+
+// Whether `full` is `name` itself or one of its aliases "name:...".
+bool is_name_or_alias(const char* full, const char* name) {
+    const std::size_t n = std::strlen(name);
+    return std::strncmp(full, name, n) == 0 && (full[n] == '\0' || full[n] == ':');
+}
+
+}  // namespace
+
+CNetworkInterfaceInfo::CNetworkInterfaceInfo() : count_(0), fd_(-1) {
+    fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd_ < 0) {
+        const int err = errno;
+        fd_ = -1;
+        LOG_STREAM(1) << "can't create the interface control socket (errno " << err << ")";
+    }
+    for (int i = 0; i < kMaxIfaces; ++i) info_[i] = nullptr;
+    Read();
+}
+
+CNetworkInterfaceInfo::~CNetworkInterfaceInfo() {
+    Clear();
+    if (fd_ != -1) ::close(fd_);
+}
+
+void CNetworkInterfaceInfo::Clear() {
+    for (int i = 0; i < count_; ++i) {
+        delete info_[i];
+        info_[i] = nullptr;
+    }
+    count_ = 0;
+}
+
+void CNetworkInterfaceInfo::Read() {
+    Clear();
+    if (fd_ == -1) return;
+
+    // Pass 1: every configured IPv4 address, with what the kernel says about
+    // its interface. A refused request leaves the previous answer in `req`,
+    // and that is what gets stored.
+    std::unique_ptr<char[]> conf(new char[kConfBytes]());
+    ifconf ic;
+    ic.ifc_len = kConfBytes;
+    ic.ifc_buf = conf.get();
+    if (::ioctl(fd_, SIOCGIFCONF, &ic) < 0) return;
+    int entries = ic.ifc_len / static_cast<int>(sizeof(ifreq));
+    if (entries > kMaxIfaces) entries = kMaxIfaces;  // the kernel stays within ifc_len
+    for (int i = 0; i < entries; ++i) {
+        ifreq req;
+        std::memcpy(&req, conf.get() + i * sizeof(ifreq), sizeof req);
+        req.ifr_name[IFNAMSIZ - 1] = '\0';
+        __NETIF_IFINFO* rec = new __NETIF_IFINFO();
+        info_[count_++] = rec;
+        copy_name(rec->name, req.ifr_name);
+        rec->ip = request_address(req);
+        ::ioctl(fd_, SIOCGIFNETMASK, &req);
+        rec->netmask = request_address(req);
+        ::ioctl(fd_, SIOCGIFBRDADDR, &req);
+        rec->broadcast = request_address(req);
+        ::ioctl(fd_, SIOCGIFHWADDR, &req);
+        std::memcpy(rec->ether, req.ifr_hwaddr.sa_data, sizeof rec->ether);
+        ::ioctl(fd_, SIOCGIFFLAGS, &req);
+        rec->flags = static_cast<unsigned long long>(static_cast<long long>(req.ifr_flags));
+        ::ioctl(fd_, SIOCGIFINDEX, &req);
+        rec->index = req.ifr_ifindex;
+    }
+    conf.reset();
+
+    // Pass 2: the interfaces the kernel names without an IPv4 address.
+    linnet::netif::LineReader dev(kProcNetDev);
+    if (!dev.ok()) {
+        LOG_FORMAT("CNetworkInterfaceInfo::Read", 1, "Can't open %s for read ", kProcNetDev);
+        return;
+    }
+    char line[kLineBytes];
+    if (!dev.next(line, sizeof line) || !dev.next(line, sizeof line)) return;
+    int left_out = 0;
+    while (dev.next(line, sizeof line)) {
+        char name[linnet::netif::kNameSize];
+        get_name(name, line);
+        if (name[0] == '\0' || !check_ifaces(name)) continue;
+        if (count_ == kMaxIfaces) {
+            ++left_out;
+            continue;
+        }
+        __NETIF_IFINFO* rec = new __NETIF_IFINFO();
+        copy_name(rec->name, name);
+        info_[count_++] = rec;
+    }
+    if (left_out > 0)
+        LOG_STREAM(1) << "interface table full (" << kMaxIfaces << " entries): " << left_out
+                      << " interfaces left out";
+}
+
+int CNetworkInterfaceInfo::GetCount() const { return count_; }
+
+const char* CNetworkInterfaceInfo::GetName(int pos) const {
+    if (pos < 0 || pos >= kMaxIfaces || info_[pos] == nullptr) return nullptr;
+    return info_[pos]->name;
+}
+
+int CNetworkInterfaceInfo::GetIndex(const char* name) const {
+    const __NETIF_IFINFO* rec = Lookup(name);
+    return rec != nullptr ? rec->index : -1;
+}
+
+const char* CNetworkInterfaceInfo::GetNameByIndex(int index) const {
+    const int pos = GetNumByIndex(index);
+    return pos >= 0 ? info_[pos]->name : nullptr;
+}
+
+int CNetworkInterfaceInfo::GetNumByIndex(int index) const {
+    for (int i = 0; i < count_; ++i)
+        if (info_[i] != nullptr && info_[i]->index == index) return i;
+    return -1;
+}
+
+__NETIF_IFINFO* CNetworkInterfaceInfo::Lookup(const char* name, int* pos) const {
+    if (name == nullptr) return nullptr;
+    for (int i = 0; i < count_; ++i) {
+        if (info_[i] != nullptr && std::strcmp(info_[i]->name, name) == 0) {
+            if (pos != nullptr) *pos = i;
+            return info_[i];
+        }
+    }
+    return nullptr;
+}
+
+int CNetworkInterfaceInfo::GetNum(const char* name) const {
+    int pos = -1;
+    return Lookup(name, &pos) != nullptr ? pos : -1;
+}
+
+void CNetworkInterfaceInfo::Lookup(const char* name, std::vector<int>& out) const {
+    out.clear();
+    if (name == nullptr) return;
+    for (int i = 0; i < count_; ++i)
+        if (info_[i] != nullptr && is_name_or_alias(info_[i]->name, name)) out.push_back(i);
+}
+
+void CNetworkInterfaceInfo::GetNum(const char* name, std::vector<int>& out) const {
+    Lookup(name, out);
+}
+
+void CNetworkInterfaceInfo::GetIP(const char* name, std::vector<unsigned int>& out) const {
+    out.clear();
+    std::vector<int> found;
+    Lookup(name, found);
+    for (int pos : found)
+        if (info_[pos]->ip != 0) out.push_back(info_[pos]->ip);
+}
+
+bool CNetworkInterfaceInfo::IsExist(const std::string& name) const {
+    return check_ifaces(name.c_str()) == 0;
+}
+
+// Field getters: a missing record, or a position outside the array, gives 0.
+#define LINNET_NETIF_GETTER(Type, Name, field, none)                        \
+    Type CNetworkInterfaceInfo::Name(int pos) const {                       \
+        if (pos < 0 || pos >= kMaxIfaces || info_[pos] == nullptr) return none; \
+        return info_[pos]->field;                                           \
+    }                                                                       \
+    Type CNetworkInterfaceInfo::Name(const char* name) const {              \
+        const __NETIF_IFINFO* rec = Lookup(name);                           \
+        return rec != nullptr ? rec->field : none;                          \
+    }
+
+LINNET_NETIF_GETTER(unsigned int, GetIP, ip, 0)
+LINNET_NETIF_GETTER(unsigned long long, GetFlags, flags, 0)
+LINNET_NETIF_GETTER(const unsigned char*, GetEther, ether, nullptr)
+LINNET_NETIF_GETTER(unsigned int, GetNetmask, netmask, 0)
+LINNET_NETIF_GETTER(unsigned int, GetBroadcast, broadcast, 0)
+
+#undef LINNET_NETIF_GETTER
+
+bool CNetworkInterfaceInfo::IsVirtual(int pos) const {
+    const char* name = GetName(pos);
+    return name != nullptr && std::strchr(name, ':') != nullptr;
+}
+
+int CNetworkInterfaceInfo::IsLoopback(int pos) const {
+    return static_cast<int>(GetFlags(pos) & IFF_LOOPBACK);
+}
+
+int CNetworkInterfaceInfo::IsLoopback(const char* name) const {
+    return static_cast<int>(GetFlags(name) & IFF_LOOPBACK);
+}
+
+int CNetworkInterfaceInfo::IsPPP(int pos) const {
+    return static_cast<int>(GetFlags(pos) & IFF_POINTOPOINT);
+}
+
+int CNetworkInterfaceInfo::IsPPP(const char* name) const {
+    return static_cast<int>(GetFlags(name) & IFF_POINTOPOINT);
+}
+
+bool CNetworkInterfaceInfo::IsOperational(int pos) const {
+    if (pos < 0 || pos >= count_ || info_[pos] == nullptr) return false;
+    return (info_[pos]->flags & IFF_UP) != 0 && info_[pos]->ip != 0;
+}
+
+bool CNetworkInterfaceInfo::IsOperational(const char* name) const {
+    return IsOperational(GetNum(name));
+}
+
+unsigned int CNetworkInterfaceInfo::GetNetmaskOnIP(unsigned int ip) const {
+    for (int i = 0; i < count_; ++i)
+        if (info_[i] != nullptr && info_[i]->ip == ip) return info_[i]->netmask;
+    return 0;
+}
+
+int CNetworkInterfaceInfo::SetIP(__NETIF_IFINFO* rec, unsigned int ip) {
+    if (rec == nullptr || fd_ == -1) return -ENOENT;
+    // Deliberately unconverted: the value goes to the kernel as it came.
+    ifreq req = address_request(rec->name, ip);
+    const int r = ::ioctl(fd_, SIOCSIFADDR, &req);
+    if (r < 0) return linnet::sys::failure();
+    rec->ip = ip;
+    return r;
+}
+
+int CNetworkInterfaceInfo::SetFlags(__NETIF_IFINFO* rec, unsigned long long flags) {
+    if (rec == nullptr || fd_ == -1) return -ENOENT;
+    ifreq req;
+    std::memset(&req, 0, sizeof req);
+    copy_name(req.ifr_name, rec->name);
+    req.ifr_flags = static_cast<short>(flags & 0xffffu);
+    const int r = ::ioctl(fd_, SIOCSIFFLAGS, &req);
+    if (r < 0) return linnet::sys::failure();
+    rec->flags = flags;
+    return r;
+}
+
+int CNetworkInterfaceInfo::SetNetmask(__NETIF_IFINFO* rec, int mask) {
+    if (rec == nullptr || fd_ == -1) return -ENOENT;
+    LOG_STREAM(5) << "mask " << mask << " iface " << rec->name;
+    ifreq req = address_request(rec->name, htonl(static_cast<unsigned int>(mask)));
+    const int r = ::ioctl(fd_, SIOCSIFNETMASK, &req);
+    if (r < 0) return linnet::sys::failure();
+    rec->netmask = static_cast<unsigned int>(mask);
+    return r;
+}
+
+int CNetworkInterfaceInfo::SetBroadcast(__NETIF_IFINFO* rec, int bcast) {
+    if (rec == nullptr || fd_ == -1) return -ENOENT;
+    LOG_STREAM(5) << "bcast " << bcast << " iface " << rec->name;
+    ifreq req = address_request(rec->name, htonl(static_cast<unsigned int>(bcast)));
+    const int r = ::ioctl(fd_, SIOCSIFBRDADDR, &req);
+    if (r < 0) return linnet::sys::failure();
+    rec->broadcast = static_cast<unsigned int>(bcast);
+    return r;
+}
+
+// The by-name and by-position forms find the record and call the first form.
+#define LINNET_NETIF_SETTER(Name, Type)                                      \
+    int CNetworkInterfaceInfo::Name(const char* name, Type value) {          \
+        return Name(Lookup(name), value);                                    \
+    }                                                                        \
+    int CNetworkInterfaceInfo::Name(int pos, Type value) {                   \
+        return Name(pos >= 0 && pos < kMaxIfaces ? info_[pos] : nullptr, value); \
+    }
+
+LINNET_NETIF_SETTER(SetIP, unsigned int)
+LINNET_NETIF_SETTER(SetFlags, unsigned long long)
+LINNET_NETIF_SETTER(SetNetmask, int)
+LINNET_NETIF_SETTER(SetBroadcast, int)
+
+#undef LINNET_NETIF_SETTER
+
+int CNetworkInterfaceInfo::check_ifaces(const char* name) const {
+    for (int i = 0; i < kMaxIfaces && info_[i] != nullptr; ++i)
+        if (std::strcmp(info_[i]->name, name) == 0) return 0;
+    return 1;
+}
+
+char* CNetworkInterfaceInfo::get_name(char* out, char* line) {
+    if (out == nullptr || line == nullptr) return nullptr;
+    return linnet::netif::parse_name(out, linnet::netif::kNameSize, line);
+}
+
+int CheckLoopbackAddr(unsigned int ip) {
+    CNetworkInterfaceInfo table;
+    for (int i = 0; i < table.GetCount(); ++i)
+        if (table.GetIP(i) == ip) return table.IsLoopback(i);
+    return 0;
+}

@@ -1,0 +1,211 @@
+// Interface table tests that change interfaces: they run in the binary's
+// private network namespace, on veth pairs with TEST-NET addresses, and each
+// removes the interfaces it made.
+#include <linnet/netif.h>
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "capture_host.h"
+#include "netns.h"
+
+namespace {
+
+unsigned int H(const char* dotted) { return ntohl(inet_addr(dotted)); }
+
+// A veth pair `a`/`b` with fixed hardware addresses; `a` up.
+void AddPair(const std::string& a, const std::string& b) {
+    ASSERT_EQ(netns::Run("ip link add " + a + " address 02:00:00:00:00:0a type veth peer name " + b +
+                         " address 02:00:00:00:00:0b"), 0) << a;
+    ASSERT_EQ(netns::Run("ip link set " + a + " up"), 0);
+}
+
+void DelLink(const std::string& a) { netns::Run("ip link del " + a); }
+
+// The kernel's own view of an interface's IPv4 addresses.
+std::string IpAddr(const std::string& dev) { return netns::Output("ip -4 -o addr show dev " + dev); }
+
+}  // namespace
+
+TEST(NetworkInterfaceInfoNetns, InterfaceWithoutAddressIsListedAfterAddressedOnesByName) {
+    REQUIRE_NETNS();
+    AddPair("nva", "nvb");
+    ASSERT_EQ(netns::Run("ip addr add 192.0.2.1/24 brd + dev nva"), 0);
+    {
+        CNetworkInterfaceInfo table;
+        const int a = table.GetNum("nva");
+        const int b = table.GetNum("nvb");
+        ASSERT_GE(a, 0);
+        ASSERT_GE(b, 0);
+        for (int i = 0; i < table.GetCount(); ++i) {
+            if (table.GetIP(i) != 0) {
+                EXPECT_LT(i, b) << table.GetName(i);
+            }
+        }
+
+        EXPECT_EQ(table.GetIP(a), H("192.0.2.1"));
+        EXPECT_EQ(table.GetNetmask(a), H("255.255.255.0"));
+        EXPECT_EQ(table.GetBroadcast(a), H("192.0.2.255"));
+        EXPECT_EQ(table.GetIndex("nva"), static_cast<int>(if_nametoindex("nva")));
+        const unsigned char mac[6] = {2, 0, 0, 0, 0, 0x0a};
+        ASSERT_NE(table.GetEther("nva"), nullptr);
+        EXPECT_EQ(std::memcmp(table.GetEther("nva"), mac, 6), 0);
+        EXPECT_TRUE(table.GetFlags(a) & IFF_UP);
+        EXPECT_TRUE(table.IsOperational(a));
+        EXPECT_EQ(table.IsLoopback(a), 0);
+
+        // The name-only record: nothing but its name.
+        EXPECT_EQ(table.GetIP(b), 0u);
+        EXPECT_EQ(table.GetFlags(b), 0u);
+        EXPECT_EQ(table.GetIndex("nvb"), 0);
+        EXPECT_FALSE(table.IsOperational(b));
+        // The kernel has no address to take a mask: -errno, record unchanged.
+        EXPECT_EQ(table.SetNetmask("nvb", static_cast<int>(H("255.255.255.0"))), -EADDRNOTAVAIL);
+        EXPECT_EQ(table.GetNetmask(b), 0u);
+    }
+    DelLink("nva");
+}
+
+TEST(NetworkInterfaceInfoNetns, AliasIsItsOwnVirtualRecordFoundWithItsInterface) {
+    REQUIRE_NETNS();
+    AddPair("nvc", "nvd");
+    AddPair("nvc1", "nvd1");  // shares the prefix, is no alias
+    ASSERT_EQ(netns::Run("ip addr add 192.0.2.33/24 dev nvc"), 0);
+    ASSERT_EQ(netns::Run("ip addr add 198.51.100.33/24 dev nvc label nvc:1"), 0);
+    ASSERT_EQ(netns::Run("ip addr add 203.0.113.33/24 dev nvc1"), 0);
+    {
+        CNetworkInterfaceInfo table;
+        const int base = table.GetNum("nvc");
+        const int alias = table.GetNum("nvc:1");
+        ASSERT_GE(base, 0);
+        ASSERT_GE(alias, 0);
+        EXPECT_NE(base, alias);
+        EXPECT_TRUE(table.IsVirtual(alias));
+        EXPECT_FALSE(table.IsVirtual(base));
+        EXPECT_EQ(table.GetIP(alias), H("198.51.100.33"));
+        EXPECT_EQ(table.GetIndex("nvc:1"), table.GetIndex("nvc"));
+
+        std::vector<int> positions;
+        table.Lookup("nvc", positions);
+        EXPECT_EQ(positions, (std::vector<int>{std::min(base, alias), std::max(base, alias)}));
+        table.GetNum("nvc", positions);
+        EXPECT_EQ(positions.size(), 2u);
+        std::vector<unsigned int> ips;
+        table.GetIP("nvc", ips);
+        ASSERT_EQ(ips.size(), 2u);
+        EXPECT_EQ(ips[base < alias ? 0 : 1], H("192.0.2.33"));
+        EXPECT_EQ(ips[base < alias ? 1 : 0], H("198.51.100.33"));
+        table.GetIP("nvc:1", ips);
+        EXPECT_EQ(ips, (std::vector<unsigned int>{H("198.51.100.33")}));
+        EXPECT_EQ(table.GetNetmaskOnIP(H("198.51.100.33")), H("255.255.255.0"));
+    }
+    DelLink("nvc");
+    DelLink("nvc1");
+}
+
+TEST(NetworkInterfaceInfoNetns, SettersChangeTheKernelAndTheRecord) {
+    REQUIRE_NETNS();
+    AddPair("nve", "nvf");
+    ASSERT_EQ(netns::Run("ip addr add 192.0.2.65/16 dev nve"), 0);
+    CNetworkInterfaceInfo table;
+    const int pos = table.GetNum("nve");
+    ASSERT_GE(pos, 0);
+
+    // Netmask and broadcast go in host order.
+    {
+        capture::Scope log;
+        EXPECT_EQ(table.SetNetmask("nve", static_cast<int>(H("255.255.255.0"))), 0);
+        EXPECT_TRUE(capture::Contains("mask -256 iface nve", 5));
+        EXPECT_EQ(table.SetBroadcast(pos, static_cast<int>(H("192.0.2.127"))), 0);
+        EXPECT_TRUE(capture::Contains("bcast -1073741185 iface nve", 5));
+    }
+    EXPECT_EQ(table.GetNetmask(pos), H("255.255.255.0"));
+    EXPECT_EQ(table.GetBroadcast(pos), H("192.0.2.127"));
+    EXPECT_NE(IpAddr("nve").find("192.0.2.65/24 brd 192.0.2.127"), std::string::npos) << IpAddr("nve");
+    {
+        CNetworkInterfaceInfo fresh;
+        EXPECT_EQ(fresh.GetNetmask("nve"), H("255.255.255.0"));
+        EXPECT_EQ(fresh.GetBroadcast("nve"), H("192.0.2.127"));
+    }
+
+    // SetIP passes its value on unconverted: the host-order value of
+    // 77.2.0.192 reaches the kernel as 192.0.2.77, and is stored as given.
+    EXPECT_EQ(table.SetIP("nve", H("77.2.0.192")), 0);
+    EXPECT_EQ(table.GetIP(pos), H("77.2.0.192"));
+    EXPECT_NE(IpAddr("nve").find("inet 192.0.2.77/"), std::string::npos) << IpAddr("nve");
+    {
+        CNetworkInterfaceInfo fresh;
+        EXPECT_EQ(fresh.GetIP("nve"), H("192.0.2.77"));
+    }
+
+    // Flags: down, then up again; all 64 bits stored, the low 16 sent.
+    const unsigned long long up = table.GetFlags(pos);
+    ASSERT_TRUE(up & IFF_UP);
+    EXPECT_EQ(table.SetFlags("nve", up & ~static_cast<unsigned long long>(IFF_UP)), 0);
+    EXPECT_FALSE(table.IsOperational(pos));
+    EXPECT_NE(netns::Output("ip -o link show dev nve").find("state DOWN"), std::string::npos);
+    {
+        CNetworkInterfaceInfo fresh;
+        EXPECT_EQ(fresh.GetFlags("nve") & IFF_UP, 0u);
+    }
+    EXPECT_EQ(table.SetFlags(pos, up | 0xffff000000000000ull), 0);
+    EXPECT_EQ(table.GetFlags(pos), up | 0xffff000000000000ull);
+    EXPECT_TRUE(table.IsOperational(pos));
+    {
+        CNetworkInterfaceInfo fresh;
+        EXPECT_TRUE(fresh.GetFlags("nve") & IFF_UP);
+    }
+
+    EXPECT_EQ(table.SetIP("nvx", 1u), -2);
+    EXPECT_EQ(table.SetFlags("nvx", 1u), -2);
+    EXPECT_EQ(table.SetNetmask("nvx", -256), -2);
+    EXPECT_EQ(table.SetBroadcast("nvx", -1), -2);
+    DelLink("nve");
+}
+
+TEST(NetworkInterfaceInfoNetns, FifteenCharacterNameIsReadAndSetWhole) {
+    REQUIRE_NETNS();
+    const std::string a = "nvabcdefghijklm";  // 15 characters, the kernel's longest
+    const std::string b = "nvmlkjihgfedcba";
+    ASSERT_EQ(a.size(), 15u);
+    AddPair(a, b);
+    ASSERT_EQ(netns::Run("ip addr add 203.0.113.9/16 dev " + a), 0);
+    {
+        CNetworkInterfaceInfo table;
+        const int pos = table.GetNum(a.c_str());
+        ASSERT_GE(pos, 0);
+        EXPECT_EQ(std::strlen(table.GetName(pos)), 15u);
+        EXPECT_EQ(table.GetIndex(a.c_str()), static_cast<int>(if_nametoindex(a.c_str())));
+        EXPECT_TRUE(table.IsExist(b));  // read from /proc/net/dev
+        EXPECT_EQ(table.SetNetmask(a.c_str(), static_cast<int>(H("255.255.255.0"))), 0);
+        EXPECT_NE(IpAddr(a).find("203.0.113.9/24"), std::string::npos) << IpAddr(a);
+    }
+    DelLink(a);
+}
+
+TEST(NetworkInterfaceInfoNetns, MoreThan128InterfacesFillTheTableAndNoMore) {
+    REQUIRE_NETNS();
+    std::string batch;
+    for (int i = 0; i < 70; ++i)
+        batch += "link add nvp" + std::to_string(i) + " type veth peer name nvq" + std::to_string(i) + "\n";
+    ASSERT_EQ(netns::Run("printf '" + batch + "' | ip -batch -"), 0);
+    ASSERT_EQ(netns::Run("ip addr add 192.0.2.200/24 dev nvp69"), 0);
+    {
+        capture::Scope log;
+        CNetworkInterfaceInfo table;
+        EXPECT_EQ(table.GetCount(), 128);
+        EXPECT_EQ(table.GetIP("nvp69"), H("192.0.2.200"));
+        EXPECT_LT(table.GetNum("nvp69"), 2);  // addressed: lo and nvp69 come first
+        for (int i = 0; i < table.GetCount(); ++i) ASSERT_NE(table.GetName(i), nullptr) << i;
+        EXPECT_EQ(table.GetName(128), nullptr);
+        EXPECT_TRUE(capture::Contains("13 interfaces left out", 1));
+    }
+    std::string del;
+    for (int i = 0; i < 70; ++i) del += "link del nvp" + std::to_string(i) + "\n";
+    EXPECT_EQ(netns::Run("printf '" + del + "' | ip -batch -"), 0);
+}
