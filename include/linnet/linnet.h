@@ -6,5 +6,7 @@
 #include <linnet/addr.h>
 #include <linnet/socket.h>
 #include <linnet/tcpsocket.h>
+#include <linnet/qtcpsocket.h>
+#include <linnet/qfiletransf.h>
 
 #endif
