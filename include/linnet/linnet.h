@@ -9,6 +9,8 @@
 #include <linnet/udpsocket.h>
 #include <linnet/sockgroup.h>
 #include <linnet/stream.h>
+#include <linnet/qtcpsocket.h>
+#include <linnet/qfiletransf.h>
 #include <linnet/compress.h>
 #include <linnet/netif.h>
 

@@ -1,0 +1,170 @@
+#include <linnet/qtcpsocket.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include "logger/log.h"
+
+static const char kLogFile[] = "source/unix/qtcpsocket";
+
+namespace {
+
+const unsigned kMinBufSize = 1024;
+
+unsigned AtLeastMin(unsigned size) { return size < kMinBufSize ? kMinBufSize : size; }
+
+std::int32_t Now() { return static_cast<std::int32_t>(std::time(nullptr)); }
+
+// Sizes are kept unsigned; the kernel and read() take an int.
+int AsInt(std::uint32_t size) { return size > INT_MAX ? INT_MAX : static_cast<int>(size); }
+
+void QueueCloseMarker(SocketQueue* queue) {
+    queue->PutBack(const_cast<char*>(QTCPSOCK_CLOSE), QTCPSOCK_CLOSE_SIZE, 1);
+}
+
+}  // namespace
+
+QueuedTCPSocket::QueuedTCPSocket(unsigned rcv_buf_size, unsigned snd_buf_size)
+    : TCPSocket(),
+      outQueue_(new SocketQueue),
+      inQueue_(new SocketQueue),
+      sndSize_(0),
+      rcvSize_(0),
+      lastReadTime_(Now()),
+      lastWriteTime_(lastReadTime_) {
+    rcvSize_ = AtLeastMin(rcv_buf_size);
+    sndSize_ = AtLeastMin(snd_buf_size);
+}
+
+QueuedTCPSocket::~QueuedTCPSocket() {
+    LOG_STREAM(11) << "delete queues";
+    delete outQueue_;
+    delete inQueue_;
+}
+
+int QueuedTCPSocket::Open() {
+    const int r = TCPSocket::Open();
+    if (r < 0) return r;
+    SetSndBufSize(AsInt(sndSize_));
+    SetRcvBufSize(AsInt(rcvSize_));
+    return 0;
+}
+
+int QueuedTCPSocket::OpenFD(int fd) {
+    const int r = TCPSocket::OpenFD(fd, 0);
+    if (r < 0) return r;
+    SetSndBufSize(AsInt(sndSize_));
+    SetRcvBufSize(AsInt(rcvSize_));
+    return 0;
+}
+
+int QueuedTCPSocket::Write(void* buf, int len) { return outQueue_->PutBack(buf, len, 1); }
+
+int QueuedTCPSocket::Read(void* buf, int len) {
+    const int first = inQueue_->Get(nullptr, 0);
+    if (buf == nullptr) return first;
+    if (first > len) return -1;
+    return inQueue_->Get(&buf, 1);
+}
+
+int QueuedTCPSocket::ReadBlock(void* buf, int len) {
+    const int total = inQueue_->Size();
+    if (total == 0 || buf == nullptr) return total;
+    if (len < 0 || total < len) return -1;
+    if (len == 0) return 0;
+
+    unsigned char* dest = static_cast<unsigned char*>(buf);
+    int got = 0;
+    int chunk = inQueue_->Get(nullptr, 0);
+    while (got + chunk <= len) {
+        void* at = dest + got;
+        got += inQueue_->Get(&at, 1);
+        if (got == len) return len;
+        chunk = inQueue_->Get(nullptr, 0);
+    }
+    // The first chunk is longer than what is missing: cut it.
+    void* scratch = std::malloc(static_cast<size_t>(chunk));
+    if (scratch == nullptr) return -2;
+    inQueue_->Get(&scratch, 1);
+    const int missing = len - got;
+    std::memcpy(dest + got, scratch, static_cast<size_t>(missing));
+    inQueue_->PutFront(static_cast<unsigned char*>(scratch) + missing, chunk - missing, 1);
+    std::free(scratch);
+    return len;
+}
+
+int QueuedTCPSocket::IsQueuedData(int which) {
+    if (which == 1) return inQueue_->Get(nullptr, 0);
+    if (which == 2) return outQueue_->Get(nullptr, 0);
+    return 0;
+}
+
+int QueuedTCPSocket::Close() {
+    outQueue_->Clear();
+    inQueue_->Clear();
+    return NonBlockSocket::Close();
+}
+
+bool QueuedTCPSocket::Process(int events, int* status) {
+    if (status != nullptr) *status = 0;
+    const std::int32_t now = Now();
+    bool sent = false;
+
+    if (events & POLL_WRITE) {
+        while (!outQueue_->Empty()) {
+            const int n = outQueue_->Get(nullptr, 0);
+            if (n == 0) {  // an empty chunk: nothing to send, drop it
+                unsigned char none = 0;
+                void* at = &none;
+                outQueue_->Get(&at, 1);
+                continue;
+            }
+            void* buffer = std::malloc(static_cast<size_t>(n));
+            if (buffer == nullptr) break;  // the chunk stays queued for a later call
+            outQueue_->Get(&buffer, 1);
+            const int w = TCPSocket::Write(buffer, n);
+            if (w < 0) {
+                LOG_STREAM(4) << "Can't write data to fd " << fd_;
+                QueueCloseMarker(inQueue_);
+                if (status != nullptr) *status |= 2;
+                std::free(buffer);
+                return true;
+            }
+            if (w > 0) {
+                lastWriteTime_ = now;
+                sent = true;
+            }
+            if (w < n) {
+                outQueue_->PutFront(static_cast<unsigned char*>(buffer) + w, n - w, 1);
+                std::free(buffer);
+                break;
+            }
+            std::free(buffer);
+        }
+        if (lastWriteTime_ == now) lastWriteTime_ = Now();
+    }
+    if (!(events & POLL_READ)) return sent;
+
+    int size = AsInt(rcvSize_);
+    unsigned char* buffer = new (std::nothrow) unsigned char[static_cast<size_t>(size)];
+    if (buffer == nullptr) {
+        LOG_STREAM(4) << "Can't allocate " << size << " bytes of memory. Use default buffer.";
+        size = static_cast<int>(kMinBufSize);
+        buffer = new (std::nothrow) unsigned char[kMinBufSize];
+        if (buffer == nullptr) return false;
+    }
+    const int r = TCPSocket::Read(buffer, size);
+    if (r > 0) {
+        inQueue_->PutBack(buffer, r, 1);
+        lastReadTime_ = now;
+    } else if (r < 0) {
+        LOG_STREAM(4) << "Can't read data from FD " << fd_;
+        QueueCloseMarker(inQueue_);
+        if (status != nullptr) *status |= 1;
+    }
+    delete[] buffer;
+    return r != 0 || sent;
+}

@@ -1,0 +1,180 @@
+#include <linnet/qfiletransf.h>
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "capture_host.h"
+#include "net_helpers.h"
+
+namespace {
+
+struct ProbeTransf : CQueuedFileTransf {
+    using CQueuedFileTransf::CQueuedFileTransf;
+    const char* path() const { return path_; }
+};
+
+// A private directory under /tmp, removed with its files.
+struct TempDir {
+    std::filesystem::path dir;
+    TempDir() {
+        char name[] = "/tmp/linnet-qft-XXXXXX";
+        dir = ::mkdtemp(name) != nullptr ? name : "/nonexistent";
+    }
+    ~TempDir() { std::filesystem::remove_all(dir); }
+    std::string File(const char* name) const { return (dir / name).string(); }
+};
+
+std::string Slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void Spit(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size()));
+}
+
+}  // namespace
+
+TEST(QueuedFileTransf, SocketOpensAreDisabledAndUnopenableFilesFailLater) {
+    ProbeTransf t(1, 100);
+    EXPECT_EQ(t.Open(), -1);
+    testnet::Pair p = testnet::MakeTcpPair();
+    EXPECT_EQ(t.OpenFD(p.client.get(), 0), -1);
+    EXPECT_EQ(t.GetInitState(), 0);
+    EXPECT_STREQ(t.path(), "");
+    EXPECT_EQ(t.Open("/nonexistent-linnet-dir/file"), 0);  // not reported here
+    char buf[4] = {'a', 'b', 'c', 'd'};
+    EXPECT_EQ(t.Write(buf, 4), -1);
+    EXPECT_EQ(t.Read(buf, 4), -1);
+    EXPECT_EQ(t.Close(), 0);  // was not open
+
+    const std::string longer = "/tmp/" + std::string(5000, 'p');
+    ProbeTransf r(0, 0);
+    EXPECT_EQ(r.Open(longer.c_str()), 0);  // kept cut, path_ not overrun
+    EXPECT_EQ(std::memcmp(r.path(), longer.data(), 4096), 0);
+}
+
+TEST(QueuedFileTransf, FileIoIsAllOrNothingAndSendModeTruncates) {
+    TempDir dir;
+    const std::string path = dir.File("four");
+    Spit(path, "wxyz");
+    ProbeTransf r(0, 0);  // receive mode: the file is read
+    ASSERT_EQ(r.Open(path.c_str()), 0);
+    EXPECT_STREQ(r.path(), path.c_str());
+    char buf[10] = {};
+    EXPECT_EQ(r.Read(buf, 2), 0);
+    EXPECT_EQ(std::string(buf, 2), "wx");
+    EXPECT_EQ(r.Read(buf, 10), -1);  // only 2 left
+    EXPECT_EQ(r.Write(buf, 2), -1);  // read-only
+    EXPECT_NE(r.Close(), 0);
+
+    ProbeTransf s(1, 0);  // send mode: read-write, truncated
+    ASSERT_EQ(s.Open(path.c_str()), 0);
+    EXPECT_EQ(Slurp(path), "");
+    EXPECT_EQ(s.Write(buf, 7), 0);
+    EXPECT_NE(s.Close(), 0);
+    EXPECT_EQ(Slurp(path).size(), 7u);
+}
+
+TEST(QueuedFileTransf, SendModeReturnsBytesSentThenTheWriteFailure) {
+    testnet::Pair p = testnet::MakeTcpPair();
+    CQueuedFileTransf s(1, 1024);
+    ASSERT_EQ(s.QueuedTCPSocket::OpenFD(p.client.release()), 0);
+    std::vector<char> big(1 << 20, 'b');
+    s.QueuedTCPSocket::Write(big.data(), int(big.size()));
+    const int sent = s.Process();  // the peer reads nothing: partial
+    EXPECT_GT(sent, 0);
+    EXPECT_EQ(s.IsQueuedData(2), int(big.size()) - sent);
+
+    testnet::SetLingerZero(p.server.get());
+    p.server.reset();  // the peer resets
+    ASSERT_EQ(s.Poll(POLL_READ, 5, 0), POLL_READ);
+    capture::Scope log;
+    EXPECT_EQ(s.Process(), -14);
+    EXPECT_TRUE(capture::Contains("Can't write data to fd ", 4));
+    EXPECT_EQ(s.IsQueuedData(2) + s.IsQueuedData(1), 0);  // chunk lost, no marker
+}
+
+TEST(QueuedFileTransf, ReceiveModeEndOfStreamIsZeroButResetIsAnError) {
+    for (bool reset : {false, true}) {
+        testnet::Pair p = testnet::MakeTcpPair();
+        CQueuedFileTransf r(0, 1024);
+        ASSERT_EQ(r.QueuedTCPSocket::OpenFD(p.client.release()), 0);
+        EXPECT_EQ(r.Process(), 0);  // nothing yet
+        if (reset) testnet::SetLingerZero(p.server.get());
+        p.server.reset();
+        ASSERT_EQ(r.Poll(POLL_READ, 5, 0), POLL_READ);
+        capture::Scope log;
+        EXPECT_EQ(r.Process(), reset ? -14 : 0);
+        EXPECT_EQ(capture::Contains("Can't read data from FD ", 4), reset);
+        EXPECT_EQ(r.IsQueuedData(1), 0);
+    }
+}
+
+// Open gives a send-mode object its file for writing and a receive-mode
+// object its file for reading, so in one process the bytes travel: source
+// file (receiver's) -> sender's output queue -> socket -> receiver's input
+// queue -> destination file (sender's), the owner moving them between files
+// and queues and calling Process() when Poll says the socket is ready.
+TEST(QueuedFileTransf, MovesTwentyMiBOfRandomBytesByteExactOverLoopback) {
+    const size_t kTotal = 20u << 20, kChunk = 64 * 1024;
+    TempDir dir;
+    const std::string source = dir.File("source"), dest = dir.File("dest");
+    std::string bytes(kTotal, '\0');
+    std::mt19937_64 rng(20240605);
+    for (size_t i = 0; i < kTotal; i += 8) {
+        const unsigned long long v = rng();
+        std::memcpy(&bytes[i], &v, 8);
+    }
+    Spit(source, bytes);
+
+    testnet::Pair p = testnet::MakeTcpPair();
+    CQueuedFileTransf sender(1, 256 * 1024), receiver(0, 256 * 1024);
+    ASSERT_EQ(sender.QueuedTCPSocket::OpenFD(p.client.release()), 0);
+    ASSERT_EQ(receiver.QueuedTCPSocket::OpenFD(p.server.release()), 0);
+    sender.Open(dest.c_str());
+    receiver.Open(source.c_str());
+
+    std::vector<char> buf(512 * 1024);
+    size_t loaded = 0, stored = 0;
+    const auto start = std::chrono::steady_clock::now(), deadline = start + std::chrono::seconds(120);
+    for (long i = 0; stored < kTotal && i < 10000000 && std::chrono::steady_clock::now() < deadline; ++i) {
+        if (loaded < kTotal && sender.IsQueuedData(2) == 0) {
+            const int n = int(std::min(kChunk, kTotal - loaded));
+            ASSERT_EQ(receiver.Read(buf.data(), n), 0);
+            ASSERT_EQ(sender.QueuedTCPSocket::Write(buf.data(), n), n);
+            loaded += size_t(n);
+        }
+        if (sender.IsQueuedData(2) > 0 && sender.Poll(POLL_WRITE, 0, 0) == POLL_WRITE) {
+            ASSERT_GE(sender.Process(), 0);
+        }
+        if (receiver.Poll(POLL_READ, 0, 100000) == POLL_READ) {
+            ASSERT_GT(receiver.Process(), 0);
+        }
+        for (int n; (n = receiver.IsQueuedData(1)) > 0; stored += size_t(n)) {
+            ASSERT_EQ(receiver.QueuedTCPSocket::Read(buf.data(), int(buf.size())), n);
+            ASSERT_EQ(sender.Write(buf.data(), n), 0);
+        }
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    ASSERT_EQ(stored, kTotal);
+    EXPECT_EQ(receiver.Read(buf.data(), 10), -1);  // the source is used up
+
+    EXPECT_EQ(sender.QueuedTCPSocket::Close(), 0);  // the sender hangs up
+    ASSERT_EQ(receiver.Poll(POLL_READ, 5, 0), POLL_READ);
+    EXPECT_EQ(receiver.Process(), 0);  // end of stream is not an error
+    EXPECT_NE(sender.Close(), 0);
+    EXPECT_TRUE(Slurp(dest) == bytes);
+    std::printf("[ info     ] 20 MiB moved in %.3f s: %.1f MiB/s\n", seconds, 20.0 / seconds);
+}
