@@ -6,5 +6,6 @@
 #include <linnet/addr.h>
 #include <linnet/socket.h>
 #include <linnet/tcpsocket.h>
+#include <linnet/routing.h>
 
 #endif
