@@ -1,5 +1,6 @@
 // The read-only part of linnet-demo: this machine's interfaces and routes.
 #include <arpa/inet.h>
+#include <linnet/addr.h>
 #include <linnet/netif.h>
 #include <linnet/routing.h>
 #include <net/if.h>

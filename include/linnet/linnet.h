@@ -13,5 +13,6 @@
 #include <linnet/qfiletransf.h>
 #include <linnet/compress.h>
 #include <linnet/netif.h>
+#include <linnet/routing.h>
 
 #endif

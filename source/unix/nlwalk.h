@@ -1,0 +1,110 @@
+// Internal to linnet, never installed: the one place that touches netlink
+// framing. Every walk over an answer uses these two pairs of predicates with
+// a signed remaining length, in the form
+//     for (; nlmsg_ok(h, len); h = nlmsg_next(h, &len))
+// so no caller can read a header or an attribute that is not wholly inside
+// what it was given. The raw NLMSG_*/RTA_* macros appear only here.
+#ifndef LINNET_SOURCE_UNIX_NLWALK_H
+#define LINNET_SOURCE_UNIX_NLWALK_H
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+
+namespace linnet {
+namespace nl {
+
+const unsigned short kDone = NLMSG_DONE;
+const unsigned short kError = NLMSG_ERROR;
+const unsigned int kSeq = 1;  // every request of the library carries it
+
+const long kHeaderLen = NLMSG_HDRLEN;                        // 16
+const long kRouteMsgLen = NLMSG_LENGTH(sizeof(rtmsg));       // 28
+const long kErrorMsgLen = NLMSG_LENGTH(sizeof(nlmsgerr));    // 36
+const long kAttrHeaderLen = RTA_LENGTH(0);                   // 4
+
+inline long align(long n) { return NLMSG_ALIGN(n); }
+
+// A whole message header lies within `len`, and so does its nlmsg_len.
+inline bool nlmsg_ok(const nlmsghdr* h, long len) {
+    return len >= kHeaderLen && h->nlmsg_len >= static_cast<unsigned>(kHeaderLen) &&
+           static_cast<long>(h->nlmsg_len) <= len;
+}
+
+// The next message; `len` shrinks by the aligned size. The step is cut at
+// what remains so the pointer never passes the end of the buffer.
+inline nlmsghdr* nlmsg_next(nlmsghdr* h, long* len) {
+    long step = align(h->nlmsg_len);
+    if (step > *len) step = *len;
+    *len -= step;
+    return reinterpret_cast<nlmsghdr*>(reinterpret_cast<char*>(h) + step);
+}
+
+// Payload length after header and rtmsg; negative when the message is too
+// short to hold an rtmsg.
+inline long route_payload_len(const nlmsghdr* h) {
+    return static_cast<long>(h->nlmsg_len) - kRouteMsgLen;
+}
+
+// Only for a message whose route_payload_len() is not negative.
+inline rtmsg* route_of(nlmsghdr* h) { return static_cast<rtmsg*>(NLMSG_DATA(h)); }
+inline rtattr* first_attr(nlmsghdr* h) { return RTM_RTA(route_of(h)); }
+// Only for a message of at least kErrorMsgLen bytes.
+inline nlmsgerr* error_of(nlmsghdr* h) { return static_cast<nlmsgerr*>(NLMSG_DATA(h)); }
+
+// A whole attribute header lies within `len`, and so does its rta_len.
+inline bool attr_ok(const rtattr* a, long len) {
+    return len >= kAttrHeaderLen && a->rta_len >= kAttrHeaderLen &&
+           static_cast<long>(a->rta_len) <= len;
+}
+
+inline rtattr* attr_next(rtattr* a, long* len) {
+    long step = RTA_ALIGN(a->rta_len);
+    if (step > *len) step = *len;
+    *len -= step;
+    return reinterpret_cast<rtattr*>(reinterpret_cast<char*>(a) + step);
+}
+
+inline const unsigned char* attr_data(const rtattr* a) {
+    return static_cast<const unsigned char*>(RTA_DATA(const_cast<rtattr*>(a)));
+}
+inline long attr_data_len(const rtattr* a) { return RTA_PAYLOAD(a); }
+
+// The first four payload bytes as a number in memory order; missing bytes
+// count as 0.
+inline uint32_t attr_u32(const rtattr* a) {
+    uint32_t v = 0;
+    long n = attr_data_len(a);
+    std::memcpy(&v, attr_data(a), n < 4 ? n : 4);
+    return v;
+}
+
+// Owns one descriptor of a single operation; closes it once.
+class ScopedFd {
+public:
+    explicit ScopedFd(int fd = -1) : fd_(fd) {}
+    ~ScopedFd() { reset(); }
+    ScopedFd(const ScopedFd&) = delete;
+    ScopedFd& operator=(const ScopedFd&) = delete;
+    int get() const { return fd_; }
+    int release() {
+        int f = fd_;
+        fd_ = -1;
+        return f;
+    }
+    void reset(int fd = -1) {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = fd;
+    }
+
+protected:
+    int fd_;
+};
+
+}  // namespace nl
+}  // namespace linnet
+
+#endif

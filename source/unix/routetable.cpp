@@ -1,0 +1,321 @@
+#include <linnet/routing.h>
+
+#include <fcntl.h>
+#include <linnet/addr.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "logger/log.h"
+#include "unix/nlwalk.h"
+
+static const char kLogFile[] = "source/unix/routetable";
+
+namespace nl = linnet::nl;
+
+namespace {
+
+const int kMoreToRead = 1;
+const size_t kReceiveBuffer = 8192;
+const unsigned int kAttrSlots = 16;
+
+// The table's dump request: header and rtgenmsg with three zero bytes.
+struct DumpRequest {
+    nlmsghdr hdr;
+    rtgenmsg gen;
+    unsigned char pad[3];
+};
+static_assert(sizeof(DumpRequest) == 20, "the dump request is 20 bytes on the wire");
+
+// Mask of a prefix length: 64-bit ones shifted, low 32 bits kept, so a
+// length of 0 gives 0. A length above 32 (only in a malformed message) is
+// taken as 32 rather than shifting by a negative count.
+unsigned int Mask(unsigned int n) {
+    if (n > 32) n = 32;
+    return static_cast<unsigned int>(~0ULL << (32 - n));
+}
+
+// Looks a kernel interface index up in the caller's map; false when absent.
+bool Translate(const std::map<unsigned int, unsigned int>& ifmap, const rtattr* a,
+               unsigned int* out) {
+    if (ifmap.empty()) return false;
+    const auto it = ifmap.find(nl::attr_u32(a));
+    if (it == ifmap.end()) return false;
+    *out = it->second;
+    return true;
+}
+
+// The route type's own filter bit; 0 for a type that has none.
+int TypeBit(unsigned char type) {
+    switch (type) {
+        case 4: return 0x4;
+        case 8: return 0x8;
+        case 16: return 0x10;
+        case 32: return 0x20;
+        case 64: return 0x40;
+        default: return 0;
+    }
+}
+
+// Appends " name=" + text, never past the 511 characters of the line.
+void Append(char* line, size_t room, const char* name, const char* text) {
+    std::strncat(line, name, room - 1 - std::strlen(line));
+    std::strncat(line, text, room - 1 - std::strlen(line));
+}
+
+}  // namespace
+
+// ---- CRouteEntry ----
+
+void CRouteEntry::Dump() const {
+    char line[512] = "";
+    char num[33];
+    if (src != 0) Append(line, sizeof line, "src=", ip2sn(src));
+    if (srcmask != 0) {
+        std::snprintf(num, sizeof num, "%lx", static_cast<unsigned long>(srcmask));
+        Append(line, sizeof line, " srcmask=", num);
+    }
+    if (flags & ROUTE_ENTRY_DEFAULT)
+        Append(line, sizeof line, " dst=default", "");
+    else if (dst != 0)
+        Append(line, sizeof line, " dst=", ip2sn(dst));
+    if (dstmask != 0) {
+        std::snprintf(num, sizeof num, "%lx", static_cast<unsigned long>(dstmask));
+        Append(line, sizeof line, " dstmask=", num);
+    }
+    if (gw != 0) Append(line, sizeof line, " gw=", ip2sn(gw));
+    if (inif != 0) {
+        std::snprintf(num, sizeof num, "%d", static_cast<int>(inif));
+        Append(line, sizeof line, " inif=", num);
+    }
+    if (outif != 0) {
+        std::snprintf(num, sizeof num, "%d", static_cast<int>(outif));
+        Append(line, sizeof line, " outif=", num);
+    }
+    LOG_STREAM(11) << line;
+}
+
+// ---- CRouteTable ----
+
+int CRouteTable::Read(int filter, const std::map<unsigned int, unsigned int>& ifmap) {
+    entries_.clear();
+    nl::ScopedFd sock(::socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE));
+    const int fd = sock.get();
+    if (fd < 0) {
+        const int err = errno;
+        LOG_STREAM(1) << "Cannot open netlink socket (errno " << err << ")";
+        return -err;
+    }
+    LOG_STREAM(11) << "got netlink fd = " << fd;
+    if (::fcntl(fd, F_SETFL, O_NONBLOCK) < 0) {
+        const int err = errno;
+        LOG_STREAM(1) << "fd " << fd << " can't be set non-blocking (errno " << err << ")";
+        return -err;
+    }
+    sockaddr_nl kernel;
+    std::memset(&kernel, 0, sizeof kernel);
+    kernel.nl_family = AF_NETLINK;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) < 0) {
+        const int err = errno;
+        LOG_STREAM(1) << "Cannot bind netlink fd " << fd << " (errno " << err << ")";
+        return -err;
+    }
+
+    DumpRequest req;
+    std::memset(&req, 0, sizeof req);
+    req.hdr.nlmsg_len = sizeof req;
+    req.hdr.nlmsg_type = RTM_GETROUTE;
+    req.hdr.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    req.hdr.nlmsg_seq = nl::kSeq;
+    req.gen.rtgen_family = AF_INET;
+    const ssize_t sent =
+        ::sendto(fd, &req, sizeof req, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
+    if (sent != static_cast<ssize_t>(sizeof req)) {
+        const int err = errno;  // after a short send: whatever it was
+        if (sent >= 0)
+            LOG_STREAM(1) << "The amount of sent data " << sent << " isn't equal to origin "
+                          << sizeof req;
+        else if (err == EAGAIN)
+            LOG_STREAM(1) << "No room for data on fd " << fd;
+        else
+            LOG_STREAM(1) << "Error write data to netlink fd " << fd << " (errno " << err << ")";
+        return -err;
+    }
+
+    std::vector<unsigned char> buf(kReceiveBuffer, 0);
+    for (;;) {
+        sockaddr_nl from;
+        std::memset(&from, 0, sizeof from);
+        iovec iov = {buf.data(), buf.size()};
+        msghdr msg;
+        std::memset(&msg, 0, sizeof msg);
+        msg.msg_name = &from;
+        msg.msg_namelen = sizeof from;
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        const ssize_t got = ::recvmsg(fd, &msg, 0);
+        if (got < 0) {
+            const int err = errno;
+            if (err == EINTR) {
+                LOG_STREAM(1) << "Interrupted syscall on netlink fd " << fd << ". Continue...";
+                continue;
+            }
+            if (err == EAGAIN)
+                LOG_STREAM(1) << "No data available on netlink fd " << fd;
+            else
+                LOG_STREAM(1) << "Cannot recv message from netlink fd " << fd << " (errno " << err
+                              << ")";
+            return -err;
+        }
+        if (got == 0) {
+            LOG_STREAM(1) << "EOF on netlink fd " << fd;
+            return -1;
+        }
+        if (msg.msg_namelen != sizeof from) {
+            LOG_STREAM(1) << "Sender address length " << msg.msg_namelen << " isn't equal to origin "
+                          << sizeof from;
+            return -2;
+        }
+        const int result = HandleAnswer(reinterpret_cast<nlmsghdr*>(buf.data()), got,
+                                        (msg.msg_flags & MSG_TRUNC) != 0, filter, ifmap);
+        if (result != kMoreToRead) return result;
+    }
+}
+
+int CRouteTable::HandleAnswer(nlmsghdr* h, long len, bool truncated, int filter,
+                              const std::map<unsigned int, unsigned int>& ifmap) {
+    bool ended = false;
+    bool done = false;
+    int result = 0;
+    for (; nl::nlmsg_ok(h, len); h = nl::nlmsg_next(h, &len)) {
+        if (h->nlmsg_seq != nl::kSeq) {
+            LOG_STREAM(1) << "Message sequence num " << h->nlmsg_seq << " isn't equal to origin "
+                          << nl::kSeq;
+            LOG_STREAM(1) << "Skip message!";
+            continue;
+        }
+        if (h->nlmsg_type == nl::kDone) {
+            LOG_STREAM(11) << "Got last message. Receive complete";
+            ended = done = true;
+            break;
+        }
+        if (h->nlmsg_type == nl::kError) {
+            if (static_cast<long>(h->nlmsg_len) >= nl::kErrorMsgLen)
+                LOG_STREAM(1) << "Got error netlink answer (errcode " << nl::error_of(h)->error << ")";
+            else
+                LOG_STREAM(1) << "Message truncated";
+            result = -3;
+            ended = true;
+            break;
+        }
+        if (AddEntry(h, filter, ifmap) < 0) break;
+    }
+    // Bytes are counted from the message the walk stopped at, so an error
+    // answer or a failed AddEntry always leaves some: -4 wins over -3
+    // unless the datagram was truncated.
+    if (truncated) {
+        LOG_STREAM(1) << "Message truncated";
+    } else if (!done && len > 0) {
+        LOG_STREAM(1) << "Message rest size " << len;
+        return -4;
+    }
+    return ended ? result : kMoreToRead;
+}
+
+int CRouteTable::AddEntry(nlmsghdr* msg, int filter,
+                          const std::map<unsigned int, unsigned int>& ifmap) {
+    if (msg->nlmsg_type != RTM_NEWROUTE) {
+        LOG_STREAM(11) << "Not a route: len=" << msg->nlmsg_len << " type=" << msg->nlmsg_type
+                       << " flags=" << msg->nlmsg_flags;
+        return 0;
+    }
+    long len = nl::route_payload_len(msg);
+    if (len < 0) {
+        LOG_STREAM(1) << "Wrong nlmsg len " << len;
+        return -1;
+    }
+    rtmsg* rtm = nl::route_of(msg);
+    // Raw characters, not numbers: the trace has always shown the bytes.
+    LOG_STREAM(11) << "Route: type " << static_cast<char>(rtm->rtm_type) << " table "
+                   << static_cast<char>(rtm->rtm_table) << " proto "
+                   << static_cast<char>(rtm->rtm_protocol) << " scope "
+                   << static_cast<char>(rtm->rtm_scope);
+    if (RejectEntry(rtm, filter)) return 0;
+
+    const rtattr* attrs[kAttrSlots] = {};
+    rtattr* a = nl::first_attr(msg);
+    for (; nl::attr_ok(a, len); a = nl::attr_next(a, &len))
+        if (a->rta_type < kAttrSlots) attrs[a->rta_type] = a;
+    if (len != 0) {
+        const unsigned rta_len = len >= 2 ? a->rta_len : 0;
+        LOG_STREAM(11) << "len=" << len << " rta_len=" << rta_len;
+    }
+
+    CRouteEntry e{};
+    // A /32 carried in the attribute gets no mask; without the attribute a
+    // length of 32 does. Hosts depend on this asymmetry.
+    if (attrs[RTA_SRC] != nullptr) {
+        e.src = nl::attr_u32(attrs[RTA_SRC]);
+        if (rtm->rtm_src_len != 32) e.srcmask = Mask(rtm->rtm_src_len);
+    } else if (rtm->rtm_src_len != 0) {
+        e.srcmask = Mask(rtm->rtm_src_len);
+    }
+    if (attrs[RTA_DST] != nullptr) {
+        e.dst = nl::attr_u32(attrs[RTA_DST]);
+        if (rtm->rtm_dst_len != 32) e.dstmask = Mask(rtm->rtm_dst_len);
+    } else if (rtm->rtm_dst_len == 0) {
+        e.flags |= ROUTE_ENTRY_DEFAULT;
+    } else {
+        e.dstmask = Mask(rtm->rtm_dst_len);
+    }
+    if (attrs[RTA_GATEWAY] != nullptr) e.gw = nl::attr_u32(attrs[RTA_GATEWAY]);
+    if (attrs[RTA_IIF] != nullptr && !Translate(ifmap, attrs[RTA_IIF], &e.inif)) return 0;
+    if (attrs[RTA_OIF] != nullptr && !Translate(ifmap, attrs[RTA_OIF], &e.outif)) return 0;
+    entries_.push_back(e);
+    return 0;
+}
+
+bool CRouteTable::RejectEntry(rtmsg* rtm, int filter) {
+    if (rtm->rtm_family != AF_INET) {
+        LOG_STREAM(11) << "Not supported family " << static_cast<char>(rtm->rtm_family);
+        return true;
+    }
+    if (filter & ROUTE_FILTER_TABLES) {
+        const bool keep = (rtm->rtm_table == RT_TABLE_MAIN && (filter & ROUTE_FILTER_TABLE_MAIN)) ||
+                          (rtm->rtm_table == RT_TABLE_LOCAL && (filter & ROUTE_FILTER_TABLE_LOCAL));
+        if (!keep) {
+            LOG_STREAM(11) << "Table " << static_cast<char>(rtm->rtm_table) << " rejected by filter "
+                           << filter;
+            return true;
+        }
+    }
+    if (filter & ROUTE_FILTER_TYPES) {
+        // Type 4 maps to 0x4, outside the type group, so it never passes.
+        const int bit = TypeBit(rtm->rtm_type);
+        if (bit == 0 || !(filter & bit & ROUTE_FILTER_TYPES)) {
+            LOG_STREAM(11) << "Type " << static_cast<char>(rtm->rtm_type) << " rejected by filter "
+                           << filter;
+            return true;
+        }
+    }
+    if (filter & ROUTE_FILTER_PROTOCOLS) {
+        LOG_STREAM(11) << "Protocol " << static_cast<char>(rtm->rtm_protocol)
+                       << " rejected by filter " << filter;
+        return true;
+    }
+    return false;
+}
+
+void CRouteTable::Dump() {
+    if (debug_level < 11) return;
+    if (entries_.empty()) {
+        LOG_STREAM(11) << "Route table empty.";
+        return;
+    }
+    LOG_STREAM(11) << "Route table " << static_cast<const void*>(this) << ":";
+    for (const CRouteEntry& e : entries_) e.Dump();
+}

@@ -1,0 +1,137 @@
+#include <linnet/routing.h>
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+
+#include "capture_host.h"
+#include "netns.h"
+
+namespace {
+
+void Sh(const std::string& command) { EXPECT_EQ(netns::Run(command), 0) << command; }
+
+int Lines(const std::string& command) {
+    return std::atoi(netns::Output(command + " | wc -l").c_str());
+}
+
+std::string Routes() { return netns::Output("ip -4 route show table all"); }
+
+// v0 (198.51.100.1/24) paired with v1, both up, inside the test's namespace;
+// deleting v0 on exit takes its routes along.
+struct Veth {
+    Veth() {
+        Sh("ip link add v0 type veth peer name v1");
+        Sh("ip link set v0 up");
+        Sh("ip link set v1 up");
+        Sh("ip addr add 198.51.100.1/24 dev v0");
+        index = if_nametoindex("v0");
+    }
+    ~Veth() { netns::Run("ip link del v0"); }
+    unsigned int index;
+};
+
+std::string Print(CRoutesDump& d) {
+    std::ostringstream os;
+    d.print(os);
+    return os.str();
+}
+
+}  // namespace
+
+TEST(CRoutesDump, OnlyLocalRoutesGiveValidEmptySnapshot) {
+    REQUIRE_NETNS();
+    CRoutesDump d;
+    EXPECT_TRUE(d.valid());
+    EXPECT_EQ(Print(d), "Table:\n======\n");
+}
+
+TEST(CRoutesDump, PrintsKernelRoutesExactlyAndRestoresDeletedOnes) {
+    REQUIRE_NETNS();
+    Veth veth;
+    Sh("ip route add default via 198.51.100.254");
+    Sh("ip route add 203.0.113.0/24 via 198.51.100.254 metric 7");
+    Sh("ip route add 192.0.2.0/24 via 198.51.100.254 mtu 1400");
+    const std::string before = Routes();
+    CRoutesDump d;
+    ASSERT_TRUE(d.valid());
+    const std::string n = " out iface " + std::to_string(veth.index);
+    // The mtu travels nested in RTA_METRICS (type 8): its first word is the
+    // nested header, length 8 and type 2, which prints as 131080.
+    EXPECT_EQ(Print(d), "Table:\n"
+                        "route: table 254 scope 0 dst_len 0; attributes:" + n + " gw 198.51.100.254 <attr 15>\n"
+                        "route: table 254 scope 0 dst_len 24; attributes: is-to 192.0.2.0" + n +
+                        " gw 198.51.100.254 metric 131080 <attr 15>\n"
+                        "route: table 254 scope 253 dst_len 24; attributes: is-to 198.51.100.0" + n +
+                        " source 198.51.100.1 <attr 15>\n"
+                        "route: table 254 scope 0 dst_len 24; attributes: is-to 203.0.113.0" + n +
+                        " gw 198.51.100.254 <attr 6> <attr 15>\n======\n");
+    Sh("ip route del default");
+    Sh("ip route del 203.0.113.0/24");
+    Sh("ip route del 192.0.2.0/24");
+    d.restore();
+    EXPECT_EQ(Routes(), before);
+    d.restore();  // every route exists: each is refused, nothing changes
+    EXPECT_EQ(Routes(), before);
+}
+
+TEST(CRoutesDump, CapturesAndRestoresFiveThousandRoutes) {
+    REQUIRE_NETNS();
+    Veth veth;
+    char path[] = "/tmp/linnet-routes-XXXXXX";
+    FILE* f = fdopen(mkstemp(path), "w");
+    ASSERT_NE(f, nullptr);
+    for (int host = 0; host < 250; ++host)
+        for (int metric = 1; metric <= 20; ++metric)
+            std::fprintf(f, "route add 203.0.113.%d/32 via 198.51.100.254 metric %d\n", host, metric);
+    std::fclose(f);
+    Sh(std::string("ip -batch ") + path);
+    unlink(path);
+    const std::string before = Routes();
+    ASSERT_EQ(Lines("ip -4 route show table main"), 5001);
+
+    CRoutesDump d;  // 5,001 routes of 68 bytes: dozens of answer datagrams
+    EXPECT_TRUE(d.valid());
+    EXPECT_EQ(d.routes().size(), 5001u);
+    CRouteTable t;
+    EXPECT_EQ(t.Read(ROUTE_FILTER_TABLE_MAIN, {{veth.index, 1}}), 0);
+    EXPECT_EQ(t.Entries().size(), 5001u);
+
+    Sh("ip route flush root 203.0.113.0/24");
+    ASSERT_EQ(Lines("ip -4 route show table main"), 1);
+    d.restore();
+    EXPECT_EQ(Routes(), before);
+}
+
+TEST(CRouteTable, ReadFiltersByTableProtocolAndInterfaceMap) {
+    REQUIRE_NETNS();
+    Veth veth;
+    Sh("ip route add default via 198.51.100.254");
+    Sh("ip route add 192.0.2.7/32 via 198.51.100.254");
+    const std::map<unsigned int, unsigned int> map = {{if_nametoindex("lo"), 1}, {veth.index, 2}};
+    CRouteTable t;
+    EXPECT_EQ(t.Read(0, map), 0);
+    EXPECT_EQ(static_cast<int>(t.Entries().size()), Lines("ip -4 route show table all"));
+    EXPECT_EQ(t.Read(ROUTE_FILTER_TABLE_MAIN, map), 0);
+    EXPECT_EQ(static_cast<int>(t.Entries().size()), Lines("ip -4 route show table main"));
+    EXPECT_EQ(t.Entries().front().flags, ROUTE_ENTRY_DEFAULT);
+
+    capture::Scope log;
+    capture::SetDebugLevel(11);
+    t.Dump();
+    capture::SetDebugLevel(0);
+    EXPECT_TRUE(capture::Contains(" dst=default gw=198.51.100.254 outif=2", 11));
+    EXPECT_TRUE(capture::Contains(" dst=192.0.2.7 gw=198.51.100.254 outif=2", 11));  // /32: no mask
+    EXPECT_TRUE(capture::Contains(" dst=198.51.100.0 dstmask=ffffff00 outif=2", 11));
+
+    EXPECT_EQ(t.Read(ROUTE_FILTER_PROTOCOL_1, map), 0);  // every route refused, still a clean dump
+    EXPECT_TRUE(t.Entries().empty());
+    EXPECT_EQ(t.Read(0, {}), 0);  // every kernel route names an output interface
+    EXPECT_TRUE(t.Entries().empty());
+}

@@ -1,0 +1,254 @@
+#include <linnet/routing.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "capture_host.h"
+#include "unix/nlwalk.h"
+
+namespace {
+
+// One netlink message built byte by byte, well formed or broken on purpose.
+// Bytes() is an exactly sized heap copy, so ASan sees any read past it.
+struct Msg {
+    explicit Msg(uint16_t type = RTM_NEWROUTE, uint32_t seq = 1) {
+        nlmsghdr h{0, type, 0, seq, 0};
+        Put(&h, sizeof h);
+    }
+    Msg& Rt(unsigned char table, unsigned char dst, unsigned char src = 0) {
+        rtmsg r{AF_INET, dst, src, 0, table, 0, 0, 1, 0};
+        return Put(&r, sizeof r);
+    }
+    Msg& Attr(uint16_t type, std::vector<unsigned char> d, int rta_len = -1) {
+        b.resize((b.size() + 3) & ~3u);
+        rtattr a{static_cast<unsigned short>(rta_len < 0 ? d.size() + 4 : rta_len), type};
+        return Put(&a, sizeof a).Put(d.data(), d.size());
+    }
+    Msg& U32(uint16_t type, uint32_t v) { return Attr(type, {(unsigned char*)&v, (unsigned char*)&v + 4}); }
+    Msg& Ip(uint16_t type, const char* ip) { return U32(type, inet_addr(ip)); }
+    Msg& Put(const void* p, size_t n) {
+        b.insert(b.end(), (const unsigned char*)p, (const unsigned char*)p + n);
+        return *this;
+    }
+    // nlmsg_len is the size written unless forced (or, for a datagram, kept).
+    std::shared_ptr<unsigned char> Bytes(long force = -1, bool patch = true) const {
+        std::shared_ptr<unsigned char> p(new unsigned char[b.size()], std::default_delete<unsigned char[]>());
+        std::memcpy(p.get(), b.data(), b.size());
+        const uint32_t len = force < 0 ? b.size() : force;
+        if (patch) std::memcpy(p.get(), &len, 4);
+        return p;
+    }
+    std::vector<unsigned char> b;
+};
+
+nlmsghdr* H(const std::shared_ptr<unsigned char>& p) { return reinterpret_cast<nlmsghdr*>(p.get()); }
+
+// Messages one after another, each padded to 4, as one exactly sized datagram.
+std::shared_ptr<unsigned char> Datagram(std::vector<Msg> msgs, long* len) {
+    Msg all;
+    all.b.clear();
+    for (Msg& m : msgs) {
+        const uint32_t n = m.b.size();
+        std::memcpy(m.b.data(), &n, 4);
+        m.b.resize((n + 3) & ~3u);
+        all.b.insert(all.b.end(), m.b.begin(), m.b.end());
+    }
+    *len = all.b.size();
+    return all.Bytes(-1, false);
+}
+
+struct DumpProbe : CRoutesDump {
+    DumpProbe() {  // forget the host's routes: an empty, valid snapshot
+        delete imp_;
+        imp_ = new CRoutesDumpImp;
+    }
+    using CRoutesDump::handle_answer;
+};
+
+struct TableProbe : CRouteTable {
+    using CRouteTable::HandleAnswer;
+};
+
+const std::map<unsigned int, unsigned int> map = {{2, 7}, {3, 8}};
+
+}  // namespace
+
+TEST(Route, SixteenSlotsByTypeLaterDuplicateWinsMalformedWalksStayInside) {
+    capture::Scope log;
+    Route r(H(Msg().Rt(254, 24).Ip(RTA_DST, "192.0.2.0").Ip(RTA_DST, "203.0.113.0").U32(RTA_OIF, 2)
+                  .U32(20, 9).Bytes()));
+    ASSERT_EQ(r.attrs.size(), 16u);
+    EXPECT_EQ(r.rtm.rtm_table, 254);
+    EXPECT_EQ(r.attrs[RTA_DST].data, (std::vector<unsigned char>{203, 0, 113, 0}));
+    for (int t : {0, 2, 3, 5, 15}) EXPECT_EQ(r.attrs[t].type, 0) << t;
+    EXPECT_EQ(Route(H(Msg().Rt(254, 24).Bytes(20))).rtm.rtm_table, 0);  // rtmsg cut short
+    EXPECT_EQ(Route(H(Msg().Bytes())).attrs.size(), 16u);                 // header alone
+    Route past(H(Msg().Rt(254, 24).U32(RTA_OIF, 2).Attr(RTA_DST, {1, 2, 3, 4}, 40).Bytes()));
+    EXPECT_EQ(past.attrs[RTA_OIF].type, RTA_OIF);
+    EXPECT_EQ(past.attrs[RTA_DST].type, 0);
+    EXPECT_TRUE(capture::Contains("len=8 rta_len=40", 11));
+    for (int bad : {0, 3}) EXPECT_EQ(Route(H(Msg().Rt(254, 0).Attr(RTA_DST, {1, 2, 3, 4}, bad).Bytes())).attrs[1].type, 0);
+    EXPECT_EQ(Route(H(Msg().Rt(254, 0).U32(RTA_OIF, 2).Put("\1", 1).Bytes())).attrs[RTA_OIF].type, RTA_OIF);
+    EXPECT_TRUE(capture::Contains("len=1 rta_len=0", 11));  // a length of one byte is not read
+}
+
+TEST(CRoutesDump, LocalDroppedNonRouteEndsDumpValidPrintFormatErrorAnswerInvalidates) {
+    capture::Scope log;
+    DumpProbe d;
+    long len;
+    auto dg = Datagram({Msg().Rt(255, 32), Msg().Rt(254, 24).Ip(RTA_DST, "192.0.2.0").Ip(RTA_SRC, "198.51.100.0")
+                            .U32(RTA_IIF, 3).U32(RTA_OIF, 2).Attr(RTA_GATEWAY, {}).U32(RTA_PRIORITY, 7)
+                            .Ip(RTA_PREFSRC, "198.51.100.1").U32(RTA_METRICS, 1400).U32(RTA_TABLE, 254),
+                        Msg(RTM_NEWROUTE, 2).Rt(254, 8), Msg(RTM_NEWLINK).Rt(0, 0), Msg().Rt(254, 16)}, &len);
+    EXPECT_EQ(d.handle_answer(H(dg), 30), 1);  // first message runs past the end: receive again
+    EXPECT_EQ(d.handle_answer(H(dg), len), 0);
+    EXPECT_TRUE(d.valid());
+    EXPECT_EQ(d.routes().size(), 1u);
+    EXPECT_TRUE(capture::Contains("sequence num 2, 1 in request", 11));
+    EXPECT_TRUE(capture::Contains("Not a route", 11));
+    EXPECT_TRUE(capture::Contains("something wrong with that rtentry...", 11));
+    std::ostringstream os;
+    d.print(os);
+    EXPECT_EQ(os.str(),
+              "Table:\nroute: table 254 scope 0 dst_len 24; attributes: is-to 192.0.2.0 is-from "
+              "198.51.100.0 in iface 3 out iface 2 gw 0 <attr 6> source 198.51.100.1 metric 1400 "
+              "<attr 15>\n======\n");
+    EXPECT_EQ(d.handle_answer(H(Datagram({Msg().Put("\0\0\0", 3)}, &len)), len), 0);
+    EXPECT_TRUE(capture::Contains("Wrong nlmsg len -9", 1));
+    EXPECT_TRUE(d.valid());
+    EXPECT_EQ(d.handle_answer(H(Datagram({Msg(linnet::nl::kError).Put("\0\0\0\0", 4)}, &len)), len), 0);
+    EXPECT_FALSE(d.valid());
+    EXPECT_TRUE(capture::Contains("got netlink error", 1));
+}
+
+TEST(CRouteTable, AddEntryMasksDefaultsInterfacesAndMalformedMessages) {
+    CRouteTable t;
+    for (const Msg& m : {Msg().Rt(254, 24).Ip(RTA_DST, "192.0.2.0").U32(RTA_OIF, 2),
+                         Msg().Rt(254, 32, 32).Ip(RTA_DST, "192.0.2.7").Ip(RTA_SRC, "192.0.2.1"),
+                         Msg().Rt(254, 32, 32),  // no attributes: here /32 does get a mask
+                         Msg().Rt(254, 0).Ip(RTA_GATEWAY, "198.51.100.254").U32(RTA_IIF, 3).U32(RTA_OIF, 2),
+                         Msg().Rt(254, 99).Ip(RTA_DST, "192.0.2.0"),  // impossible length
+                         Msg().Rt(254, 24).U32(RTA_OIF, 5),           // unknown interface
+                         Msg(RTM_NEWLINK).Rt(254, 24),
+                         Msg().Rt(254, 24).Attr(RTA_OIF, {2, 0, 0, 0}, 200),  // past the end
+                         Msg().Rt(254, 24).Attr(RTA_GATEWAY, {1}).Put("\1\2", 2)})
+        EXPECT_EQ(t.AddEntry(H(m.Bytes()), 0, map), 0);
+    EXPECT_EQ(t.AddEntry(H(Msg().Rt(254, 24).U32(RTA_IIF, 2).Bytes()), 0, {}), 0);  // empty map
+    EXPECT_EQ(t.AddEntry(H(Msg().Rt(254, 24).Bytes(27)), 0, map), -1);
+    EXPECT_EQ(t.AddEntry(H(Msg().Bytes()), 0, map), -1);
+    std::vector<CRouteEntry> e(t.Entries().begin(), t.Entries().end());
+    ASSERT_EQ(e.size(), 7u);
+    EXPECT_EQ(e[0].dst, inet_addr("192.0.2.0"));
+    EXPECT_EQ(e[0].dstmask + e[0].outif, 0xffffff00u + 7);
+    EXPECT_EQ(e[1].src, inet_addr("192.0.2.1"));
+    EXPECT_EQ(e[1].srcmask | e[1].dstmask, 0u);
+    EXPECT_EQ(e[2].srcmask & e[2].dstmask, 0xffffffffu);
+    EXPECT_EQ(e[3].flags, ROUTE_ENTRY_DEFAULT);
+    EXPECT_EQ(e[3].dstmask, 0u);
+    EXPECT_EQ(e[3].inif + e[3].outif, 8u + 7);
+    EXPECT_EQ(e[4].dstmask, 0xffffffffu);
+    EXPECT_EQ(e[5].outif, 0u);
+    EXPECT_EQ(e[6].gw, 1u);  // a 1-byte payload reads as that byte alone
+}
+
+TEST(CRouteTable, RejectEntryMapsTableTypeAndProtocolBits) {
+    capture::Scope log;
+    CRouteTable t;
+    auto rejects = [&](unsigned char table, unsigned char type, int filter, unsigned char family = AF_INET) {
+        rtmsg r{family, 0, 0, 0, table, 'P', 0, type, 0};
+        return t.RejectEntry(&r, filter);
+    };
+    EXPECT_FALSE(rejects(77, 1, 0));
+    EXPECT_TRUE(rejects(254, 1, 0, 'Z'));
+    EXPECT_TRUE(capture::Contains("Not supported family Z", 11));
+    EXPECT_FALSE(rejects(254, 1, ROUTE_FILTER_TABLE_MAIN));
+    EXPECT_TRUE(rejects(255, 1, ROUTE_FILTER_TABLE_MAIN));
+    EXPECT_FALSE(rejects(255, 1, ROUTE_FILTER_TABLES));
+    EXPECT_TRUE(rejects('A', 1, ROUTE_FILTER_TABLES));
+    EXPECT_TRUE(capture::Contains("Table A rejected by filter 3", 11));
+    EXPECT_FALSE(rejects(254, 8, ROUTE_FILTER_TYPE_8));
+    EXPECT_FALSE(rejects(254, 64, ROUTE_FILTER_TYPE_64 | ROUTE_FILTER_TYPE_8));
+    EXPECT_TRUE(rejects(254, 4, 0x4 | ROUTE_FILTER_TYPE_8));  // type 4 never passes
+    EXPECT_TRUE(rejects(254, 1, ROUTE_FILTER_TYPE_NONE));
+    EXPECT_TRUE(rejects(254, '@', ROUTE_FILTER_TYPE_8));
+    EXPECT_TRUE(capture::Contains("Type @ rejected by filter 8", 11));
+    EXPECT_TRUE(rejects(254, 1, ROUTE_FILTER_PROTOCOL_3));
+    EXPECT_TRUE(capture::Contains("Protocol P rejected by filter 1024", 11));
+}
+
+TEST(CRouteTable, AnswerWalkErrorAnswerGivesMinus4UnlessTruncated) {
+    capture::Scope log;
+    TableProbe t;
+    long len;
+    auto other = Datagram({Msg().Rt(254, 24), Msg(linnet::nl::kDone, 5).Put("\0\0\0\0", 4)}, &len);
+    EXPECT_EQ(t.HandleAnswer(H(other), len, false, 0, map), 1);  // DONE of another sequence skipped
+    EXPECT_TRUE(capture::Contains("Skip message!", 1));
+    auto done = Datagram({Msg().Rt(254, 24), Msg(linnet::nl::kDone).Put("\0\0\0\0", 4)}, &len);
+    EXPECT_EQ(t.HandleAnswer(H(done), len, false, 0, map), 0);
+    EXPECT_EQ(t.Entries().size(), 2u);
+    nlmsgerr e{};
+    e.error = -1;
+    auto err = Datagram({Msg(linnet::nl::kError).Put(&e, sizeof e)}, &len);
+    EXPECT_EQ(t.HandleAnswer(H(err), len, false, 0, map), -4);
+    EXPECT_TRUE(capture::Contains("Got error netlink answer (errcode -1)", 1));
+    EXPECT_TRUE(capture::Contains("Message rest size 36", 1));
+    auto cut = Datagram({Msg(linnet::nl::kError).Put("\0\0\0\0", 4)}, &len);  // no room for nlmsgerr
+    EXPECT_EQ(t.HandleAnswer(H(cut), len, false, 0, map), -4);
+    EXPECT_TRUE(capture::Contains("Message truncated", 1));
+    EXPECT_EQ(t.HandleAnswer(H(err), 36, true, 0, map), -3);
+    auto bad = Datagram({Msg().Rt(254, 24), Msg().Put("\0\0\0", 3)}, &len);  // AddEntry gives -1
+    EXPECT_EQ(t.HandleAnswer(H(bad), len, false, 0, map), -4);
+    EXPECT_EQ(t.HandleAnswer(H(done), 10, false, 0, map), -4);  // shorter than a header
+}
+
+TEST(CRouteEntry, DumpWritesOnlySetFieldsAndTableDumpNeedsLevel11) {
+    capture::Scope log;
+    CRouteTable t;
+    t.AddEntry(H(Msg().Rt(254, 0).Ip(RTA_GATEWAY, "198.51.100.254").U32(RTA_OIF, 2).Bytes()), 0, map);
+    t.AddEntry(H(Msg().Rt(254, 32).Ip(RTA_DST, "192.0.2.7").U32(RTA_OIF, 3).Bytes()), 0, map);
+    t.AddEntry(H(Msg().Rt(254, 24, 24).Ip(RTA_SRC, "192.0.2.1").Ip(RTA_DST, "203.0.113.0")
+                     .U32(RTA_IIF, 2).Bytes()), 0, map);
+    capture::Start();
+    capture::SetDebugLevel(10);
+    t.Dump();
+    EXPECT_TRUE(capture::Records().empty());
+    capture::SetDebugLevel(11);
+    t.Dump();
+    std::vector<std::string> lines;
+    for (const auto& r : capture::Records()) lines.push_back(r.text);
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[0].rfind("Route table 0x", 0), 0u);
+    EXPECT_EQ(lines[1], " dst=default gw=198.51.100.254 outif=7");
+    EXPECT_EQ(lines[2], " dst=192.0.2.7 outif=8");
+    EXPECT_EQ(lines[3], "src=192.0.2.1 srcmask=ffffff00 dst=203.0.113.0 dstmask=ffffff00 inif=7");
+    CRouteTable().Dump();
+    EXPECT_TRUE(capture::Contains("Route table empty.", 11));
+    capture::SetDebugLevel(0);
+}
+
+TEST(RtnetlinkSocket, NonBlockingAndClosesOnlyDescriptorsAboveZero) {
+    struct Probe : RtnetlinkSocket {
+        void set_fd(int fd) { fd_ = fd; }
+    } sock;
+    char buf[64];
+    iovec iov = {buf, sizeof buf};
+    msghdr msg{nullptr, 0, &iov, 1, nullptr, 0, 0};
+    EXPECT_EQ(sock.recvmsg(&msg), -1);  // nothing asked, nothing queued: no wait
+    EXPECT_EQ(errno, EAGAIN);
+    const int fd = sock.fd();
+    sock.close();
+    sock.close();  // twice: harmless
+    EXPECT_EQ(sock.fd(), -1);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    sock.set_fd(0);
+    sock.close();
+    EXPECT_EQ(sock.fd(), 0);  // 0 is kept, never closed
+    EXPECT_NE(fcntl(0, F_GETFD), -1);
+}
