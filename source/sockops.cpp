@@ -57,6 +57,15 @@ int select_bits(short revents, int asked) {
     return bits;
 }
 
+// One (descriptor, set) pair that a wait found ready. A type of this file:
+// a vector of a built-in type would be an exported template instance.
+struct SetHit {
+    int fd;
+    int bit;
+    bool operator<(const SetHit& o) const { return fd != o.fd ? fd < o.fd : bit < o.bit; }
+    bool operator==(const SetHit& o) const { return fd == o.fd && bit == o.bit; }
+};
+
 int wait_poll(WaitItem* items, std::size_t count, const timeval* timeout) {
     timespec ts;
     timespec* tsp = nullptr;
@@ -86,7 +95,7 @@ int wait_poll(WaitItem* items, std::size_t count, const timeval* timeout) {
     if (n <= 0) return n;
     // select counts one hit per (descriptor, set), however many items name
     // the descriptor: collect the hits and count the distinct ones.
-    std::vector<long long> hits;
+    std::vector<SetHit> hits;
     std::size_t k = 0;
     for (std::size_t i = 0; i < count; ++i) {
         if (items[i].fd < 0) continue;
@@ -98,7 +107,7 @@ int wait_poll(WaitItem* items, std::size_t count, const timeval* timeout) {
         }
         items[i].ready = select_bits(p.revents, items[i].events);
         for (int bit = POLL_READ; bit <= POLL_EXCEPT; bit <<= 1)
-            if (items[i].ready & bit) hits.push_back(static_cast<long long>(items[i].fd) * 8 + bit);
+            if (items[i].ready & bit) hits.push_back(SetHit{items[i].fd, bit});
     }
     std::sort(hits.begin(), hits.end());
     return static_cast<int>(std::unique(hits.begin(), hits.end()) - hits.begin());
