@@ -2,16 +2,23 @@
 #   make demo       build everything and run the demo host
 #   make test       build and pass every test
 #   make test-asan  the same suite under AddressSanitizer + UBSan
+#   make test-valgrind   the suite under valgrind memcheck (heavy tests scaled down)
+#   make test-fortify    the suite built -O1 -D_FORTIFY_SOURCE=2 (an fd_set index
+#                        out of range aborts)
+#   make fuzz       each libFuzzer target for FUZZ_SECONDS (default 60)
+#   make bench      the benchmarks and their ratio table
 # Missing Debian packages are installed with apt-get (as root, or via sudo).
 
 BUILD      ?= build
 BUILD_ASAN ?= build-asan
+BUILD_FORTIFY ?= build-fortify
+FUZZ_SECONDS ?= 60
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 PKGS       := cmake g++ make pkg-config zlib1g-dev libboost-dev libgtest-dev libgmock-dev \
               libbenchmark-dev iproute2
 SUDO       := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps build demo test test-asan bench abi clean
+.PHONY: all deps build demo test test-asan test-valgrind test-fortify fuzz bench abi clean
 
 all: build
 
@@ -39,8 +46,22 @@ test-asan: deps
 	cd $(BUILD_ASAN) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j $(JOBS)
 
+test-valgrind: build
+	@command -v valgrind >/dev/null || { $(SUDO) apt-get update -q && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -q --no-install-recommends valgrind; }
+	tests/valgrind.sh $(BUILD)
+
+test-fortify: deps
+	cmake -S . -B $(BUILD_FORTIFY) -DCMAKE_BUILD_TYPE=Debug \
+	  -DCMAKE_CXX_FLAGS="-O1 -D_FORTIFY_SOURCE=2" -DLINNET_EXAMPLES=OFF
+	cmake --build $(BUILD_FORTIFY) -j $(JOBS)
+	cd $(BUILD_FORTIFY) && ctest --output-on-failure -j $(JOBS) -E package_consumers
+
+fuzz: deps
+	fuzz/run.sh $(FUZZ_SECONDS)
+
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_BENCH)
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_BENCH) $(BUILD_FORTIFY) build-fuzz
 
 # Benchmarks: every figure beside its baselines in one run, then a ratio table.
 BUILD_BENCH ?= build-bench
