@@ -1,5 +1,6 @@
 #include <linnet/sockgroup.h>
 
+#include <sys/select.h>
 #include <sys/time.h>
 
 #include <algorithm>
@@ -65,21 +66,47 @@ int CSockGroup::Poll(int seconds, int microseconds) {
     tv.tv_usec = microseconds;
     const timeval* timeout = seconds == -1 ? nullptr : &tv;
 
-    // One wait item per member, in list order. A member that asks for
-    // nothing waits for nothing (and cannot steer the wait to poll(2)).
-    std::vector<linnet::sys::WaitItem> items;
-    items.reserve(socks_.size());
+    // The usual case, every member below FD_SETSIZE: the three sets are
+    // built straight from the list. A member that asks for nothing (or has
+    // no descriptor) waits for nothing. The first member at or above
+    // FD_SETSIZE sends the whole wait to poll(2) instead: no set is ever
+    // indexed out of range.
+    fd_set rd, wr, ex;
+    FD_ZERO(&rd);
+    FD_ZERO(&wr);
+    FD_ZERO(&ex);
+    int largest = 0;
+    bool beyond_select = false;
     for (NonBlockSocket* s : socks_) {
         s->state_ = 0;
         const int events = s->events_ & kAllEvents;
-        items.push_back(linnet::sys::WaitItem{events != 0 ? s->fd_ : -1, events, 0});
+        if (s->fd_ < 0 || events == 0) continue;
+        if (s->fd_ >= FD_SETSIZE) {
+            beyond_select = true;
+            continue;
+        }
+        if (events & POLL_READ) FD_SET(s->fd_, &rd);
+        if (events & POLL_WRITE) FD_SET(s->fd_, &wr);
+        if (events & POLL_EXCEPT) FD_SET(s->fd_, &ex);
+        largest = std::max(largest, s->fd_);
     }
     if (timeout == nullptr)
         LOG_STREAM(11) << "polling socket group (time unlimited)";
     else
         LOG_STREAM(11) << "polling socket group (time " << seconds << "/" << microseconds << ")";
 
-    const int n = linnet::sys::wait_ready(items.data(), items.size(), timeout);
+    std::vector<linnet::sys::WaitItem> items;
+    int n;
+    if (!beyond_select) {
+        n = ::select(largest + 1, &rd, &wr, &ex, timeout != nullptr ? &tv : nullptr);
+    } else {
+        items.reserve(socks_.size());
+        for (NonBlockSocket* s : socks_) {
+            const int events = s->events_ & kAllEvents;
+            items.push_back(linnet::sys::WaitItem{events != 0 ? s->fd_ : -1, events, 0});
+        }
+        n = linnet::sys::wait_ready(items.data(), items.size(), timeout);
+    }
     if (n < 0) {
         const int err = errno;
         if (err == EINTR) {
@@ -95,7 +122,15 @@ int CSockGroup::Poll(int seconds, int microseconds) {
     }
     std::size_t i = 0;
     for (NonBlockSocket* s : socks_) {
-        s->state_ = items[i++].ready;
+        if (beyond_select) {
+            s->state_ = items[i++].ready;
+        } else {
+            const int events = s->events_ & kAllEvents;
+            if (s->fd_ < 0 || events == 0) continue;
+            if ((events & POLL_READ) && FD_ISSET(s->fd_, &rd)) s->state_ |= POLL_READ;
+            if ((events & POLL_WRITE) && FD_ISSET(s->fd_, &wr)) s->state_ |= POLL_WRITE;
+            if ((events & POLL_EXCEPT) && FD_ISSET(s->fd_, &ex)) s->state_ |= POLL_EXCEPT;
+        }
         if (s->state_ != 0)
             LOG_STREAM(11) << "events on fd " << s->fd_ << ": read " << (s->state_ & POLL_READ)
                            << ", write " << (s->state_ & POLL_WRITE) << ", exept "

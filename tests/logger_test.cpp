@@ -39,10 +39,13 @@ TEST(LinuxLogMessage, LongPrefixIsCutAt255AndTerminated) {
     capture::Scope scope;
     const std::string longname(400, 'f');
     { logger::LinuxLogMessage m(longname.c_str(), "source/x", 7, 5); m << "x"; }
+    logger::detail::Line(longname.c_str(), "source/x", 7, 5) << "x";  // the library's own path
+    logger::detail::Line("Poll", "source/socket", -3, 11) << "y";
     const auto r = capture::Records();
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_EQ(r[0].origin.size(), 255u);
+    ASSERT_EQ(r.size(), 3u);
     EXPECT_EQ(r[0].origin, longname.substr(0, 255));
+    EXPECT_EQ(r[1].origin, r[0].origin);
+    EXPECT_EQ(r[2].origin, "Poll: [source/socket:-3]");
 }
 
 TEST(LinuxLogMessage, EmptyMessageStillReachesTheSinkOnce) {

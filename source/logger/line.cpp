@@ -2,7 +2,6 @@
 
 #include <linnet/logger.h>
 
-#include <cstdio>
 #include <cstring>
 
 namespace logger {
@@ -24,13 +23,35 @@ char* render(unsigned long long v, unsigned base, char* end) {
 
 Line::~Line() {
     text_[len_] = '\0';
-    if (level_ > 3) {
-        char origin[256];
-        std::snprintf(origin, sizeof origin, "%s: [%s:%d]", function_, file_, line_);
-        _debug(origin, level_, text_);
-    } else {
+    if (level_ <= 3) {
         _debug(function_, level_, text_);
+        return;
     }
+    // "function: [file:line]", cut at 255 characters. Built by hand: this
+    // runs for every trace message, and snprintf costs more than the rest
+    // of the message.
+    char origin[256];
+    std::size_t n = 0;
+    auto put = [&origin, &n](const char* s, std::size_t len) {
+        const std::size_t room = sizeof origin - 1 - n;
+        if (len > room) len = room;
+        std::memcpy(origin + n, s, len);
+        n += len;
+    };
+    put(function_, std::strlen(function_));
+    put(": [", 3);
+    put(file_, std::strlen(file_));
+    put(":", 1);
+    char digits[24];
+    char* const end = digits + sizeof digits;
+    const unsigned long long magnitude =
+        line_ < 0 ? 0ULL - static_cast<unsigned long long>(line_) : static_cast<unsigned long long>(line_);
+    char* start = render(magnitude, 10, end);
+    if (line_ < 0) *--start = '-';
+    put(start, static_cast<std::size_t>(end - start));
+    put("]", 1);
+    origin[n] = '\0';
+    _debug(origin, level_, text_);
 }
 
 Line& Line::append(const char* s, std::size_t n) {
