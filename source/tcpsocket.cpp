@@ -18,6 +18,44 @@ namespace {
 
 const linger kLingerOneSecond = {1, 1};
 
+// Reads SO_SNDBUF and SO_RCVBUF back after opening or adopting `fd`; 8192
+// stands in for a size the kernel does not report. `rcv_text` is the start
+// of the receive trace, which differs between Open and OpenFD.
+void read_back_sizes(int fd, int* snd, int* rcv, const char* origin, const char* rcv_text) {
+    int size = 0;
+    socklen_t len = sizeof size;
+    if (::getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, &len) == 0) {
+        *snd = size;
+        LOG_STREAM_AS(origin, 11) << "current send buffer size=" << size << " on fd_ " << fd;
+    } else {
+        *snd = 8192;
+    }
+    len = sizeof size;
+    if (::getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, &len) == 0) {
+        *rcv = size;
+        LOG_STREAM_AS(origin, 11) << rcv_text << size << " on fd_ = " << fd;
+    } else {
+        *rcv = 8192;
+    }
+}
+
+// SetSndBufSize/SetRcvBufSize: `word` is "send" or "recv". Returns the raw
+// setsockopt result.
+int set_buffer_size(int fd, int option, int size, const char* word, const char* origin) {
+    int current = 0;
+    socklen_t len = sizeof current;
+    if (::getsockopt(fd, SOL_SOCKET, option, &current, &len) == 0)
+        LOG_STREAM_AS(origin, 11) << "current " << word << " buffer size=" << current << " on fd_ " << fd;
+    const int r = ::setsockopt(fd, SOL_SOCKET, option, &size, sizeof size);
+    if (r < 0) {
+        const int err = errno;
+        LOG_STREAM_AS(origin, 1) << "Can't set " << word << " buffer size to " << size << " on fd_ "
+                                 << fd << " (quorlix::lasterror() " << err << ")";
+    }
+    LOG_STREAM_AS(origin, 11) << "set " << word << " buffer size to " << size << " on fd_ " << fd;
+    return r;
+}
+
 }  // namespace
 
 TCPSocket::TCPSocket() : NonBlockSocket(0), sndBufSize_(0), rcvBufSize_(0) {}
@@ -57,21 +95,7 @@ int TCPSocket::Open() {
         LOG_STREAM(11) << "can't set 'SO_LINGER' option on fd_ " << fd_ << " (code " << err << ")";
     }
 
-    int size = 0;
-    socklen_t len = sizeof size;
-    if (::getsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &size, &len) == 0) {
-        sndBufSize_ = size;
-        LOG_STREAM(11) << "current send buffer size=" << size << " on fd_ " << fd_;
-    } else {
-        sndBufSize_ = 8192;
-    }
-    len = sizeof size;
-    if (::getsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, &len) == 0) {
-        rcvBufSize_ = size;
-        LOG_STREAM(11) << "current recv buffer size = " << size << " on fd_ = " << fd_;
-    } else {
-        rcvBufSize_ = 8192;
-    }
+    read_back_sizes(fd_, &sndBufSize_, &rcvBufSize_, "Open", "current recv buffer size = ");
     initState_ |= INIT_OPEN;
     return 0;
 }
@@ -97,21 +121,7 @@ int TCPSocket::OpenFD(int fd, unsigned short port) {
     // The descriptor is passed but the format has no conversion for it.
     LOG_FORMAT("OpenFD", 11, "copied fd_ = ", fd_);
 
-    int size = 0;
-    socklen_t len = sizeof size;
-    if (::getsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &size, &len) == 0) {
-        sndBufSize_ = size;
-        LOG_STREAM(11) << "current send buffer size=" << size << " on fd_ " << fd_;
-    } else {
-        sndBufSize_ = 8192;
-    }
-    len = sizeof size;
-    if (::getsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, &len) == 0) {
-        rcvBufSize_ = size;
-        LOG_STREAM(11) << "current recv buffer size=" << size << " on fd_ = " << fd_;
-    } else {
-        rcvBufSize_ = 8192;
-    }
+    read_back_sizes(fd_, &sndBufSize_, &rcvBufSize_, "OpenFD", "current recv buffer size=");
     initState_ |= INIT_OPEN;
     if (port != 0) port_ = port;
     return 0;
@@ -167,33 +177,13 @@ int TCPSocket::Write(void* buf, int len) {
 }
 
 int TCPSocket::SetSndBufSize(int size) {
-    int current = 0;
-    socklen_t len = sizeof current;
-    if (::getsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &current, &len) == 0)
-        LOG_STREAM(11) << "current send buffer size=" << current << " on fd_ " << fd_;
-    const int r = ::setsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-    if (r < 0) {
-        const int err = errno;
-        LOG_STREAM(1) << "Can't set send buffer size to " << size << " on fd_ " << fd_
-                      << " (quorlix::lasterror() " << err << ")";
-    }
-    LOG_STREAM(11) << "set send buffer size to " << size << " on fd_ " << fd_;
-    sndBufSize_ = size;
+    const int r = set_buffer_size(fd_, SO_SNDBUF, size, "send", "SetSndBufSize");
+    sndBufSize_ = size;  // the request, also when the kernel refused it
     return r;
 }
 
 int TCPSocket::SetRcvBufSize(int size) {
-    int current = 0;
-    socklen_t len = sizeof current;
-    if (::getsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &current, &len) == 0)
-        LOG_STREAM(11) << "current recv buffer size=" << current << " on fd_ " << fd_;
-    const int r = ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    if (r < 0) {
-        const int err = errno;
-        LOG_STREAM(1) << "Can't set recv buffer size to " << size << " on fd_ " << fd_
-                      << " (quorlix::lasterror() " << err << ")";
-    }
-    LOG_STREAM(11) << "set recv buffer size to " << size << " on fd_ " << fd_;
+    const int r = set_buffer_size(fd_, SO_RCVBUF, size, "recv", "SetRcvBufSize");
     rcvBufSize_ = size;
     return r;
 }

@@ -120,6 +120,16 @@ public:
     bool Process(int events, int* status);
 
 protected:
+    // Process's send phase: sends the output queue until it is empty or the
+    // socket takes part of a chunk (the rest goes back to the front), adding
+    // the bytes sent to *sent. 0, or the negative write result (logged; the
+    // chunk being sent is lost).
+    int SendQueued(std::int32_t now, int* sent);
+    // Process's receive step: one read of up to rcvSize_ bytes, queued as
+    // one input chunk when positive; *result is the read's result. false
+    // when no buffer could be allocated (nothing read).
+    bool ReceiveOnce(std::int32_t now, int* result);
+
     SocketQueue* outQueue_;       // chunks waiting to be sent
     SocketQueue* inQueue_;        // chunks received and not yet taken
     std::uint32_t sndSize_;       // send buffer size applied on open (>= 1024)

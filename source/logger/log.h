@@ -18,6 +18,10 @@
 //     LOG_STREAM(11) << "polling fd_ " << fd_;
 #define LOG_STREAM(level) (logger::detail::Line(__func__, kLogFile, __LINE__, (level)))
 
+// The same from a helper that logs on behalf of the public operation named
+// `origin` (a static string).
+#define LOG_STREAM_AS(origin, level) (logger::detail::Line((origin), kLogFile, __LINE__, (level)))
+
 // Formatted style: nothing is formatted unless dbg_can_log(level) says so.
 //     LOG_FORMAT("Listen", 11, "listening on fd_ = %d", fd_);
 #define LOG_FORMAT(origin, level, ...)                \

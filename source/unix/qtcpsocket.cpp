@@ -108,63 +108,77 @@ int QueuedTCPSocket::Close() {
     return NonBlockSocket::Close();
 }
 
-bool QueuedTCPSocket::Process(int events, int* status) {
-    if (status != nullptr) *status = 0;
-    const std::int32_t now = Now();
-    bool sent = false;
-
-    if (events & POLL_WRITE) {
-        while (!outQueue_->Empty()) {
-            const int n = outQueue_->Get(nullptr, 0);
-            if (n == 0) {  // an empty chunk: nothing to send, drop it
-                unsigned char none = 0;
-                void* at = &none;
-                outQueue_->Get(&at, 1);
-                continue;
-            }
-            void* buffer = std::malloc(static_cast<size_t>(n));
-            if (buffer == nullptr) break;  // the chunk stays queued for a later call
-            outQueue_->Get(&buffer, 1);
-            const int w = TCPSocket::Write(buffer, n);
-            if (w < 0) {
-                LOG_STREAM(4) << "Can't write data to fd " << fd_;
-                QueueCloseMarker(inQueue_);
-                if (status != nullptr) *status |= 2;
-                std::free(buffer);
-                return true;
-            }
-            if (w > 0) {
-                lastWriteTime_ = now;
-                sent = true;
-            }
-            if (w < n) {
-                outQueue_->PutFront(static_cast<unsigned char*>(buffer) + w, n - w, 1);
-                std::free(buffer);
-                break;
-            }
-            std::free(buffer);
+int QueuedTCPSocket::SendQueued(std::int32_t now, int* sent) {
+    while (!outQueue_->Empty()) {
+        const int n = outQueue_->Get(nullptr, 0);
+        if (n == 0) {  // an empty chunk: nothing to send, drop it
+            unsigned char none = 0;
+            void* at = &none;
+            outQueue_->Get(&at, 1);
+            continue;
         }
-        if (lastWriteTime_ == now) lastWriteTime_ = Now();
+        void* buffer = std::malloc(static_cast<size_t>(n));
+        if (buffer == nullptr) return 0;  // the chunk stays queued for a later call
+        outQueue_->Get(&buffer, 1);
+        const int w = TCPSocket::Write(buffer, n);
+        if (w < 0) {
+            LOG_STREAM_AS("Process", 4) << "Can't write data to fd " << fd_;
+            std::free(buffer);  // the chunk is lost
+            return w;
+        }
+        if (w > 0) {
+            lastWriteTime_ = now;
+            *sent = *sent > INT_MAX - w ? INT_MAX : *sent + w;
+        }
+        if (w < n) {
+            outQueue_->PutFront(static_cast<unsigned char*>(buffer) + w, n - w, 1);
+            std::free(buffer);
+            return 0;
+        }
+        std::free(buffer);
     }
-    if (!(events & POLL_READ)) return sent;
+    return 0;
+}
 
+bool QueuedTCPSocket::ReceiveOnce(std::int32_t now, int* result) {
     int size = AsInt(rcvSize_);
     unsigned char* buffer = new (std::nothrow) unsigned char[static_cast<size_t>(size)];
     if (buffer == nullptr) {
-        LOG_STREAM(4) << "Can't allocate " << size << " bytes of memory. Use default buffer.";
+        LOG_STREAM_AS("Process", 4) << "Can't allocate " << size << " bytes of memory. Use default buffer.";
         size = static_cast<int>(kMinBufSize);
         buffer = new (std::nothrow) unsigned char[kMinBufSize];
         if (buffer == nullptr) return false;
     }
-    const int r = TCPSocket::Read(buffer, size);
-    if (r > 0) {
-        inQueue_->PutBack(buffer, r, 1);
+    *result = TCPSocket::Read(buffer, size);
+    if (*result > 0) {
+        inQueue_->PutBack(buffer, *result, 1);
         lastReadTime_ = now;
-    } else if (r < 0) {
+    }
+    delete[] buffer;
+    return true;
+}
+
+bool QueuedTCPSocket::Process(int events, int* status) {
+    if (status != nullptr) *status = 0;
+    const std::int32_t now = Now();
+    int sent = 0;
+
+    if (events & POLL_WRITE) {
+        if (SendQueued(now, &sent) < 0) {
+            QueueCloseMarker(inQueue_);
+            if (status != nullptr) *status |= 2;
+            return true;  // the receive phase is skipped
+        }
+        if (lastWriteTime_ == now) lastWriteTime_ = Now();
+    }
+    if (!(events & POLL_READ)) return sent > 0;
+
+    int r = 0;
+    if (!ReceiveOnce(now, &r)) return false;
+    if (r < 0) {
         LOG_STREAM(4) << "Can't read data from FD " << fd_;
         QueueCloseMarker(inQueue_);
         if (status != nullptr) *status |= 1;
     }
-    delete[] buffer;
-    return r != 0 || sent;
+    return r != 0 || sent > 0;
 }
