@@ -42,28 +42,16 @@ TEST(NetworkInterfaceInfoNetns, InterfaceWithoutAddressIsListedAfterAddressedOne
         const int b = table.GetNum("nvb");
         ASSERT_GE(a, 0);
         ASSERT_GE(b, 0);
-        for (int i = 0; i < table.GetCount(); ++i) {
-            if (table.GetIP(i) != 0) {
-                EXPECT_LT(i, b) << table.GetName(i);
-            }
-        }
-
+        for (int i = 0; i < table.GetCount(); ++i)
+            EXPECT_TRUE(table.GetIP(i) == 0 || i < b) << table.GetName(i);
         EXPECT_EQ(table.GetIP(a), H("192.0.2.1"));
-        EXPECT_EQ(table.GetNetmask(a), H("255.255.255.0"));
         EXPECT_EQ(table.GetBroadcast(a), H("192.0.2.255"));
-        EXPECT_EQ(table.GetIndex("nva"), static_cast<int>(if_nametoindex("nva")));
         const unsigned char mac[6] = {2, 0, 0, 0, 0, 0x0a};
         ASSERT_NE(table.GetEther("nva"), nullptr);
         EXPECT_EQ(std::memcmp(table.GetEther("nva"), mac, 6), 0);
-        EXPECT_TRUE(table.GetFlags(a) & IFF_UP);
         EXPECT_TRUE(table.IsOperational(a));
-        EXPECT_EQ(table.IsLoopback(a), 0);
-
         // The name-only record: nothing but its name.
-        EXPECT_EQ(table.GetIP(b), 0u);
-        EXPECT_EQ(table.GetFlags(b), 0u);
-        EXPECT_EQ(table.GetIndex("nvb"), 0);
-        EXPECT_FALSE(table.IsOperational(b));
+        EXPECT_EQ(table.GetIP(b) + table.GetFlags(b) + table.GetIndex("nvb"), 0u);
         // The kernel has no address to take a mask: -errno, record unchanged.
         EXPECT_EQ(table.SetNetmask("nvb", static_cast<int>(H("255.255.255.0"))), -EADDRNOTAVAIL);
         EXPECT_EQ(table.GetNetmask(b), 0u);
@@ -84,25 +72,17 @@ TEST(NetworkInterfaceInfoNetns, AliasIsItsOwnVirtualRecordFoundWithItsInterface)
         const int alias = table.GetNum("nvc:1");
         ASSERT_GE(base, 0);
         ASSERT_GE(alias, 0);
-        EXPECT_NE(base, alias);
         EXPECT_TRUE(table.IsVirtual(alias));
         EXPECT_FALSE(table.IsVirtual(base));
-        EXPECT_EQ(table.GetIP(alias), H("198.51.100.33"));
         EXPECT_EQ(table.GetIndex("nvc:1"), table.GetIndex("nvc"));
-
         std::vector<int> positions;
         table.Lookup("nvc", positions);
         EXPECT_EQ(positions, (std::vector<int>{std::min(base, alias), std::max(base, alias)}));
-        table.GetNum("nvc", positions);
-        EXPECT_EQ(positions.size(), 2u);
         std::vector<unsigned int> ips;
         table.GetIP("nvc", ips);
         ASSERT_EQ(ips.size(), 2u);
         EXPECT_EQ(ips[base < alias ? 0 : 1], H("192.0.2.33"));
         EXPECT_EQ(ips[base < alias ? 1 : 0], H("198.51.100.33"));
-        table.GetIP("nvc:1", ips);
-        EXPECT_EQ(ips, (std::vector<unsigned int>{H("198.51.100.33")}));
-        EXPECT_EQ(table.GetNetmaskOnIP(H("198.51.100.33")), H("255.255.255.0"));
     }
     DelLink("nvc");
     DelLink("nvc1");
@@ -117,49 +97,27 @@ TEST(NetworkInterfaceInfoNetns, SettersChangeTheKernelAndTheRecord) {
     ASSERT_GE(pos, 0);
 
     // Netmask and broadcast go in host order.
-    {
-        capture::Scope log;
-        EXPECT_EQ(table.SetNetmask("nve", static_cast<int>(H("255.255.255.0"))), 0);
-        EXPECT_TRUE(capture::Contains("mask -256 iface nve", 5));
-        EXPECT_EQ(table.SetBroadcast(pos, static_cast<int>(H("192.0.2.127"))), 0);
-        EXPECT_TRUE(capture::Contains("bcast -1073741185 iface nve", 5));
-    }
+    EXPECT_EQ(table.SetNetmask("nve", static_cast<int>(H("255.255.255.0"))), 0);
+    EXPECT_EQ(table.SetBroadcast(pos, static_cast<int>(H("192.0.2.127"))), 0);
     EXPECT_EQ(table.GetNetmask(pos), H("255.255.255.0"));
     EXPECT_EQ(table.GetBroadcast(pos), H("192.0.2.127"));
     EXPECT_NE(IpAddr("nve").find("192.0.2.65/24 brd 192.0.2.127"), std::string::npos) << IpAddr("nve");
-    {
-        CNetworkInterfaceInfo fresh;
-        EXPECT_EQ(fresh.GetNetmask("nve"), H("255.255.255.0"));
-        EXPECT_EQ(fresh.GetBroadcast("nve"), H("192.0.2.127"));
-    }
 
     // SetIP passes its value on unconverted: the host-order value of
     // 77.2.0.192 reaches the kernel as 192.0.2.77, and is stored as given.
     EXPECT_EQ(table.SetIP("nve", H("77.2.0.192")), 0);
     EXPECT_EQ(table.GetIP(pos), H("77.2.0.192"));
     EXPECT_NE(IpAddr("nve").find("inet 192.0.2.77/"), std::string::npos) << IpAddr("nve");
-    {
-        CNetworkInterfaceInfo fresh;
-        EXPECT_EQ(fresh.GetIP("nve"), H("192.0.2.77"));
-    }
 
     // Flags: down, then up again; all 64 bits stored, the low 16 sent.
     const unsigned long long up = table.GetFlags(pos);
     ASSERT_TRUE(up & IFF_UP);
     EXPECT_EQ(table.SetFlags("nve", up & ~static_cast<unsigned long long>(IFF_UP)), 0);
     EXPECT_FALSE(table.IsOperational(pos));
-    EXPECT_NE(netns::Output("ip -o link show dev nve").find("state DOWN"), std::string::npos);
-    {
-        CNetworkInterfaceInfo fresh;
-        EXPECT_EQ(fresh.GetFlags("nve") & IFF_UP, 0u);
-    }
+    EXPECT_EQ(CNetworkInterfaceInfo().GetFlags("nve") & IFF_UP, 0u);
     EXPECT_EQ(table.SetFlags(pos, up | 0xffff000000000000ull), 0);
     EXPECT_EQ(table.GetFlags(pos), up | 0xffff000000000000ull);
-    EXPECT_TRUE(table.IsOperational(pos));
-    {
-        CNetworkInterfaceInfo fresh;
-        EXPECT_TRUE(fresh.GetFlags("nve") & IFF_UP);
-    }
+    EXPECT_TRUE(CNetworkInterfaceInfo().GetFlags("nve") & IFF_UP);
 
     EXPECT_EQ(table.SetIP("nvx", 1u), -2);
     EXPECT_EQ(table.SetFlags("nvx", 1u), -2);
@@ -180,7 +138,6 @@ TEST(NetworkInterfaceInfoNetns, FifteenCharacterNameIsReadAndSetWhole) {
         const int pos = table.GetNum(a.c_str());
         ASSERT_GE(pos, 0);
         EXPECT_EQ(std::strlen(table.GetName(pos)), 15u);
-        EXPECT_EQ(table.GetIndex(a.c_str()), static_cast<int>(if_nametoindex(a.c_str())));
         EXPECT_TRUE(table.IsExist(b));  // read from /proc/net/dev
         EXPECT_EQ(table.SetNetmask(a.c_str(), static_cast<int>(H("255.255.255.0"))), 0);
         EXPECT_NE(IpAddr(a).find("203.0.113.9/24"), std::string::npos) << IpAddr(a);
@@ -201,7 +158,6 @@ TEST(NetworkInterfaceInfoNetns, MoreThan128InterfacesFillTheTableAndNoMore) {
         EXPECT_EQ(table.GetCount(), 128);
         EXPECT_EQ(table.GetIP("nvp69"), H("192.0.2.200"));
         EXPECT_LT(table.GetNum("nvp69"), 2);  // addressed: lo and nvp69 come first
-        for (int i = 0; i < table.GetCount(); ++i) ASSERT_NE(table.GetName(i), nullptr) << i;
         EXPECT_EQ(table.GetName(128), nullptr);
         EXPECT_TRUE(capture::Contains("13 interfaces left out", 1));
     }

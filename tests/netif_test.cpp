@@ -30,85 +30,36 @@ struct NameCase {
 
 TEST(NetworkInterfaceInfo, LoopbackIsListedWithItsAddressInHostOrder) {
     CNetworkInterfaceInfo table;
-    ASSERT_GT(table.GetCount(), 0);
     const int pos = table.GetNum("lo");
     ASSERT_GE(pos, 0);
     EXPECT_STREQ(table.GetName(pos), "lo");
-    EXPECT_EQ(table.GetIP(pos), kLoopbackHost);
     EXPECT_EQ(table.GetIP("lo"), kLoopbackHost);
-    EXPECT_EQ(table.GetNetmask("lo"), 0xff000000u);
+    EXPECT_EQ(table.GetNetmaskOnIP(kLoopbackHost), 0xff000000u);
     EXPECT_EQ(table.IsLoopback(pos), 8);
-    EXPECT_EQ(table.IsLoopback("lo"), 8);
-    EXPECT_EQ(table.IsPPP("lo"), 0);
     EXPECT_FALSE(table.IsVirtual(pos));
     EXPECT_TRUE(table.IsOperational(pos));
-    EXPECT_TRUE(table.IsOperational("lo"));
-    EXPECT_TRUE(table.IsExist("lo"));
-    EXPECT_EQ(table.check_ifaces("lo"), 0);
-    EXPECT_EQ(table.GetNetmaskOnIP(kLoopbackHost), 0xff000000u);
-
     const int index = table.GetIndex("lo");
     EXPECT_NE(index, 0);
     EXPECT_EQ(index, static_cast<int>(if_nametoindex("lo")));
-    EXPECT_STREQ(table.GetNameByIndex(index), "lo");
     EXPECT_EQ(table.GetNumByIndex(index), pos);
-    int found = -7;
-    EXPECT_EQ(table.Lookup("lo", &found), table.Lookup("lo"));
-    EXPECT_EQ(found, pos);
-}
-
-TEST(NetworkInterfaceInfo, NamesMatchExactlyAndUnknownOnesGiveNothing) {
-    CNetworkInterfaceInfo table;
-    EXPECT_EQ(table.GetIndex("l"), -1);
-    EXPECT_EQ(table.GetIndex("lo0"), -1);
-    EXPECT_EQ(table.GetIndex("lo:"), -1);
+    for (const char* near : {"l", "lo0", "lo:"}) EXPECT_EQ(table.GetIndex(near), -1) << near;
     int untouched = -7;
     EXPECT_EQ(table.Lookup("no-such-if", &untouched), nullptr);
     EXPECT_EQ(untouched, -7);
-    EXPECT_EQ(table.GetNum("no-such-if"), -1);
-    EXPECT_EQ(table.GetIP("no-such-if"), 0u);
-    EXPECT_EQ(table.GetFlags("no-such-if"), 0u);
-    EXPECT_EQ(table.GetEther("no-such-if"), nullptr);
-    EXPECT_EQ(table.GetNetmask("no-such-if"), 0u);
-    EXPECT_EQ(table.GetBroadcast("no-such-if"), 0u);
-    EXPECT_FALSE(table.IsExist("no-such-if"));
-    EXPECT_NE(table.check_ifaces("no-such-if"), 0);
-    EXPECT_EQ(table.GetNameByIndex(-5), nullptr);
-    EXPECT_EQ(table.GetNumByIndex(-5), -1);
-    EXPECT_EQ(table.GetNetmaskOnIP(kNobodyHost), 0u);
-    std::vector<int> positions{1, 2, 3};
-    table.Lookup("no-such-if", positions);
-    EXPECT_TRUE(positions.empty());
-
+    EXPECT_EQ(table.GetIP("no-such-if") + table.GetNetmaskOnIP(kNobodyHost), 0u);
     EXPECT_FALSE(table.IsOperational(-1));
     EXPECT_FALSE(table.IsOperational(table.GetCount()));
-    EXPECT_FALSE(table.IsOperational("no-such-if"));
     EXPECT_EQ(table.GetName(table.GetCount()), nullptr);
-    EXPECT_FALSE(table.IsVirtual(table.GetCount()));
-
-    // Setters on unknown names change nothing and give -2.
-    EXPECT_EQ(table.SetIP("no-such-if", 1u), -2);
-    EXPECT_EQ(table.SetFlags("no-such-if", 1u), -2);
-    EXPECT_EQ(table.SetNetmask("no-such-if", -256), -2);
-    EXPECT_EQ(table.SetBroadcast("no-such-if", -1), -2);
     EXPECT_EQ(table.SetIP(table.GetCount(), 1u), -2);
     EXPECT_EQ(table.SetNetmask(static_cast<__NETIF_IFINFO*>(nullptr), -256), -2);
 }
 
 TEST(CheckLoopbackAddr, AnswersEightOnlyForAnAddressOfALoopbackInterface) {
+    const int before = testnet::CountOpenFds();
     EXPECT_EQ(CheckLoopbackAddr(kLoopbackHost), 8);
     EXPECT_EQ(CheckLoopbackAddr(kNobodyHost), 0);
     EXPECT_EQ(CheckLoopbackAddr(htonl(kLoopbackHost)), 0);  // wrong byte order
-}
-
-TEST(NetworkInterfaceInfo, TablesLeaveNoDescriptorBehind) {
-    const int before = testnet::CountOpenFds();
-    for (int i = 0; i < 20; ++i) {
-        CNetworkInterfaceInfo table;
-        ASSERT_GT(table.GetCount(), 0);
-    }
-    EXPECT_EQ(CheckLoopbackAddr(kLoopbackHost), 8);
-    EXPECT_EQ(testnet::CountOpenFds(), before);
+    EXPECT_EQ(testnet::CountOpenFds(), before);  // no descriptor left behind
 }
 
 namespace {
@@ -124,8 +75,9 @@ void TableWithoutDescriptors() {
         std::strcpy(gone.name, "linnet-gone0");
         if (table.SetNetmask(&gone, -256) != -ENODEV || gone.netmask != 0) std::_Exit(2);
     }
-    rlimit none;
-    none.rlim_cur = none.rlim_max = 0;
+    rlimit none;  // the soft limit alone: valgrind refuses a new hard one
+    if (getrlimit(RLIMIT_NOFILE, &none) != 0) std::_Exit(3);
+    none.rlim_cur = 0;
     if (setrlimit(RLIMIT_NOFILE, &none) != 0) std::_Exit(3);
     CNetworkInterfaceInfo table;
     const bool ok = table.GetCount() == 0 && table.SetFlags(0, 1u) == -2 &&
@@ -165,15 +117,11 @@ TEST(NetworkInterfaceInfo, GetNameTakesTheNameOfEveryKindOfDevLine) {
         {"    lo:   13921     225    0", "lo", 7},
         {"  eth0:4046496815 3191222 0", "eth0", 7},  // counter glued to the colon
         {"eth0:1: 12 13", "eth0:1", 7},              // an alias keeps its digits
-        {"eth0:1:12", "eth0:1", 7},
         {"eth0:12", "eth0", 5},                      // digits, no second colon
         {"eth0:x1: 5", "eth0", 5},
-        {"eth0: ", "eth0", 5},
         {"eth0:", "eth0", 5},
         {"eth0 12 13", "eth0", 4},                   // no colon at all
-        {"\teth0\n", "eth0", 5},
         {"", "", 0},
-        {"   ", "", 3},
         {":", "", 1},
         {"::1:", "", 1},
         {"abcdefghijklmnopqrstuvwxyz: 1", "abcdefghijklmno", 27},  // cut at 15
@@ -184,20 +132,14 @@ TEST(NetworkInterfaceInfo, GetNameTakesTheNameOfEveryKindOfDevLine) {
         std::string line = c.line;
         char out[32];
         std::memset(out, 'X', sizeof out);
-        char* end = CNetworkInterfaceInfo::get_name(out, &line[0]);
+        EXPECT_EQ(CNetworkInterfaceInfo::get_name(out, &line[0]) - line.c_str(), c.consumed) << c.line;
         EXPECT_STREQ(out, c.name) << '"' << c.line << '"';
-        EXPECT_EQ(end - line.c_str(), c.consumed) << '"' << c.line << '"';
-        for (std::size_t i = 16; i < sizeof out; ++i) ASSERT_EQ(out[i], 'X') << c.line;
+        EXPECT_EQ(std::string(out + 16, 16), std::string(16, 'X')) << c.line;
     }
 
-    // A long garbage line without a blank or a colon.
-    std::string garbage(2000, '#');
+    std::string garbage(2000, '#');  // no blank, no colon
     char out[16];
-    char* end = CNetworkInterfaceInfo::get_name(out, &garbage[0]);
+    EXPECT_EQ(CNetworkInterfaceInfo::get_name(out, &garbage[0]), garbage.c_str() + garbage.size());
     EXPECT_EQ(std::string(out), std::string(15, '#'));
-    EXPECT_EQ(end, garbage.c_str() + garbage.size());
-
-    char line[] = "eth0: 1";
-    EXPECT_EQ(CNetworkInterfaceInfo::get_name(nullptr, line), nullptr);
-    EXPECT_EQ(CNetworkInterfaceInfo::get_name(out, nullptr), nullptr);
+    EXPECT_EQ(CNetworkInterfaceInfo::get_name(nullptr, &garbage[0]), nullptr);
 }

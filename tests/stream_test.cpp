@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <thread>
@@ -18,11 +16,7 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double SecondsSince(Clock::time_point t0) {
-    return std::chrono::duration<double>(Clock::now() - t0).count();
-}
+using testnet::SecondsSince;
 
 // A TCPSocket that counts the stream's calls and can cap each Read, to
 // prove the stream reaches its socket only through the virtual operations.
@@ -38,8 +32,7 @@ public:
         if (!caps.empty()) caps.erase(caps.begin());
         return TCPSocket::Read(buf, std::min(len, cap));
     }
-    int polls = 0;
-    int reads = 0;
+    int polls = 0, reads = 0;
     std::vector<int> caps;  // per-Read byte limits, used up in order
 };
 
@@ -47,95 +40,65 @@ public:
 struct Link {
     Link() : pair(testnet::MakeTcpPair()) { sock.OpenFD(pair.client.release(), 0); }
     int peer() const { return pair.server.get(); }
+    void Send(const void* p, size_t n) { ASSERT_TRUE(testnet::WriteAll(peer(), p, n)); }
     testnet::Pair pair;
     ProbeSocket sock;
 };
 
-struct TimeoutView : SockStream {
-    using SockStream::SockStream;
-    unsigned sec() const { return timeoutSec_; }
-    unsigned usec() const { return timeoutUsec_; }
-    unsigned final() const { return finalTimeout_; }
-};
+void ReadHugeBlockInChild(Link* l) {
+    rlimit rl{1ul << 30, 1ul << 30};
+    SockStream s(&l->sock, 500000, 2);
+    unsigned char* body = nullptr;
+    unsigned size = 0;
+    const bool ok = ::setrlimit(RLIMIT_AS, &rl) == 0 && s.ReadBlock(&body, &size, 0) == -3 &&
+                    body == nullptr && l->sock.Poll(POLL_READ, 0, 0) == 0;  // the input was flushed
+    ::_exit(ok ? 0 : 1);
+}
 
 }  // namespace
 
-TEST(SockStream, ConstructorAndSetTimeoutsSplitTheStepTimeout) {
-    capture::Scope log;
-    TimeoutView s(nullptr, 2005000, 3);
-    EXPECT_TRUE(capture::Contains("timeout 2.5000, finaltimeout 3", 11));
-    s.SetTimeouts(1500000, 7);
-    EXPECT_EQ(s.sec(), 1u);
-    EXPECT_EQ(s.usec(), 500000u);
-    EXPECT_EQ(s.final(), 7u);
-}
-
-TEST(SockStream, ZeroSizeReadAndWriteMakeNoPoll) {
+TEST(SockStream, ReadCollectsShortReadsAndZeroSizesMakeNoPoll) {
     Link l;
-    SockStream s(&l.sock, 100000, 1);
     capture::Scope log;
+    SockStream s(&l.sock, 2005000, 2);
+    EXPECT_TRUE(capture::Contains("timeout 2.5000, finaltimeout 2", 11));  // microseconds unpadded
     char c = 0;
     EXPECT_EQ(s.Read(&c, 0), 0);
     EXPECT_EQ(s.Write(&c, 0), 0);
     EXPECT_EQ(l.sock.polls, 0);
-    EXPECT_TRUE(capture::Contains("read completed on fd"));
-    EXPECT_TRUE(capture::Contains("write completed on fd"));
-}
-
-TEST(SockStream, ReadCollectsShortReadsIntoTheExactCount) {
-    Link l;
-    std::vector<unsigned char> sent(5000);
+    std::vector<unsigned char> sent(5000), got(5000);
     for (size_t i = 0; i < sent.size(); ++i) sent[i] = static_cast<unsigned char>(i * 7);
-    ASSERT_TRUE(testnet::WriteAll(l.peer(), sent.data(), sent.size()));
+    l.Send(sent.data(), sent.size());
     l.sock.caps = {1, 10};  // 1 byte, then 10, then the rest
-    SockStream s(&l.sock, 500000, 2);
-    std::vector<unsigned char> got(sent.size());
     EXPECT_EQ(s.Read(got.data(), got.size()), 5000);
     EXPECT_EQ(got, sent);
     EXPECT_GE(l.sock.reads, 3);
-}
-
-TEST(SockStream, ReadEndsWithTheSocketCodeWhenPeerCloses) {
-    Link l;
-    ASSERT_TRUE(testnet::WriteAll(l.peer(), "abc", 3));
     l.pair.server.reset();
-    SockStream s(&l.sock, 500000, 2);
-    capture::Scope log;
-    char buf[10];
-    EXPECT_EQ(s.Read(buf, sizeof buf), -32);
-    EXPECT_TRUE(capture::Contains("read returned -32 on fd"));
-    EXPECT_TRUE(capture::Contains("(code 32)"));
+    EXPECT_EQ(s.Read(got.data(), 10), -32);  // the socket's own code at the peer's close
 }
 
-TEST(SockStream, SilentPeerCostsFinalTimeoutWithinItsWindow) {
+TEST(SockStream, SilentPeerCostsFinalTimeoutAndBlockedWriteReturnsZero) {
     Link l;
     char buf[4];
     SockStream s(&l.sock, 500000, 2);
-    auto t0 = Clock::now();
+    auto t0 = testnet::Clock::now();
     EXPECT_EQ(s.Read(buf, sizeof buf), -110);
-    const double waited = SecondsSince(t0);
-    EXPECT_GE(waited, 0.9);  // whole-second clock: between 1 and 2.5 s
-    EXPECT_LE(waited, 3.5);
+    EXPECT_GE(SecondsSince(t0), 0.9);  // whole-second clock: between 1 and 2.5 s
+    EXPECT_LE(SecondsSince(t0), 3.5);
 
     s.SetTimeouts(200000, 0);  // final 0: the first step time-out ends it
     l.sock.polls = 0;
-    t0 = Clock::now();
+    t0 = testnet::Clock::now();
     EXPECT_EQ(s.Read(buf, sizeof buf), -110);
     EXPECT_EQ(l.sock.polls, 1);
     EXPECT_LT(SecondsSince(t0), 1.5);
-}
 
-TEST(SockStream, WriteToPeerThatStopsReadingReturnsZeroAfterOneStep) {
-    Link l;
     l.sock.SetSndBufSize(4096);
     std::vector<char> big(16 << 20);
-    SockStream s(&l.sock, 200000, 1);
-    capture::Scope log;
-    const auto t0 = Clock::now();
+    s.SetTimeouts(200000, 1);
+    t0 = testnet::Clock::now();
     EXPECT_EQ(s.Write(big.data(), big.size()), 0);
     EXPECT_LT(SecondsSince(t0), 5.0);
-    EXPECT_TRUE(capture::Contains("write did not complete on"));
-    EXPECT_TRUE(capture::Contains("(code 0)"));
 }
 
 TEST(SockStream, FlushDrainsWithoutPolling) {
@@ -143,7 +106,7 @@ TEST(SockStream, FlushDrainsWithoutPolling) {
     SockStream s(&l.sock, 100000, 1);
     s.Flush();
     EXPECT_EQ(l.sock.reads, 1);
-    ASSERT_TRUE(testnet::WriteAll(l.peer(), "0123456789", 10));
+    l.Send("0123456789", 10);
     ASSERT_EQ(l.sock.Poll(POLL_READ, 2, 0), POLL_READ);
     l.sock.reads = l.sock.polls = 0;
     s.Flush();
@@ -154,15 +117,11 @@ TEST(SockStream, FlushDrainsWithoutPolling) {
 TEST(SockStreamBlock, HeaderIsTheLengthInHostByteOrder) {
     Link l;
     const unsigned kLen = 16909060;  // 0x01020304
-    std::vector<unsigned char> body(kLen);
+    std::vector<unsigned char> body(kLen), got(kLen);
     for (unsigned i = 0; i < kLen; ++i) body[i] = static_cast<unsigned char>(i ^ (i >> 9));
     int result = 1;
-    std::thread writer([&] {
-        SockStream s(&l.sock, 2000000, 5);
-        result = s.WriteBlock(body.data(), kLen);
-    });
+    std::thread writer([&] { result = SockStream(&l.sock, 2000000, 5).WriteBlock(body.data(), kLen); });
     unsigned char header[4];
-    std::vector<unsigned char> got(kLen);
     const bool ok = testnet::ReadAll(l.peer(), header, 4) && testnet::ReadAll(l.peer(), got.data(), kLen);
     writer.join();
     ASSERT_TRUE(ok);
@@ -179,10 +138,8 @@ TEST(SockStreamBlock, ZeroLengthBlockIsFourZeroBytesAndLeavesOutputsUntouched) {
     ASSERT_TRUE(testnet::ReadAll(l.peer(), header, 4));
     EXPECT_EQ(std::memcmp(header, "\0\0\0\0", 4), 0);
     EXPECT_EQ(::recv(l.peer(), header, 4, MSG_DONTWAIT), -1);  // nothing more
-
-    ASSERT_TRUE(testnet::WriteAll(l.peer(), header, 4));
-    unsigned char sentinel = 0;
-    unsigned char* body = &sentinel;
+    l.Send(header, 4);
+    unsigned char sentinel = 0, *body = &sentinel;
     unsigned size = 77;
     EXPECT_EQ(s.ReadBlock(&body, &size, 0), 0);
     EXPECT_EQ(body, &sentinel);
@@ -195,18 +152,16 @@ TEST(SockStreamBlock, LimitAcceptsItsOwnSizeAndLeavesABiggerBodyUnread) {
     for (std::uint32_t len : {100u, 101u}) {
         std::vector<unsigned char> frame(4 + len, static_cast<unsigned char>(len));
         std::memcpy(frame.data(), &len, 4);
-        ASSERT_TRUE(testnet::WriteAll(l.peer(), frame.data(), frame.size()));
+        l.Send(frame.data(), frame.size());
     }
     unsigned char* body = nullptr;
     unsigned size = 0;
     ASSERT_EQ(s.ReadBlock(&body, &size, 100), 0);
     EXPECT_EQ(size, 100u);
-    EXPECT_EQ(body[0], 100);
-    EXPECT_EQ(body[99], 100);
+    EXPECT_EQ(body[0] + body[99], 200);
     delete[] body;
-
-    capture::Scope log;
     body = nullptr;
+    capture::Scope log;
     EXPECT_EQ(s.ReadBlock(&body, &size, 100), -2);
     EXPECT_TRUE(capture::Contains("too big block size (101 > 100)"));
     EXPECT_EQ(body, nullptr);
@@ -218,13 +173,13 @@ TEST(SockStreamBlock, LimitAcceptsItsOwnSizeAndLeavesABiggerBodyUnread) {
 TEST(SockStreamBlock, PeerClosingAfterTheHeaderCostsMinusFourAndNoLeak) {
     Link l;
     const std::uint32_t len = 1000;
-    ASSERT_TRUE(testnet::WriteAll(l.peer(), &len, 4));
-    ASSERT_TRUE(testnet::WriteAll(l.peer(), "partial", 7));
+    l.Send(&len, 4);
+    l.Send("partial", 7);
     l.pair.server.reset();
     SockStream s(&l.sock, 500000, 2);
     unsigned char* body = nullptr;
     unsigned size = 0;
-    EXPECT_EQ(s.ReadBlock(&body, &size, 0), -4);  // LeakSanitizer checks the buffer
+    EXPECT_EQ(s.ReadBlock(&body, &size, 0), -4);  // the leak checkers watch the buffer
     EXPECT_EQ(body, nullptr);
     EXPECT_EQ(s.ReadBlock(&body, &size, 0), -1);  // nothing left: the header fails
 }
@@ -233,31 +188,16 @@ TEST(SockStreamBlock, WriteToResetPeerFailsAtTheHeader) {
     Link l;
     testnet::SetLingerZero(l.peer());
     l.pair.server.reset();
-    SockStream s(&l.sock, 500000, 2);
-    EXPECT_EQ(s.WriteBlock(const_cast<char*>("x"), 1), -1);
+    EXPECT_EQ(SockStream(&l.sock, 500000, 2).WriteBlock(const_cast<char*>("x"), 1), -1);
 }
 
-#if defined(__SANITIZE_ADDRESS__)
-TEST(SockStreamBlock, FailedAllocationFlushesInput) { GTEST_SKIP() << "needs RLIMIT_AS"; }
-#else
 TEST(SockStreamBlock, FailedAllocationFlushesInput) {
-    Link l;
-    const std::uint32_t len = 0xF0000000u;  // 3.75 GiB, above the address-space limit below
-    ASSERT_TRUE(testnet::WriteAll(l.peer(), &len, 4));
-    ASSERT_TRUE(testnet::WriteAll(l.peer(), "pending", 7));
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        rlimit rl{1ul << 30, 1ul << 30};
-        SockStream s(&l.sock, 500000, 2);
-        unsigned char* body = nullptr;
-        unsigned size = 0;
-        const bool ok = ::setrlimit(RLIMIT_AS, &rl) == 0 && s.ReadBlock(&body, &size, 0) == -3 &&
-                        body == nullptr && l.sock.Poll(POLL_READ, 0, 0) == 0;
-        ::_exit(ok ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-}
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "needs RLIMIT_AS";
 #endif
+    Link l;
+    const std::uint32_t len = 0xF0000000u;  // 3.75 GiB, above the address-space limit
+    l.Send(&len, 4);
+    l.Send("pending", 7);
+    EXPECT_EXIT(ReadHugeBlockInChild(&l), ::testing::ExitedWithCode(0), "");
+}

@@ -82,13 +82,6 @@ bool Contains(const std::string& needle, int level) {
     return false;
 }
 
-int Count(const std::string& needle) {
-    int n = 0;
-    for (const Record& r : Records())
-        if (r.text.find(needle) != std::string::npos) ++n;
-    return n;
-}
-
 int CanLogCalls() {
     std::lock_guard<std::mutex> lock(g_mutex);
     return g_can_log_calls;

@@ -21,8 +21,6 @@ void Stop();
 std::vector<Record> Records();
 // True when some record's text contains `needle` (at `level` if >= 0).
 bool Contains(const std::string& needle, int level = -1);
-// Number of records whose text contains `needle`.
-int Count(const std::string& needle);
 // Number of times dbg_can_log was asked since Start.
 int CanLogCalls();
 void SetDebugLevel(int level);

@@ -2,15 +2,25 @@
 
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace testnet {
+
+int Scale() {
+    const char* s = std::getenv("LINNET_TEST_SCALE");
+    const int n = s ? std::atoi(s) : 1;
+    return n < 1 ? 1 : n > 64 ? 64 : n;
+}
 
 unsigned int Loopback() { return htonl(INADDR_LOOPBACK); }
 
@@ -27,7 +37,7 @@ static sockaddr_in LoopbackAddr(unsigned short port) {
     return sa;
 }
 
-static unsigned short LocalPort(int fd) {
+unsigned short LocalPort(int fd) {
     sockaddr_in sa{};
     socklen_t len = sizeof sa;
     if (getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) < 0)
@@ -45,15 +55,19 @@ Fd Listen(unsigned short* port, int backlog) {
     return fd;
 }
 
+Fd Dial(unsigned short port) {
+    Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in sa = LoopbackAddr(port);
+    if (fd.get() < 0 || ::connect(fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0)
+        throw std::runtime_error("cannot connect on 127.0.0.1");
+    return fd;
+}
+
 Pair MakeTcpPair() {
     unsigned short port = 0;
     Fd listener = Listen(&port, 1);
     Pair p;
-    p.client = Fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in sa = LoopbackAddr(port);
-    if (p.client.get() < 0 ||
-        ::connect(p.client.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0)
-        throw std::runtime_error("cannot connect on 127.0.0.1");
+    p.client = Dial(port);
     p.server = Fd(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (p.server.get() < 0) throw std::runtime_error("accept failed");
     return p;
@@ -67,6 +81,14 @@ Fd BoundNotListening(unsigned short* port) {
     *port = LocalPort(fd.get());
     return fd;
 }
+
+int IntOpt(int fd, int level, int name) {
+    int v = -1;
+    socklen_t len = sizeof v;
+    return getsockopt(fd, level, name, &v, &len) == 0 ? v : -1;
+}
+
+bool IsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
 int CountOpenFds() {
     DIR* d = opendir("/proc/self/fd");
@@ -116,6 +138,23 @@ bool WriteAll(int fd, const void* buf, std::size_t n) {
 void SetLingerZero(int fd) {
     linger l{1, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &l, sizeof l);
+}
+
+static void OnAlarm(int) {}
+
+Alarm::Alarm(long usec) {
+    struct sigaction sa {};
+    sa.sa_handler = OnAlarm;  // no SA_RESTART
+    sigemptyset(&sa.sa_mask);
+    ::sigaction(SIGALRM, &sa, &old_);
+    itimerval t{{0, 0}, {usec / 1000000, usec % 1000000}};
+    ::setitimer(ITIMER_REAL, &t, nullptr);
+}
+
+Alarm::~Alarm() {
+    itimerval off{};
+    ::setitimer(ITIMER_REAL, &off, nullptr);
+    ::sigaction(SIGALRM, &old_, nullptr);
 }
 
 }  // namespace testnet

@@ -2,10 +2,22 @@
 #ifndef LINNET_TESTS_NET_HELPERS_H
 #define LINNET_TESTS_NET_HELPERS_H
 
+#include <signal.h>
+
+#include <chrono>
 #include <cstddef>
 #include <string>
 
 namespace testnet {
+
+using Clock = std::chrono::steady_clock;
+inline double SecondsSince(Clock::time_point t0) {
+    return std::chrono::duration<double>(Clock::now() - t0).count();
+}
+
+// LINNET_TEST_SCALE (1..64, default 1): heavy tests divide their sizes and
+// counts by it, so that slow runners (valgrind) stay within their time.
+int Scale();
 
 // 127.0.0.1 in network byte order.
 unsigned int Loopback();
@@ -28,6 +40,8 @@ private:
 
 // A blocking TCP listener on 127.0.0.1, port chosen by the kernel.
 Fd Listen(unsigned short* port, int backlog = 128);
+// A blocking client connected to 127.0.0.1:port (throws when refused).
+Fd Dial(unsigned short port);
 
 // A connected TCP pair on 127.0.0.1 (both ends blocking).
 struct Pair {
@@ -39,6 +53,13 @@ Pair MakeTcpPair();
 // A TCP socket bound to 127.0.0.1 but not listening: connecting to its port
 // is refused, and no other socket can take the port meanwhile.
 Fd BoundNotListening(unsigned short* port);
+
+// The local port of a bound socket.
+unsigned short LocalPort(int fd);
+// An int socket option, -1 when it cannot be read.
+int IntOpt(int fd, int level, int name);
+// True while fd is an open descriptor of this process.
+bool IsOpen(int fd);
 
 // Number of open descriptors of this process (/proc/self/fd).
 int CountOpenFds();
@@ -53,6 +74,18 @@ bool WriteAll(int fd, const void* buf, std::size_t n);
 
 // Reset the connection on close (SO_LINGER 0).
 void SetLingerZero(int fd);
+
+// While alive: SIGALRM is caught without SA_RESTART and fires once after
+// `usec`, so a blocking wait started meanwhile returns EINTR.
+class Alarm {
+public:
+    explicit Alarm(long usec);
+    ~Alarm();
+    Alarm(const Alarm&) = delete;
+    Alarm& operator=(const Alarm&) = delete;
+private:
+    struct sigaction old_;
+};
 
 }  // namespace testnet
 
