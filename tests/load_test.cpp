@@ -1,0 +1,3 @@
+#include "block_server.h"
+#include <gtest/gtest.h>
+TEST(BlockServerLoad, Placeholder) {}
