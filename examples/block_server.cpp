@@ -121,7 +121,7 @@ void Server::Accept() {
         // -11: backlog empty. Anything else (-24, out of descriptors) leaves
         // the listener readable: it is tried again next round.
         const int fd = listener_.Accept(&ip, &port);
-        if (fd < 0) return;
+        if (fd < 0) break;
         std::unique_ptr<Conn> c(new Conn(limits_.rcv_size));
         if (c->sock.OpenFD(fd) != 0) {  // not adopted: still ours to close
             ::close(fd);

@@ -8,9 +8,9 @@
 //   - every connection is a QueuedTCPSocket: Process(POLL_READ) makes one
 //     non-blocking read into its input queue, Process(POLL_WRITE) drains its
 //     output queue, and only when the group says the socket is ready;
-//   - each connection assembles its block from the input queue (header with
-//     IsQueuedData/ReadBlock, then the body once all of it is queued), so no
-//     call ever waits for a peer;
+//   - each connection assembles its block from the input queue: ReadBlock
+//     takes the 4-byte header once 4 bytes are queued, then the body once
+//     all of it is queued, so no call ever waits for a peer;
 //   - the server keeps its own clock: a block must arrive whole within the
 //     deadline, an idle connection may be closed, and a peer that stops
 //     reading its replies is closed once its output makes no progress for
@@ -20,6 +20,9 @@
 // Block on the wire (both directions), blocks back to back:
 //     struct { uint32_t length;        // host byte order
 //              uint8_t  body[length]; };
+//
+// A peer that closes (or half-closes) its side ends the connection: replies
+// the kernel has not yet taken are dropped.
 //
 // Memory per connection stays below about 4 x max_block + 2 x the receive
 // size: the input queue holds at most one incomplete block plus one read,
@@ -43,7 +46,10 @@ struct Limits {
     unsigned max_block = 1u << 20;  // longest body accepted, bytes
     int deadline_ms = 10000;        // first byte to last byte of one block
     int idle_ms = 0;                // between blocks; 0: never closed for idling
-    unsigned rcv_size = 65536;      // read size and kernel buffer sizes
+    // Read size and kernel buffer sizes. Keep it at 64 KiB or more: a
+    // receive window below the loopback segment size (64 KiB) stalls large
+    // blocks for the 200 ms persist timer.
+    unsigned rcv_size = 65536;
 };
 
 // Why a connection ended, and the code reported for it (the codes of
