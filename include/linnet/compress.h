@@ -25,7 +25,10 @@
 //     not yet read: data compressing better than 5:1, or a reader taking
 //     small pieces while much more is on the way) is then overwritten and the
 //     stream is corrupt from there on (Read returns 0 for ever). Memory stays
-//     safe; the data does not. It cannot happen while the plain bytes the
+//     safe; the data does not. A reader of a corrupt stream whose raw buffer
+//     is full no longer drains the socket, which therefore stays readable: a
+//     SockStream over it polls and reads 0 until something else ends the
+//     exchange, so a server keeps a deadline of its own per connection. It cannot happen while the plain bytes the
 //     peer has sent ahead of this end's reading stay below five times the
 //     receive buffer size (request/response exchanges, bounded bursts with an
 //     acknowledgement), or while every Read is given a buffer at least that

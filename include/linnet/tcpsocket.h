@@ -5,6 +5,11 @@
 // Open also sets SO_REUSEADDR. Read and Write make exactly one system call
 // and never wait: waiting is done with Poll, a socket group or a SockStream.
 // TCP_NODELAY is off by default; see SetNoDelay.
+//
+// The one-second linger means that closing a connection whose send buffer
+// still holds data blocks the caller for up to a second while the kernel
+// tries to deliver it. A server that must not stall turns linger off (or to
+// zero, which resets) on a connection it gives up on before closing it.
 #ifndef LINNET_TCPSOCKET_H
 #define LINNET_TCPSOCKET_H
 
