@@ -167,8 +167,11 @@ public:
     // Compression on: buffered state answers first. Readable when decoded
     // bytes are waiting, writable while the compressor's pending output is
     // below the send buffer size; the socket is asked (NonBlockSocket::Poll)
-    // only for the bits not answered so. Returns the ready bits; on a failed
-    // wait the known bits are OR-ed into the negative code (still negative).
+    // only for the bits not answered so. Never readable while nothing is
+    // decoded and the raw buffer stays full (inflate takes no more: corrupt
+    // input), as Read could deliver nothing: a stream reader then ends by its
+    // final time-out. Returns the ready bits; on a failed wait the known bits
+    // are OR-ed into the negative code (still negative).
     int Poll(int events, int seconds, int microseconds) override;
 
     // Sync-flushes the compressor and makes one attempt to send its output:

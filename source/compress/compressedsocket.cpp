@@ -119,15 +119,25 @@ int CompressedTCPSocket::Poll(int events, int seconds, int microseconds) {
     if (!compressionOn_) return TCPSocket::Poll(events, seconds, microseconds);
     int left = events;
     int known = 0;
+    bool stuck = false;
     if ((events & POLL_READ) && decompressor_->TryRead(nullptr) > 0) {
         known |= POLL_READ;
         left &= ~POLL_READ;
+    } else if ((events & POLL_READ) && rawInFill_ >= RawCapacity()) {
+        // Nothing decoded and the raw buffer still full after Read's inflate
+        // (corrupt input, or the peer ended its zlib stream): Read no longer
+        // reads the socket and can deliver nothing, so the socket's
+        // readability is not passed on. Otherwise a reader looping on Poll
+        // would spin for ever on a socket that stays readable.
+        left &= ~POLL_READ;
+        stuck = true;
     }
     if ((events & POLL_WRITE) && compressor_->TryRead(nullptr) < sndBufSize_) {
         known |= POLL_WRITE;
         left &= ~POLL_WRITE;
     }
-    if (left == 0) return known;
+    if (left == 0 && (known != 0 || !stuck)) return known;
+    // Only a stuck reader waits on an empty mask: the time passes, 0 comes back.
     return known | NonBlockSocket::Poll(left, seconds, microseconds);
 }
 
