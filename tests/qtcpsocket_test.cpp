@@ -137,8 +137,8 @@ TEST(QueuedTcpSocket, ReadTakesWholeChunksAndReadBlockCutsAcrossThem) {
     EXPECT_EQ(c.q.Read(buf, sizeof buf), 2);
     EXPECT_EQ(std::string(buf, 2), "fg");
 
-    std::string three_k = testdata::RandomBytes(3000, 3);  // one Process reads rcvSize_ at most
-    ASSERT_TRUE(testnet::WriteAll(c.p.server.get(), three_k.data(), three_k.size()));
+    const std::string three_k(3000, 'k');  // one Process takes rcvSize_ at most
+    ASSERT_TRUE(testnet::WriteAll(c.p.server.get(), three_k.data(), 3000));
     ASSERT_EQ(c.q.Poll(POLL_READ, 5, 0), POLL_READ);
     c.q.Process(POLL_READ, &status);
     EXPECT_EQ(c.q.IsQueuedData(1), 1024);
