@@ -10,11 +10,6 @@
 
 namespace {
 
-class OpenCompressor : public CStreamCompressor {
-public:
-    void SetCounters(unsigned in, unsigned out) { bytesIn_ = in; bytesOut_ = out; }
-};
-
 // Inflates a whole zlib byte string with a separate stream.
 std::string Inflate(const std::string& packed) {
     z_stream z{};
@@ -54,8 +49,9 @@ TEST(CompressorSlab, FlushEndsOnAByteBoundaryAndAnOverlargeReadEmptiesTheSlab) {
 
 TEST(CompressorSlab, FullSlabRefusesInputAndOverlargeConfirmChangesNothing) {
     CStreamCompressor c;
-    c.Init(64);
     std::string noise = testdata::RandomBytes(4096);
+    EXPECT_EQ(c.Write(&noise[0], 1) + c.Read(&noise[0], 1) + c.Flush(), 0);  // before Init: nothing
+    c.Init(64);
     EXPECT_EQ(c.Write(&noise[0], 4096), 4096);  // held inside deflate
     c.Flush();
     ASSERT_EQ(c.TryRead(nullptr), 64);  // the slab is full
@@ -75,17 +71,3 @@ TEST(CompressorSlab, FullSlabRefusesInputAndOverlargeConfirmChangesNothing) {
     EXPECT_EQ(Inflate(packed), noise);
 }
 
-TEST(CompressorSlab, CountersWrapAndAnUninitialisedSlabDoesNothing) {
-    OpenCompressor c;
-    char byte = 'x';
-    EXPECT_EQ(c.Write(&byte, 1) + c.Read(&byte, 1) + c.Flush(), 0);
-    c.Init(1024);
-    c.SetCounters(0xFFFFFFFFu, 0xFFFFFFFFu);
-    std::string text = testdata::TextLike(32);
-    c.Write(&text[0], 32);
-    c.Flush();
-    std::vector<char> out(1024);
-    const int n = c.Read(out.data(), 1024);
-    EXPECT_EQ(c.GetBytesIn(), 31u);
-    EXPECT_EQ(c.GetBytesOut(), static_cast<unsigned>(n - 1));
-}

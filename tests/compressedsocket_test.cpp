@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "capture_host.h"
@@ -87,70 +86,48 @@ int FlushedSize(const std::string& data) {
     return static_cast<int>(out.size() - z.avail_out);
 }
 
-// One round trip of `total` text-like bytes: the writer sends bursts of
-// random pieces with Flush at random points, ends each burst with FullFlush
-// and waits for the reader's one-byte acknowledgement (compressed too), so
-// each burst must be readable without the writer sending more.
+// One round trip of `total` text-like bytes in bursts: the writer sends
+// random pieces with Flush at random points and ends each burst with
+// FullFlush; then, with the writer idle, the reader must get the whole burst.
 void RoundTrip(size_t total, unsigned seed) {
     const std::string text = testdata::TextLike(total, seed);
     Conn c(true);
-    c.a.SetNoDelay(1);  // the one-byte acknowledgements must not wait for Nagle
-    c.b.SetNoDelay(1);
-    // Bursts stay below five receive buffers: see the kept hazard.
-    const size_t burst_max = std::min<size_t>(256 * 1024, 4 * static_cast<size_t>(c.b.RcvBuf()));
-    std::mt19937 plan(seed);
-    std::vector<size_t> bursts;
-    for (size_t left = total; left > 0;) {
-        bursts.push_back(std::min<size_t>(left, 1 + plan() % burst_max));
-        left -= bursts.back();
-    }
-    const auto start = Clock::now();
-    bool sent = true;
-    std::thread writer([&] {
-        std::mt19937 rng(seed + 1);
-        size_t off = 0;
-        for (size_t burst : bursts) {
-            for (size_t end = off + burst; off < end && sent;) {
-                const size_t piece = std::min<size_t>(end - off, 1 + rng() % 20000);
-                sent = SendAll(&c.a, text.data() + off, piece);
-                off += piece;
-                if (rng() % 3 == 0 && c.a.Flush() < 0) sent = false;
-            }
-            sent = sent && c.a.FullFlush() == 0 && RecvExactly(&c.a, 1, &rng).size() == 1;
-            if (!sent) return;
-        }
-    });
-    std::mt19937 rng(seed + 2);
+    // A compressed burst fits in the socket buffers, and a burst stays below
+    // five receive buffers (see the kept hazard).
+    const size_t burst_max = std::min<size_t>(96 * 1024, 4 * static_cast<size_t>(c.b.RcvBuf()));
+    std::mt19937 rng(seed);
     std::string got;
-    for (size_t burst : bursts) {
-        const std::string part = RecvExactly(&c.b, burst, &rng);
-        got += part;
-        char ack = 'k';
-        if (part.size() != burst || !SendAll(&c.b, &ack, 1) || c.b.FullFlush() != 0) break;
+    const auto start = Clock::now();
+    for (size_t off = 0; off < total;) {
+        const size_t begin = off, end = std::min(total, off + 1 + rng() % burst_max);
+        for (size_t piece; off < end; off += piece) {
+            piece = std::min<size_t>(end - off, 1 + rng() % 20000);
+            ASSERT_TRUE(SendAll(&c.a, text.data() + off, piece));
+            ASSERT_GE(rng() % 3 ? 0 : c.a.Flush(), 0);  // a flush at random points
+        }
+        ASSERT_EQ(c.a.FullFlush(), 0);
+        got += RecvExactly(&c.b, end - begin, &rng);
+        ASSERT_EQ(got.size(), end) << "a flushed burst was not readable";
     }
-    writer.join();
     const double seconds = testnet::SecondsSince(start);
-    EXPECT_TRUE(sent);
-    ASSERT_EQ(got.size(), text.size());
     EXPECT_TRUE(got == text) << "bytes differ";
-
     int a_in_plain = 0, a_out_compressed = 0, b_in_compressed = 0, b_out_plain = 0;
     c.a.GetCompressionStats(nullptr, nullptr, &a_out_compressed, &a_in_plain);
     c.b.GetCompressionStats(&b_in_compressed, &b_out_plain, nullptr, nullptr);
     EXPECT_EQ(static_cast<size_t>(a_in_plain), total);
     EXPECT_EQ(static_cast<size_t>(b_out_plain), total);
     EXPECT_EQ(b_in_compressed, a_out_compressed);
-    std::printf("round trip %zu bytes: ratio %.2f, %.1f MB/s plain, %zu bursts\n", total,
-                static_cast<double>(a_in_plain) / a_out_compressed, total / seconds / 1e6,
-                bursts.size());
+    std::printf("round trip %zu bytes: ratio %.2f, %.1f MB/s plain\n", total,
+                static_cast<double>(a_in_plain) / a_out_compressed, total / seconds / 1e6);
 }
 
 }  // namespace
 
 TEST(CompressedTCPSocket, TextArrivesByteExactAcrossRandomFlushPoints) {
-    RoundTrip(1, 11);
-    RoundTrip(64 * 1024, 12);
-    RoundTrip(10 * 1024 * 1024 / testnet::Scale(), 13);
+    for (size_t size : {size_t(1), size_t(64 << 10), size_t(10 << 20) / testnet::Scale()}) {
+        RoundTrip(size, static_cast<unsigned>(size));
+        if (HasFatalFailure()) return;
+    }
 }
 
 TEST(CompressedTCPSocket, OutputThatExactlyFillsTheCompressorSlabArrives) {
@@ -199,9 +176,7 @@ TEST(CompressedTCPSocket, PollAnswersFromBufferedStateWithoutTheSocket) {
 TEST(CompressedTCPSocket, WrongStateCallsReturnMinus255AndChangeNothing) {
     Conn c(false);
     int stats[4] = {7, 7, 7, 7};
-    EXPECT_EQ(c.a.SwitchCompression(0), -255);
-    EXPECT_EQ(c.a.Flush(), -255);
-    EXPECT_EQ(c.a.FullFlush(), -255);
+    EXPECT_EQ(c.a.SwitchCompression(0) + c.a.Flush() + c.a.FullFlush(), 3 * -255);
     c.a.GetCompressionStats(&stats[0], &stats[1], &stats[2], &stats[3]);
     EXPECT_EQ(stats[0] + stats[1] + stats[2] + stats[3], 0);
     ASSERT_EQ(c.a.SwitchCompression(1), 0);
@@ -212,30 +187,9 @@ TEST(CompressedTCPSocket, WrongStateCallsReturnMinus255AndChangeNothing) {
     // an empty sync block, a second one sends nothing.
     EXPECT_EQ(c.a.FullFlush(), 0);
     c.a.GetCompressionStats(nullptr, nullptr, &stats[2], nullptr);
-    EXPECT_GT(stats[2], 0);
     EXPECT_EQ(c.a.FullFlush(), 0);
     c.a.GetCompressionStats(nullptr, nullptr, &stats[3], nullptr);
-    EXPECT_EQ(stats[3], stats[2]);
-}
-
-TEST(CompressedTCPSocket, SocketErrorsPassThroughTheCompressedPath) {
-    testnet::Pair p = testnet::MakeTcpPair();
-    Probe s;
-    s.OpenFD(p.client.release(), 0);
-    ASSERT_EQ(s.SwitchCompression(1), 0);
-    p.server.reset();  // the peer closes
-    EXPECT_EQ(s.Poll(POLL_READ, 2, 0), POLL_READ);
-    char buf[16] = "plain bytes";
-    EXPECT_EQ(s.Read(buf, 16), -32);
-    int r = 0;  // the first send after the close draws the reset
-    for (int i = 0; i < 10 && r >= 0; ++i) {
-        EXPECT_EQ(s.Write(buf, 11), 11);
-        r = s.Flush();
-    }
-    EXPECT_EQ(r, -14);
-    s.Close();
-    EXPECT_EQ(s.Write(buf, 11), -22);  // the output the failed flush left behind
-    EXPECT_EQ(s.Flush() + s.FullFlush() + s.Read(buf, 16), -66);
+    EXPECT_TRUE(stats[2] > 0 && stats[3] == stats[2]) << stats[2] << " then " << stats[3];
 }
 
 TEST(CompressedTCPSocket, CorruptInputEndsInReadReturningZero) {
@@ -254,11 +208,10 @@ TEST(CompressedTCPSocket, CorruptInputEndsInReadReturningZero) {
     packed[first] = static_cast<char>((packed[first] & ~7) | 6);
     z.Cleanup();
 
-    testnet::Pair p = testnet::MakeTcpPair();
-    Probe s;
-    s.OpenFD(p.server.release(), 0);
+    Conn c(false);
+    Probe& s = c.b;
     s.SwitchCompression(1);
-    ASSERT_TRUE(testnet::WriteAll(p.client.get(), packed.data(), packed.size()));
+    ASSERT_TRUE(SendAll(&c.a, packed.data(), packed.size()));  // a plain end sends it raw
     std::mt19937 rng(9);
     EXPECT_EQ(RecvExactly(&s, one.size(), &rng), one);
     char buf[4096];
@@ -270,8 +223,7 @@ TEST(CompressedTCPSocket, CorruptInputEndsInReadReturningZero) {
 TEST(CompressedTCPSocket, KeptHazardsCorruptTheStreamButStayInsideTheBuffers) {
     Conn c(false);
     c.b.SetRcvBufSize(4096);  // raw buffer 4096, decompressor slab 20480
-    c.a.SwitchCompression(1);
-    c.b.SwitchCompression(1);
+    ASSERT_EQ(c.a.SwitchCompression(1) + c.b.SwitchCompression(1), 0);
     const std::string zeros(1 << 20, '\0');  // compresses about 1000:1
     ASSERT_TRUE(SendAll(&c.a, zeros.data(), zeros.size()));
     ASSERT_EQ(c.a.FullFlush(), 0);
@@ -294,8 +246,7 @@ TEST(CompressedTCPSocket, KeptHazardsCorruptTheStreamButStayInsideTheBuffers) {
     const int fill = c.b.Fill();
     ASSERT_GT(fill, 1024);
     c.b.SetRcvBufSize(1024);
-    ASSERT_EQ(c.b.SwitchCompression(0), 0);
-    ASSERT_EQ(c.b.SwitchCompression(1), 0);
+    ASSERT_EQ(c.b.SwitchCompression(0) + c.b.SwitchCompression(1), 0);
     EXPECT_EQ(c.b.Fill(), fill);
     EXPECT_EQ(c.b.Read(buf.data(), 100), 0);
     EXPECT_LE(c.b.Fill(), 1024);
@@ -304,7 +255,6 @@ TEST(CompressedTCPSocket, KeptHazardsCorruptTheStreamButStayInsideTheBuffers) {
 TEST(CompressedSockStream, FramedBlocksSurviveSwitchingCompressionOnAndOff) {
     Conn c(false);
     CompressedSockStream sa(&c.a, 1000000, 5), sb(&c.b, 1000000, 5);
-    EXPECT_EQ(sa.GetCompressedSock(), &c.a);
     auto read_block = [](CompressedSockStream* s) {
         unsigned char* body = nullptr;
         unsigned size = 0;
@@ -336,8 +286,7 @@ TEST(CompressedSockStream, FramedBlocksSurviveSwitchingCompressionOnAndOff) {
 
     // Off again where the compressed blocks end; plain blocks follow.
     EXPECT_EQ(c.b.Fill(), 0);
-    ASSERT_EQ(c.a.SwitchCompression(0), 0);
-    ASSERT_EQ(c.b.SwitchCompression(0), 0);
+    ASSERT_EQ(c.a.SwitchCompression(0) + c.b.SwitchCompression(0), 0);
     ASSERT_EQ(sa.WriteBlock(hello, 16), 0);
     EXPECT_EQ(read_block(&sb), hello);
 }

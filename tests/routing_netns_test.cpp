@@ -28,10 +28,8 @@ std::string Routes() { return netns::Output("ip -4 route show table all"); }
 // deleting v0 on exit takes its routes along.
 struct Veth {
     Veth() {
-        Sh("ip link add v0 type veth peer name v1");
-        Sh("ip link set v0 up");
-        Sh("ip link set v1 up");
-        Sh("ip addr add 198.51.100.1/24 dev v0");
+        Sh("ip link add v0 type veth peer name v1 && ip link set v0 up && ip link set v1 up && "
+           "ip addr add 198.51.100.1/24 dev v0");
         index = if_nametoindex("v0");
     }
     ~Veth() { netns::Run("ip link del v0"); }
@@ -56,9 +54,8 @@ TEST(CRoutesDump, OnlyLocalRoutesGiveValidEmptySnapshot) {
 TEST(CRoutesDump, PrintsKernelRoutesExactlyAndRestoresDeletedOnes) {
     REQUIRE_NETNS();
     Veth veth;
-    Sh("ip route add default via 198.51.100.254");
-    Sh("ip route add 203.0.113.0/24 via 198.51.100.254 metric 7");
-    Sh("ip route add 192.0.2.0/24 via 198.51.100.254 mtu 1400");
+    Sh("ip route add default via 198.51.100.254 && ip route add 203.0.113.0/24 via 198.51.100.254 metric 7 && "
+       "ip route add 192.0.2.0/24 via 198.51.100.254 mtu 1400");
     const std::string before = Routes();
     CRoutesDump d;
     ASSERT_TRUE(d.valid());
@@ -73,9 +70,7 @@ TEST(CRoutesDump, PrintsKernelRoutesExactlyAndRestoresDeletedOnes) {
                         " source 198.51.100.1 <attr 15>\n"
                         "route: table 254 scope 0 dst_len 24; attributes: is-to 203.0.113.0" + n +
                         " gw 198.51.100.254 <attr 6> <attr 15>\n======\n");
-    Sh("ip route del default");
-    Sh("ip route del 203.0.113.0/24");
-    Sh("ip route del 192.0.2.0/24");
+    Sh("ip route del default && ip route del 203.0.113.0/24 && ip route del 192.0.2.0/24");
     d.restore();
     EXPECT_EQ(Routes(), before);
     d.restore();  // every route exists: each is refused, nothing changes
@@ -114,8 +109,7 @@ TEST(CRoutesDump, CapturesAndRestoresFiveThousandRoutes) {
 TEST(CRouteTable, ReadFiltersByTableProtocolAndInterfaceMap) {
     REQUIRE_NETNS();
     Veth veth;
-    Sh("ip route add default via 198.51.100.254");
-    Sh("ip route add 192.0.2.7/32 via 198.51.100.254");
+    Sh("ip route add default via 198.51.100.254 && ip route add 192.0.2.7/32 via 198.51.100.254");
     const std::map<unsigned int, unsigned int> map = {{if_nametoindex("lo"), 1}, {veth.index, 2}};
     CRouteTable t;
     EXPECT_EQ(t.Read(0, map), 0);

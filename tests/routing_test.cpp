@@ -1,7 +1,6 @@
 #include <linnet/routing.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -159,53 +158,61 @@ TEST(CRouteTable, AddEntryMasksDefaultsInterfacesAndMalformedMessages) {
 }
 
 TEST(CRouteTable, RejectEntryMapsTableTypeAndProtocolBits) {
-    capture::Scope log;
-    CRouteTable t;
-    auto rejects = [&](unsigned char table, unsigned char type, int filter, unsigned char family = AF_INET) {
-        rtmsg r{family, 0, 0, 0, table, 'P', 0, type, 0};
-        return t.RejectEntry(&r, filter);
+    struct {
+        unsigned char family, table, type;
+        int filter;
+        bool rejected;
+        const char* trace;
+    } const cases[] = {
+        {AF_INET, 77, 1, 0, false, nullptr},
+        {'Z', 254, 1, 0, true, "Not supported family Z"},
+        {AF_INET, 254, 1, ROUTE_FILTER_TABLE_MAIN, false, nullptr},
+        {AF_INET, 255, 1, ROUTE_FILTER_TABLE_MAIN, true, nullptr},
+        {AF_INET, 255, 1, ROUTE_FILTER_TABLES, false, nullptr},
+        {AF_INET, 'A', 1, ROUTE_FILTER_TABLES, true, "Table A rejected by filter 3"},
+        {AF_INET, 254, 8, ROUTE_FILTER_TYPE_8, false, nullptr},
+        {AF_INET, 254, 64, ROUTE_FILTER_TYPE_64 | ROUTE_FILTER_TYPE_8, false, nullptr},
+        {AF_INET, 254, 4, 0x4 | ROUTE_FILTER_TYPE_8, true, nullptr},  // type 4 never passes
+        {AF_INET, 254, 1, ROUTE_FILTER_TYPE_NONE, true, nullptr},
+        {AF_INET, 254, '@', ROUTE_FILTER_TYPE_8, true, "Type @ rejected by filter 8"},
+        {AF_INET, 254, 1, ROUTE_FILTER_PROTOCOL_3, true, "Protocol P rejected by filter 1024"},
     };
-    EXPECT_FALSE(rejects(77, 1, 0));
-    EXPECT_TRUE(rejects(254, 1, 0, 'Z'));
-    EXPECT_TRUE(capture::Contains("Not supported family Z", 11));
-    EXPECT_FALSE(rejects(254, 1, ROUTE_FILTER_TABLE_MAIN));
-    EXPECT_TRUE(rejects(255, 1, ROUTE_FILTER_TABLE_MAIN));
-    EXPECT_FALSE(rejects(255, 1, ROUTE_FILTER_TABLES));
-    EXPECT_TRUE(rejects('A', 1, ROUTE_FILTER_TABLES));
-    EXPECT_TRUE(capture::Contains("Table A rejected by filter 3", 11));
-    EXPECT_FALSE(rejects(254, 8, ROUTE_FILTER_TYPE_8));
-    EXPECT_FALSE(rejects(254, 64, ROUTE_FILTER_TYPE_64 | ROUTE_FILTER_TYPE_8));
-    EXPECT_TRUE(rejects(254, 4, 0x4 | ROUTE_FILTER_TYPE_8));  // type 4 never passes
-    EXPECT_TRUE(rejects(254, 1, ROUTE_FILTER_TYPE_NONE));
-    EXPECT_TRUE(rejects(254, '@', ROUTE_FILTER_TYPE_8));
-    EXPECT_TRUE(capture::Contains("Type @ rejected by filter 8", 11));
-    EXPECT_TRUE(rejects(254, 1, ROUTE_FILTER_PROTOCOL_3));
-    EXPECT_TRUE(capture::Contains("Protocol P rejected by filter 1024", 11));
+    for (const auto& c : cases) {
+        capture::Scope log;
+        rtmsg r{c.family, 0, 0, 0, c.table, 'P', 0, c.type, 0};
+        EXPECT_EQ(CRouteTable().RejectEntry(&r, c.filter), c.rejected) << int(c.table) << " " << c.filter;
+        EXPECT_TRUE(!c.trace || capture::Contains(c.trace, 11)) << c.trace;
+    }
 }
 
 TEST(CRouteTable, AnswerWalkErrorAnswerGivesMinus4UnlessTruncated) {
-    capture::Scope log;
-    TableProbe t;
-    long len;
-    auto other = Datagram({Msg().Rt(254, 24), Msg(linnet::nl::kDone, 5).Put("\0\0\0\0", 4)}, &len);
-    EXPECT_EQ(t.HandleAnswer(H(other), len, false, 0, map), 1);  // DONE of another sequence skipped
-    EXPECT_TRUE(capture::Contains("Skip message!", 1));
-    auto done = Datagram({Msg().Rt(254, 24), Msg(linnet::nl::kDone).Put("\0\0\0\0", 4)}, &len);
-    EXPECT_EQ(t.HandleAnswer(H(done), len, false, 0, map), 0);
-    EXPECT_EQ(t.Entries().size(), 2u);
     nlmsgerr e{};
     e.error = -1;
-    auto err = Datagram({Msg(linnet::nl::kError).Put(&e, sizeof e)}, &len);
-    EXPECT_EQ(t.HandleAnswer(H(err), len, false, 0, map), -4);
-    EXPECT_TRUE(capture::Contains("Got error netlink answer (errcode -1)", 1));
-    EXPECT_TRUE(capture::Contains("Message rest size 36", 1));
-    auto cut = Datagram({Msg(linnet::nl::kError).Put("\0\0\0\0", 4)}, &len);  // no room for nlmsgerr
-    EXPECT_EQ(t.HandleAnswer(H(cut), len, false, 0, map), -4);
-    EXPECT_TRUE(capture::Contains("Message truncated", 1));
-    EXPECT_EQ(t.HandleAnswer(H(err), 36, true, 0, map), -3);
-    auto bad = Datagram({Msg().Rt(254, 24), Msg().Put("\0\0\0", 3)}, &len);  // AddEntry gives -1
-    EXPECT_EQ(t.HandleAnswer(H(bad), len, false, 0, map), -4);
-    EXPECT_EQ(t.HandleAnswer(H(done), 10, false, 0, map), -4);  // shorter than a header
+    const Msg route = Msg().Rt(254, 24), error = Msg(linnet::nl::kError).Put(&e, sizeof e),
+              done = Msg(linnet::nl::kDone).Put("\0\0\0\0", 4);
+    struct {
+        std::vector<Msg> msgs;
+        long len;  // -1: the datagram's own
+        bool truncated;
+        int code;
+        const char* trace;
+    } const cases[] = {
+        {{route, Msg(linnet::nl::kDone, 5).Put("\0\0\0\0", 4)}, -1, false, 1, "Skip message!"},  // other sequence
+        {{route, done}, -1, false, 0, nullptr},
+        {{route, done}, 10, false, -4, nullptr},  // shorter than a header
+        {{error}, -1, false, -4, "Got error netlink answer (errcode -1)"},
+        {{error}, 36, true, -3, nullptr},
+        {{Msg(linnet::nl::kError).Put("\0\0\0\0", 4)}, -1, false, -4, "Message truncated"},  // no nlmsgerr
+        {{route, Msg().Put("\0\0\0", 3)}, -1, false, -4, nullptr},  // AddEntry gives -1
+    };
+    for (const auto& c : cases) {
+        capture::Scope log;
+        TableProbe t;
+        long len;
+        auto dg = Datagram(c.msgs, &len);
+        EXPECT_EQ(t.HandleAnswer(H(dg), c.len < 0 ? len : c.len, c.truncated, 0, map), c.code) << c.code;
+        EXPECT_TRUE(!c.trace || capture::Contains(c.trace, 1)) << c.trace;
+    }
 }
 
 TEST(CRouteEntry, DumpWritesOnlySetFieldsAndTableDumpNeedsLevel11) {
@@ -221,34 +228,13 @@ TEST(CRouteEntry, DumpWritesOnlySetFieldsAndTableDumpNeedsLevel11) {
     EXPECT_TRUE(capture::Records().empty());
     capture::SetDebugLevel(11);
     t.Dump();
-    std::vector<std::string> lines;
-    for (const auto& r : capture::Records()) lines.push_back(r.text);
+    const auto lines = capture::Records();
     ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0].rfind("Route table 0x", 0), 0u);
-    EXPECT_EQ(lines[1], " dst=default gw=198.51.100.254 outif=7");
-    EXPECT_EQ(lines[2], " dst=192.0.2.7 outif=8");
-    EXPECT_EQ(lines[3], "src=192.0.2.1 srcmask=ffffff00 dst=203.0.113.0 dstmask=ffffff00 inif=7");
+    EXPECT_EQ(lines[0].text.rfind("Route table 0x", 0), 0u);
+    EXPECT_EQ(lines[1].text, " dst=default gw=198.51.100.254 outif=7");
+    EXPECT_EQ(lines[2].text, " dst=192.0.2.7 outif=8");  // a /32 has no mask
+    EXPECT_EQ(lines[3].text, "src=192.0.2.1 srcmask=ffffff00 dst=203.0.113.0 dstmask=ffffff00 inif=7");
     CRouteTable().Dump();
     EXPECT_TRUE(capture::Contains("Route table empty.", 11));
     capture::SetDebugLevel(0);
-}
-
-TEST(RtnetlinkSocket, NonBlockingAndClosesOnlyDescriptorsAboveZero) {
-    struct Probe : RtnetlinkSocket {
-        void set_fd(int fd) { fd_ = fd; }
-    } sock;
-    char buf[64];
-    iovec iov = {buf, sizeof buf};
-    msghdr msg{nullptr, 0, &iov, 1, nullptr, 0, 0};
-    EXPECT_EQ(sock.recvmsg(&msg), -1);  // nothing asked, nothing queued: no wait
-    EXPECT_EQ(errno, EAGAIN);
-    const int fd = sock.fd();
-    sock.close();
-    sock.close();  // twice: harmless
-    EXPECT_EQ(sock.fd(), -1);
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-    sock.set_fd(0);
-    sock.close();
-    EXPECT_EQ(sock.fd(), 0);  // 0 is kept, never closed
-    EXPECT_NE(fcntl(0, F_GETFD), -1);
 }

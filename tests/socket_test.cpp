@@ -4,7 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <fstream>
 
 #include "capture_host.h"
 #include "net_helpers.h"
@@ -37,10 +37,7 @@ public:
 
 int ProcValue(const char* path) {
     int v = -1;
-    if (FILE* f = std::fopen(path, "r")) {
-        if (std::fscanf(f, "%d", &v) != 1) v = -1;
-        std::fclose(f);
-    }
+    std::ifstream(path) >> v;
     return v;
 }
 
@@ -75,8 +72,7 @@ TEST(NonBlockSocket, CloseForgetsDescriptorZeroWithoutClosingIt) {
         RawSocket s;
         s.OpenFD(0, 7);
         EXPECT_EQ(s.Close(), 0);
-        EXPECT_EQ(s.fd(), -1);
-        EXPECT_EQ(s.GetInitState(), 0);
+        EXPECT_TRUE(s.fd() == -1 && s.GetInitState() == 0);
         EXPECT_EQ(testnet::IntOpt(0, SOL_SOCKET, SO_TYPE), SOCK_DGRAM);  // still open
     }
     ::dup2(saved, 0);

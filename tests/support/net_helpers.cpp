@@ -29,12 +29,18 @@ void Fd::reset(int fd) {
     fd_ = fd;
 }
 
-static sockaddr_in LoopbackAddr(unsigned short port) {
+// A stream socket, bound to 127.0.0.1 (port chosen by the kernel) or
+// connected to 127.0.0.1:port; throws `what` on failure.
+static Fd Loop(bool connect, unsigned short port, const char* what) {
+    Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
     sa.sin_port = htons(port);
     sa.sin_addr.s_addr = Loopback();
-    return sa;
+    const sockaddr* a = reinterpret_cast<sockaddr*>(&sa);
+    if (fd.get() < 0 || (connect ? ::connect(fd.get(), a, sizeof sa) : ::bind(fd.get(), a, sizeof sa)) < 0)
+        throw std::runtime_error(what);
+    return fd;
 }
 
 unsigned short LocalPort(int fd) {
@@ -46,22 +52,12 @@ unsigned short LocalPort(int fd) {
 }
 
 Fd Listen(unsigned short* port, int backlog) {
-    Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in sa = LoopbackAddr(0);
-    if (fd.get() < 0 || ::bind(fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0 ||
-        ::listen(fd.get(), backlog) < 0)
-        throw std::runtime_error("cannot listen on 127.0.0.1");
-    *port = LocalPort(fd.get());
+    Fd fd = BoundNotListening(port);
+    if (::listen(fd.get(), backlog) < 0) throw std::runtime_error("cannot listen on 127.0.0.1");
     return fd;
 }
 
-Fd Dial(unsigned short port) {
-    Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in sa = LoopbackAddr(port);
-    if (fd.get() < 0 || ::connect(fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0)
-        throw std::runtime_error("cannot connect on 127.0.0.1");
-    return fd;
-}
+Fd Dial(unsigned short port) { return Loop(true, port, "cannot connect on 127.0.0.1"); }
 
 Pair MakeTcpPair() {
     unsigned short port = 0;
@@ -74,10 +70,7 @@ Pair MakeTcpPair() {
 }
 
 Fd BoundNotListening(unsigned short* port) {
-    Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in sa = LoopbackAddr(0);
-    if (fd.get() < 0 || ::bind(fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0)
-        throw std::runtime_error("cannot bind on 127.0.0.1");
+    Fd fd = Loop(false, 0, "cannot bind on 127.0.0.1");
     *port = LocalPort(fd.get());
     return fd;
 }
@@ -104,17 +97,16 @@ bool RaiseFdLimit(unsigned long n) {
     rlimit rl{};
     if (getrlimit(RLIMIT_NOFILE, &rl) < 0) return false;
     if (rl.rlim_cur >= n) return true;
-    if (rl.rlim_max < n) {
-        rl.rlim_max = n;  // needs CAP_SYS_RESOURCE
-    }
+    if (rl.rlim_max < n) rl.rlim_max = n;  // needs CAP_SYS_RESOURCE
     rl.rlim_cur = n;
     return setrlimit(RLIMIT_NOFILE, &rl) == 0;
 }
 
-bool ReadAll(int fd, void* buf, std::size_t n) {
-    char* p = static_cast<char*>(buf);
+// Moves exactly n bytes with `io` (a read or a send), retrying on EINTR.
+template <typename Io>
+static bool Exactly(Io io, char* p, std::size_t n) {
     while (n > 0) {
-        const ssize_t r = ::read(fd, p, n);
+        const ssize_t r = io(p, n);
         if (r < 0 && errno == EINTR) continue;
         if (r <= 0) return false;
         p += r;
@@ -123,16 +115,13 @@ bool ReadAll(int fd, void* buf, std::size_t n) {
     return true;
 }
 
+bool ReadAll(int fd, void* buf, std::size_t n) {
+    return Exactly([fd](char* p, std::size_t k) { return ::read(fd, p, k); }, static_cast<char*>(buf), n);
+}
+
 bool WriteAll(int fd, const void* buf, std::size_t n) {
-    const char* p = static_cast<const char*>(buf);
-    while (n > 0) {
-        const ssize_t r = ::send(fd, p, n, MSG_NOSIGNAL);
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) return false;
-        p += r;
-        n -= static_cast<std::size_t>(r);
-    }
-    return true;
+    return Exactly([fd](char* p, std::size_t k) { return ::send(fd, p, k, MSG_NOSIGNAL); },
+                   static_cast<char*>(const_cast<void*>(buf)), n);
 }
 
 void SetLingerZero(int fd) {

@@ -42,14 +42,11 @@ private:
 Fd Listen(unsigned short* port, int backlog = 128);
 // A blocking client connected to 127.0.0.1:port (throws when refused).
 Fd Dial(unsigned short port);
-
 // A connected TCP pair on 127.0.0.1 (both ends blocking).
 struct Pair {
-    Fd client;
-    Fd server;
+    Fd client, server;
 };
 Pair MakeTcpPair();
-
 // A TCP socket bound to 127.0.0.1 but not listening: connecting to its port
 // is refused, and no other socket can take the port meanwhile.
 Fd BoundNotListening(unsigned short* port);
@@ -60,18 +57,14 @@ unsigned short LocalPort(int fd);
 int IntOpt(int fd, int level, int name);
 // True while fd is an open descriptor of this process.
 bool IsOpen(int fd);
-
 // Number of open descriptors of this process (/proc/self/fd).
 int CountOpenFds();
-
 // Raises RLIMIT_NOFILE to at least n; false when not allowed.
 bool RaiseFdLimit(unsigned long n);
-
 // Reads exactly n bytes (blocking descriptor); false on EOF or error.
 bool ReadAll(int fd, void* buf, std::size_t n);
 // Writes exactly n bytes; false on error.
 bool WriteAll(int fd, const void* buf, std::size_t n);
-
 // Reset the connection on close (SO_LINGER 0).
 void SetLingerZero(int fd);
 
