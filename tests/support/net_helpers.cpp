@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 
 namespace testnet {
@@ -100,6 +101,14 @@ bool RaiseFdLimit(unsigned long n) {
     if (rl.rlim_max < n) rl.rlim_max = n;  // needs CAP_SYS_RESOURCE
     rl.rlim_cur = n;
     return setrlimit(RLIMIT_NOFILE, &rl) == 0;
+}
+
+long ResidentKb() {
+    std::ifstream status("/proc/self/status");
+    std::string key;
+    long kb = -1;
+    while (status >> key && key != "VmRSS:") status.ignore(1 << 12, '\n');
+    return status >> kb ? kb : -1;
 }
 
 // Moves exactly n bytes with `io` (a read or a send), retrying on EINTR.

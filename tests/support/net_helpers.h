@@ -61,6 +61,15 @@ bool IsOpen(int fd);
 int CountOpenFds();
 // Raises RLIMIT_NOFILE to at least n; false when not allowed.
 bool RaiseFdLimit(unsigned long n);
+// Resident memory of this process (VmRSS in /proc/self/status), KiB; -1 if unknown.
+long ResidentKb();
+// Bounds on resident memory are this much wider under AddressSanitizer, whose
+// quarantine keeps freed memory resident (up to 256 MiB) and whose shadow grows with it.
+#if defined(__SANITIZE_ADDRESS__)
+const long kRssSlack = 64;
+#else
+const long kRssSlack = 1;
+#endif
 // Reads exactly n bytes (blocking descriptor); false on EOF or error.
 bool ReadAll(int fd, void* buf, std::size_t n);
 // Writes exactly n bytes; false on error.
