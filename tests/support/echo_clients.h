@@ -33,12 +33,12 @@ struct EchoTally {  // plain data: it crosses a pipe
 
 struct EchoConn {
     int fd = -1;
-    bool up = false;
+    bool up = false;  // connected
     unsigned seq = 0;
+    long echoes = 0;
     std::vector<unsigned char> out, in;  // out empty: no block under way
     std::size_t sent = 0, got = 0;
-    Clock::time_point t0;
-    long echoes = 0;
+    Clock::time_point t0;  // the block under way was started
 };
 
 // Advances one connection after poll said `ev`: false when it failed.
@@ -76,7 +76,7 @@ inline bool StepEcho(EchoConn& c, unsigned id, short ev, bool more, unsigned max
     ++r->echoed, ++c.echoes, ++c.seq;
     r->worst_ms = std::max(r->worst_ms, MsSince(c.t0));
     c.out.clear();
-    return true;
+    return !more || StepEcho(c, id, 0, more, max_body, r);  // the next block at once
 }
 
 inline EchoTally DriveEchoClients(unsigned short port, unsigned n, unsigned max_body,
