@@ -166,14 +166,16 @@ bool Server::Serve(Conn& c, Clock::time_point now, End* end) {
     }
 
     // Reading stops while too many replies wait: a peer that does not read
-    // cannot make the server queue without bound, and its block clock does
-    // not count against it meanwhile (the server is the one not reading).
+    // cannot make the server queue without bound, and neither its block
+    // clock nor its idle clock counts against it meanwhile (the server is
+    // the one not reading); the stalled-reader limit decides instead.
     const int out = s.OutputBytes();
     const bool paused = out > 2LL * (limits_.max_block + 4);
     const long deadline = limits_.deadline_ms;
     if (out > 0 && Ms(now - c.out_progress) > deadline) *end = End::kStalledReader;
     else if (!paused && c.in_block && Ms(now - c.block_start) > deadline) *end = End::kDeadline;
-    else if (!c.in_block && limits_.idle_ms > 0 && Ms(now - c.last_input) > limits_.idle_ms) *end = End::kIdle;
+    else if (!paused && !c.in_block && limits_.idle_ms > 0 && Ms(now - c.last_input) > limits_.idle_ms)
+        *end = End::kIdle;
     else {
         s.SetEvents((out > 0 ? POLL_WRITE : 0) | (paused ? 0 : POLL_READ));
         return true;
