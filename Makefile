@@ -68,7 +68,8 @@ BUILD_BENCH ?= build-bench
 bench: deps
 	cmake -S . -B $(BUILD_BENCH) -DCMAKE_BUILD_TYPE=Release -DLINNET_BENCH=ON -DLINNET_TESTS=OFF
 	cmake --build $(BUILD_BENCH) -j $(JOBS) --target linnet-bench
-	./$(BUILD_BENCH)/bench/linnet-bench --benchmark_min_time=0.5
+	./$(BUILD_BENCH)/bench/linnet-bench --benchmark_min_time=0.5 --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
+	  --benchmark_report_aggregates_only=true
 
 # Record the exported API after a deliberate change.
 abi: build

@@ -20,18 +20,30 @@ std::vector<Row>& Rows() {
     return rows;
 }
 
-// Keeps each run's rate counter while the console reporter prints as usual.
+// Keeps each benchmark's rate counter (the median when repetitions are
+// asked for) while the console reporter prints as usual.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& r : runs) {
-            if (r.run_type != Run::RT_Iteration || r.error_occurred) continue;
+            if (r.error_occurred) continue;
             const auto it = r.counters.find("rate");
-            if (it != r.counters.end()) rates[r.benchmark_name()] = it->second.value;
+            if (it == r.counters.end()) continue;
+            const std::string name = r.run_name.str();
+            if (r.run_type == Run::RT_Aggregate && r.aggregate_name == "median")
+                medians[name] = it->second.value;
+            else if (r.run_type == Run::RT_Iteration)
+                rates[name] = it->second.value;
         }
         ConsoleReporter::ReportRuns(runs);
     }
-    std::map<std::string, double> rates;
+    double Rate(const std::string& name) const {
+        auto m = medians.find(name);
+        if (m != medians.end()) return m->second;
+        auto r = rates.find(name);
+        return r != rates.end() ? r->second : 0.0;
+    }
+    std::map<std::string, double> rates, medians;
 };
 
 }  // namespace
@@ -50,14 +62,12 @@ int main(int argc, char** argv) {
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
 
-    std::printf("\n%-58s %14s %14s %7s\n", "figure (unit)", "linnet", "baseline", "ratio");
+    std::printf("\n%-66s %12s %12s %6s\n", "figure (unit)", "linnet", "baseline", "ratio");
     for (const Row& row : Rows()) {
-        const auto a = reporter.rates.find(row.linnet);
-        const auto b = reporter.rates.find(row.baseline);
-        if (a == reporter.rates.end() || b == reporter.rates.end() || b->second == 0) continue;
+        const double a = reporter.Rate(row.linnet), b = reporter.Rate(row.baseline);
+        if (a == 0 || b == 0) continue;
         const std::string label = row.figure + " (" + row.unit + ")";
-        std::printf("%-58s %14.1f %14.1f %7.2f\n", label.c_str(), a->second, b->second,
-                    a->second / b->second);
+        std::printf("%-66s %12.1f %12.1f %6.2f\n", label.c_str(), a, b, a / b);
     }
     return 0;
 }
