@@ -181,7 +181,7 @@ TEST(BlockServer, HostilePeersCostOnlyThemselvesAndGoodClientsLoseNothing) {
         EXPECT_EQ(h.on_server, ended) << h.name;
         EXPECT_EQ(fds_before, testnet::CountOpenFds()) << h.name;
         EXPECT_NE(std::string::npos, saw.find(h.client_saw)) << h.name << ": " << saw;
-        EXPECT_LT(rss_delta, 16 * 1024 * testnet::kRssSlack) << h.name;  // nothing near 4 GiB was ever touched
+        EXPECT_LT(rss_delta, 16 * 1024 * testnet::RssSlack()) << h.name;  // nothing near 4 GiB was ever touched
         if (!h.on_server) continue;
         EXPECT_STREQ(blocksrv::EndName(h.end), blocksrv::EndName(rec.end)) << h.name;
         EXPECT_LE(rec.peak_queued, h.end == End::kTooBig ? 4 + static_cast<int>(limits.rcv_size)

@@ -80,7 +80,7 @@ void Check(unsigned n, const Figures& f) {
     // One block of at most 2 KiB under way per connection: the queues hold
     // little, and the process grows by little.
     EXPECT_LE(f.peak_queued, static_cast<int>(n) * (4 + 2048));
-    EXPECT_LT(f.rss_peak - f.rss_before, 32 * 1024 * testnet::kRssSlack);
+    EXPECT_LT(f.rss_peak - f.rss_before, 32 * 1024 * testnet::RssSlack());
 }
 
 unsigned Scaled(unsigned n) { return std::max(50u, n / static_cast<unsigned>(testnet::Scale())); }

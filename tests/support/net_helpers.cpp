@@ -155,4 +155,12 @@ Alarm::~Alarm() {
     ::sigaction(SIGALRM, &old_, nullptr);
 }
 
+long RssSlack() {
+#if defined(__SANITIZE_ADDRESS__)
+    return 64;
+#else
+    return Scale() > 1 ? 16 : 1;
+#endif
+}
+
 }  // namespace testnet

@@ -63,13 +63,11 @@ int CountOpenFds();
 bool RaiseFdLimit(unsigned long n);
 // Resident memory of this process (VmRSS in /proc/self/status), KiB; -1 if unknown.
 long ResidentKb();
-// Bounds on resident memory are this much wider under AddressSanitizer, whose
-// quarantine keeps freed memory resident (up to 256 MiB) and whose shadow grows with it.
-#if defined(__SANITIZE_ADDRESS__)
-const long kRssSlack = 64;
-#else
-const long kRssSlack = 1;
-#endif
+// How much wider bounds on resident memory are than in a plain run: 64 under
+// AddressSanitizer (its quarantine keeps freed memory resident, up to
+// 256 MiB, and its shadow grows with it), 16 in a scaled run (valgrind's own
+// memory counts as ours), else 1.
+long RssSlack();
 // Reads exactly n bytes (blocking descriptor); false on EOF or error.
 bool ReadAll(int fd, void* buf, std::size_t n);
 // Writes exactly n bytes; false on error.
