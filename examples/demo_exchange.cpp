@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "demo.h"
+#include "listener.h"
 
 namespace {
 
@@ -40,18 +41,6 @@ double Seconds(Clock::time_point since) {
     return std::chrono::duration<double>(Clock::now() - since).count();
 }
 
-struct Listener : TCPSocket {
-    unsigned short LocalPort() const {
-        sockaddr_in sa{};
-        socklen_t len = sizeof sa;
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&sa), &len);
-        return ntohs(sa.sin_port);
-    }
-};
-
-bool OpenListener(Listener* l) {
-    return l->Open() == 0 && l->Bind(htonl(INADDR_LOOPBACK), 0) == 0 && l->Listen(16) == 0;
-}
 
 // Echo server on a socket group: one CompressedTCPSocket per client, switched
 // to compression when the client asks for it.
@@ -178,7 +167,7 @@ namespace demo {
 
 bool RunEchoExchange(int clients) {
     Listener listener;
-    if (!OpenListener(&listener)) {
+    if (!listener.Start(0, 16)) {
         std::printf("  cannot listen on 127.0.0.1\n");
         return false;
     }
@@ -222,7 +211,7 @@ bool RunFileTransfer(std::size_t size) {
     std::ofstream(src_path, std::ios::binary).write(content.data(), std::streamsize(content.size()));
 
     Listener listener;
-    if (!OpenListener(&listener)) return false;
+    if (!listener.Start(0, 16)) return false;
     const unsigned short port = listener.LocalPort();
     std::printf("  sending a generated %zu-byte file to 127.0.0.1:%u\n", size, port);
     const auto start = Clock::now();

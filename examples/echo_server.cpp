@@ -11,6 +11,7 @@
 #include <string>
 
 #include "hooks.h"
+#include "listener.h"
 
 namespace {
 
@@ -23,16 +24,6 @@ void Usage() {
         "  --max-block N  refuse blocks longer than N bytes (closes that client)\n"
         "  --once         exit after the first client has gone\n");
 }
-
-// Hosts extend the socket classes to reach their protected members.
-struct Listener : TCPSocket {
-    unsigned short LocalPort() const {
-        sockaddr_in sa{};
-        socklen_t len = sizeof sa;
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&sa), &len);
-        return ntohs(sa.sin_port);
-    }
-};
 
 struct Client {
     std::unique_ptr<CompressedTCPSocket> sock;
@@ -56,7 +47,7 @@ int main(int argc, char** argv) {
     }
 
     Listener listener;
-    if (listener.Open() != 0 || listener.Bind(htonl(INADDR_LOOPBACK), port) != 0 || listener.Listen(64) != 0) {
+    if (!listener.Start(port, 64)) {
         std::fprintf(stderr, "cannot listen on 127.0.0.1:%u\n", port);
         return 1;
     }

@@ -19,6 +19,16 @@ char* render(unsigned long long v, unsigned base, char* end) {
     return end;
 }
 
+// The same for a signed value, with its sign.
+char* render_signed(long long v, char* end) {
+    // Negate in unsigned arithmetic so that the smallest value survives.
+    const unsigned long long magnitude =
+        v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+    char* start = render(magnitude, 10, end);
+    if (v < 0) *--start = '-';
+    return start;
+}
+
 }  // namespace
 
 Line::~Line() {
@@ -44,10 +54,7 @@ Line::~Line() {
     put(":", 1);
     char digits[24];
     char* const end = digits + sizeof digits;
-    const unsigned long long magnitude =
-        line_ < 0 ? 0ULL - static_cast<unsigned long long>(line_) : static_cast<unsigned long long>(line_);
-    char* start = render(magnitude, 10, end);
-    if (line_ < 0) *--start = '-';
+    const char* start = render_signed(line_, end);
     put(start, static_cast<std::size_t>(end - start));
     put("]", 1);
     origin[n] = '\0';
@@ -74,11 +81,7 @@ Line& Line::operator<<(const char* s) {
 Line& Line::signed_value(long long v) {
     char digits[24];
     char* const end = digits + sizeof digits;
-    // Negate in unsigned arithmetic so that the smallest value survives.
-    const unsigned long long magnitude =
-        v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
-    char* start = render(magnitude, 10, end);
-    if (v < 0) *--start = '-';
+    const char* start = render_signed(v, end);
     return append(start, static_cast<std::size_t>(end - start));
 }
 
