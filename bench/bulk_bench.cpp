@@ -15,11 +15,6 @@ namespace {
 
 const uint32_t kBlock = 1 << 20;
 
-void Rate(benchmark::State& state) {
-    state.counters["rate"] = benchmark::Counter(
-        static_cast<double>(state.iterations()) * kBlock / 1e6, benchmark::Counter::kIsRate);
-}
-
 // Each reader drains blocks until a zero-length block, then acknowledges
 // with one byte so that the writer's clock covers every byte read.
 void BM_Bulk_Linnet(benchmark::State& state) {
@@ -52,7 +47,7 @@ void BM_Bulk_Linnet(benchmark::State& state) {
     char ack = 0;
     stream.Read(&ack, 1);
     reader.join();
-    Rate(state);
+    bench::Rate(state, kBlock / 1e6);
 }
 BENCHMARK(BM_Bulk_Linnet)->UseRealTime();
 
@@ -87,7 +82,7 @@ void BM_Bulk_Raw(benchmark::State& state) {
     char ack = 0;
     rd(pair.client, &ack, 1);
     reader.join();
-    Rate(state);
+    bench::Rate(state, kBlock / 1e6);
 }
 BENCHMARK(BM_Bulk_Raw)->ArgName("select")->Arg(0)->Arg(1)->UseRealTime();
 
@@ -128,7 +123,7 @@ void BM_Bulk_Asio(benchmark::State& state) {
     char ack = 0;
     asio::read(client, asio::buffer(&ack, 1), ec);
     reader.join();
-    Rate(state);
+    bench::Rate(state, kBlock / 1e6);
 }
 BENCHMARK(BM_Bulk_Asio)->UseRealTime();
 

@@ -17,11 +17,6 @@ namespace {
 
 const unsigned kBlock = 64 * 1024;
 
-void Rate(benchmark::State& state) {
-    state.counters["rate"] = benchmark::Counter(
-        static_cast<double>(state.iterations()) * kBlock / 1e6, benchmark::Counter::kIsRate);
-}
-
 void BM_Compressed_Linnet(benchmark::State& state) {
     const std::string text = bench::TextLike(kBlock);
     bench::Pair pair;
@@ -68,7 +63,7 @@ void BM_Compressed_Linnet(benchmark::State& state) {
         s.FullFlush();
     }
     reader.join();
-    Rate(state);
+    bench::Rate(state, kBlock / 1e6);
 }
 BENCHMARK(BM_Compressed_Linnet)->UseRealTime();
 
@@ -106,7 +101,7 @@ void BM_Compressed_ZlibAlone(benchmark::State& state) {
     state.counters["ratio"] = state.iterations() ? static_cast<double>(state.iterations()) * (kBlock + 4) /
                                                        static_cast<double>(packed_total)
                                                  : 0;
-    Rate(state);
+    bench::Rate(state, kBlock / 1e6);
 }
 BENCHMARK(BM_Compressed_ZlibAlone)->UseRealTime();
 

@@ -38,11 +38,6 @@ struct Sockets {
     }
 };
 
-void Rate(benchmark::State& state) {
-    state.counters["rate"] = benchmark::Counter(static_cast<double>(state.iterations()),
-                                                benchmark::Counter::kIsRate);
-}
-
 void BM_GroupPoll_Linnet(benchmark::State& state) {
     Sockets raw;
     if (raw.fds.back() >= FD_SETSIZE) {
@@ -65,7 +60,7 @@ void BM_GroupPoll_Linnet(benchmark::State& state) {
         if (n != 1) state.SkipWithError("expected one ready member");
     }
     group.Clear();
-    Rate(state);
+    bench::Rate(state);
 }
 BENCHMARK(BM_GroupPoll_Linnet);
 
@@ -86,7 +81,7 @@ void BM_GroupPoll_Select(benchmark::State& state) {
         benchmark::DoNotOptimize(ready);
         if (n != 1) state.SkipWithError("expected one ready descriptor");
     }
-    Rate(state);
+    bench::Rate(state);
 }
 BENCHMARK(BM_GroupPoll_Select);
 

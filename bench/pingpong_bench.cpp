@@ -44,11 +44,6 @@ void ServeBlocking(int fd, bool with_select) {
     }
 }
 
-void Rate(benchmark::State& state) {
-    state.counters["rate"] = benchmark::Counter(static_cast<double>(state.iterations()),
-                                                benchmark::Counter::kIsRate);
-}
-
 void BM_PingPong_Linnet(benchmark::State& state) {
     bench::SetHookMode(state.range(0) ? bench::HookMode::Format : bench::HookMode::Drop);
     bench::Pair pair;
@@ -75,7 +70,7 @@ void BM_PingPong_Linnet(benchmark::State& state) {
     }  // closing the client ends the server
     server.join();
     bench::SetHookMode(bench::HookMode::Drop);
-    Rate(state);
+    bench::Rate(state);
 }
 BENCHMARK(BM_PingPong_Linnet)->ArgNames({"format", "nodelay"})->Args({0, 1})->Args({1, 1})
     ->UseRealTime();
@@ -110,7 +105,7 @@ void BM_PingPong_Raw(benchmark::State& state) {
     }
     ::shutdown(pair.client, SHUT_RDWR);
     server.join();
-    Rate(state);
+    bench::Rate(state);
 }
 BENCHMARK(BM_PingPong_Raw)->ArgName("select")->Arg(0)->Arg(1)->UseRealTime();
 
@@ -154,7 +149,7 @@ void BM_PingPong_Asio(benchmark::State& state) {
     }
     client.close();
     server.join();
-    Rate(state);
+    bench::Rate(state);
 }
 BENCHMARK(BM_PingPong_Asio)->UseRealTime();
 

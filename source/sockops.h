@@ -5,6 +5,7 @@
 #define LINNET_SOURCE_SOCKOPS_H
 
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -34,6 +35,29 @@ struct WaitItem {
 // descriptor named by two items still counts once per set), so no fd_set is
 // ever indexed out of range.
 int wait_ready(WaitItem* items, std::size_t count, const timeval* timeout);
+
+// Owns a descriptor that one operation opened for its own use; closes it
+// once, on every exit.
+class ScopedFd {
+public:
+    explicit ScopedFd(int fd = -1) : fd_(fd) {}
+    ~ScopedFd() { reset(); }
+    ScopedFd(const ScopedFd&) = delete;
+    ScopedFd& operator=(const ScopedFd&) = delete;
+    int get() const { return fd_; }
+    int release() {
+        const int f = fd_;
+        fd_ = -1;
+        return f;
+    }
+    void reset(int fd = -1) {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = fd;
+    }
+
+private:
+    int fd_;
+};
 
 }  // namespace sys
 }  // namespace linnet

@@ -1,9 +1,7 @@
 #include <linnet/compress.h>
 
 #include <climits>
-#include <cstring>
-#include <memory>
-
+#include "compress/shift.h"
 #include "logger/log.h"
 
 static const char kLogFile[] = "source/compress/compressedsocket";
@@ -105,11 +103,7 @@ int CompressedTCPSocket::Read(void* buf, int len) {
     const int used = decompressor_->Write(reinterpret_cast<char*>(rawIn_), rawInFill_);
     if (used != 0) {
         const int rest = rawInFill_ - used;
-        std::unique_ptr<unsigned char[]> tmp(new unsigned char[rest]);
-        if (rest > 0) {
-            std::memcpy(tmp.get(), rawIn_ + used, static_cast<size_t>(rest));
-            std::memcpy(rawIn_, tmp.get(), static_cast<size_t>(rest));
-        }
+        linnet::compress::shift_to_front(reinterpret_cast<char*>(rawIn_), used, rest);
         rawInFill_ = rest;
     }
     return decompressor_->Read(static_cast<char*>(buf), len);

@@ -2,7 +2,8 @@
 #include <zlib.h>
 
 #include <cstring>
-#include <memory>
+
+#include "compress/shift.h"
 
 // The slab logs nothing: it runs once per socket read or write, under the
 // socket's own traces.
@@ -72,13 +73,7 @@ int CCompressorSlab::TryRead(char** where) {
 void CCompressorSlab::Take(int n) {
     const int pending = TryRead(nullptr);
     const int rest = pending - n;
-    // The rest goes through a temporary copy (made even when it is empty)
-    // rather than an overlapping move.
-    std::unique_ptr<char[]> tmp(new char[rest]);
-    if (rest > 0) {
-        std::memcpy(tmp.get(), slab_ + n, static_cast<size_t>(rest));
-        std::memcpy(slab_, tmp.get(), static_cast<size_t>(rest));
-    }
+    linnet::compress::shift_to_front(slab_, n, rest);
     stream_->next_out = reinterpret_cast<Bytef*>(slab_ + rest);
     stream_->avail_out = static_cast<uInt>(slabSize_ - rest);
     stream_->next_in = nullptr;

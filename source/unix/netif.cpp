@@ -55,6 +55,19 @@ unsigned int request_address(const ifreq& req) {
     return ntohl(sin.sin_addr.s_addr);
 }
 
+// The record at a position of the table; null outside the array or where
+// no record is.
+__NETIF_IFINFO* record_at(__NETIF_IFINFO* const* info, int pos) {
+    return pos >= 0 && pos < kMaxIfaces ? info[pos] : nullptr;
+}
+
+// One SIOCSIF* request carrying an address (network order) for `rec`'s
+// interface: 0, or -errno.
+int set_address(int fd, unsigned long request, const __NETIF_IFINFO* rec, unsigned int address) {
+    ifreq req = address_request(rec->name, address);
+    return ::ioctl(fd, request, &req) < 0 ? linnet::sys::failure() : 0;
+}
+
 // Whether `full` is `name` itself or one of its aliases "name:...".
 bool is_name_or_alias(const char* full, const char* name) {
     const std::size_t n = std::strlen(name);
@@ -151,8 +164,8 @@ void CNetworkInterfaceInfo::Read() {
 int CNetworkInterfaceInfo::GetCount() const { return count_; }
 
 const char* CNetworkInterfaceInfo::GetName(int pos) const {
-    if (pos < 0 || pos >= kMaxIfaces || info_[pos] == nullptr) return nullptr;
-    return info_[pos]->name;
+    const __NETIF_IFINFO* rec = record_at(info_, pos);
+    return rec != nullptr ? rec->name : nullptr;
 }
 
 int CNetworkInterfaceInfo::GetIndex(const char* name) const {
@@ -213,8 +226,8 @@ bool CNetworkInterfaceInfo::IsExist(const std::string& name) const {
 // Field getters: a missing record, or a position outside the array, gives 0.
 #define LINNET_NETIF_GETTER(Type, Name, field, none)                        \
     Type CNetworkInterfaceInfo::Name(int pos) const {                       \
-        if (pos < 0 || pos >= kMaxIfaces || info_[pos] == nullptr) return none; \
-        return info_[pos]->field;                                           \
+        const __NETIF_IFINFO* rec = record_at(info_, pos);                  \
+        return rec != nullptr ? rec->field : none;                          \
     }                                                                       \
     Type CNetworkInterfaceInfo::Name(const char* name) const {              \
         const __NETIF_IFINFO* rec = Lookup(name);                           \
@@ -268,10 +281,8 @@ unsigned int CNetworkInterfaceInfo::GetNetmaskOnIP(unsigned int ip) const {
 int CNetworkInterfaceInfo::SetIP(__NETIF_IFINFO* rec, unsigned int ip) {
     if (rec == nullptr || fd_ == -1) return -ENOENT;
     // Deliberately unconverted: the value goes to the kernel as it came.
-    ifreq req = address_request(rec->name, ip);
-    const int r = ::ioctl(fd_, SIOCSIFADDR, &req);
-    if (r < 0) return linnet::sys::failure();
-    rec->ip = ip;
+    const int r = set_address(fd_, SIOCSIFADDR, rec, ip);
+    if (r == 0) rec->ip = ip;
     return r;
 }
 
@@ -290,20 +301,16 @@ int CNetworkInterfaceInfo::SetFlags(__NETIF_IFINFO* rec, unsigned long long flag
 int CNetworkInterfaceInfo::SetNetmask(__NETIF_IFINFO* rec, int mask) {
     if (rec == nullptr || fd_ == -1) return -ENOENT;
     LOG_STREAM(5) << "mask " << mask << " iface " << rec->name;
-    ifreq req = address_request(rec->name, htonl(static_cast<unsigned int>(mask)));
-    const int r = ::ioctl(fd_, SIOCSIFNETMASK, &req);
-    if (r < 0) return linnet::sys::failure();
-    rec->netmask = static_cast<unsigned int>(mask);
+    const int r = set_address(fd_, SIOCSIFNETMASK, rec, htonl(static_cast<unsigned int>(mask)));
+    if (r == 0) rec->netmask = static_cast<unsigned int>(mask);
     return r;
 }
 
 int CNetworkInterfaceInfo::SetBroadcast(__NETIF_IFINFO* rec, int bcast) {
     if (rec == nullptr || fd_ == -1) return -ENOENT;
     LOG_STREAM(5) << "bcast " << bcast << " iface " << rec->name;
-    ifreq req = address_request(rec->name, htonl(static_cast<unsigned int>(bcast)));
-    const int r = ::ioctl(fd_, SIOCSIFBRDADDR, &req);
-    if (r < 0) return linnet::sys::failure();
-    rec->broadcast = static_cast<unsigned int>(bcast);
+    const int r = set_address(fd_, SIOCSIFBRDADDR, rec, htonl(static_cast<unsigned int>(bcast)));
+    if (r == 0) rec->broadcast = static_cast<unsigned int>(bcast);
     return r;
 }
 
@@ -313,7 +320,7 @@ int CNetworkInterfaceInfo::SetBroadcast(__NETIF_IFINFO* rec, int bcast) {
         return Name(Lookup(name), value);                                    \
     }                                                                        \
     int CNetworkInterfaceInfo::Name(int pos, Type value) {                   \
-        return Name(pos >= 0 && pos < kMaxIfaces ? info_[pos] : nullptr, value); \
+        return Name(record_at(info_, pos), value);                           \
     }
 
 LINNET_NETIF_SETTER(SetIP, unsigned int)

@@ -9,7 +9,7 @@
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
-#include <unistd.h>
+#include <sys/socket.h>
 
 #include <cstdint>
 #include <cstring>
@@ -27,6 +27,18 @@ const long kErrorMsgLen = NLMSG_LENGTH(sizeof(nlmsgerr));    // 36
 const long kAttrHeaderLen = RTA_LENGTH(0);                   // 4
 
 inline long align(long n) { return NLMSG_ALIGN(n); }
+
+// A message header over one buffer, with the netlink address `peer` as its
+// name (the destination of a send, the sender of a receive).
+inline msghdr one_buffer_msg(sockaddr_nl* peer, iovec* iov) {
+    msghdr msg;
+    std::memset(&msg, 0, sizeof msg);
+    msg.msg_name = peer;
+    msg.msg_namelen = sizeof *peer;
+    msg.msg_iov = iov;
+    msg.msg_iovlen = 1;
+    return msg;
+}
 
 // A whole message header lies within `len`, and so does its nlmsg_len.
 inline bool nlmsg_ok(const nlmsghdr* h, long len) {
@@ -68,6 +80,10 @@ inline rtattr* attr_next(rtattr* a, long* len) {
     return reinterpret_cast<rtattr*>(reinterpret_cast<char*>(a) + step);
 }
 
+// The rta_len of the attribute a walk stopped at with `len` bytes left, for
+// the trace; 0 when its two length bytes are not inside the message.
+inline unsigned stopped_rta_len(const rtattr* a, long len) { return len >= 2 ? a->rta_len : 0; }
+
 inline const unsigned char* attr_data(const rtattr* a) {
     return static_cast<const unsigned char*>(RTA_DATA(const_cast<rtattr*>(a)));
 }
@@ -81,28 +97,6 @@ inline uint32_t attr_u32(const rtattr* a) {
     std::memcpy(&v, attr_data(a), n < 4 ? n : 4);
     return v;
 }
-
-// Owns one descriptor of a single operation; closes it once.
-class ScopedFd {
-public:
-    explicit ScopedFd(int fd = -1) : fd_(fd) {}
-    ~ScopedFd() { reset(); }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return fd_; }
-    int release() {
-        int f = fd_;
-        fd_ = -1;
-        return f;
-    }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = fd;
-    }
-
-protected:
-    int fd_;
-};
 
 }  // namespace nl
 }  // namespace linnet

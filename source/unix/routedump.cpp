@@ -110,12 +110,7 @@ ssize_t RtnetlinkSocket::send(const void* buf, unsigned long len) {
     std::memset(&nladdr_, 0, sizeof nladdr_);
     nladdr_.nl_family = AF_NETLINK;
     iovec iov = {const_cast<void*>(buf), len};
-    msghdr msg;
-    std::memset(&msg, 0, sizeof msg);
-    msg.msg_name = &nladdr_;
-    msg.msg_namelen = sizeof nladdr_;
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
+    msghdr msg = nl::one_buffer_msg(&nladdr_, &iov);
     return ::sendmsg(fd_, &msg, 0);
 }
 
@@ -142,11 +137,7 @@ Route::Route(nlmsghdr* msg) : attrs(kSlots) {
         slot.type = a->rta_type;
         slot.data.assign(nl::attr_data(a), nl::attr_data(a) + nl::attr_data_len(a));
     }
-    if (len != 0) {
-        // rta_len is read only when its two bytes are inside the message.
-        const unsigned rta_len = len >= 2 ? a->rta_len : 0;
-        LOG_STREAM(11) << "len=" << len << " rta_len=" << rta_len;
-    }
+    if (len != 0) LOG_STREAM(11) << "len=" << len << " rta_len=" << nl::stopped_rta_len(a, len);
 }
 
 void Route::load_into_kernel(RtnetlinkSocket& sock) const {
@@ -229,12 +220,7 @@ CRoutesDump::CRoutesDump() : ok_(true), imp_(new CRoutesDumpImp) {
         std::vector<unsigned char> buf(kReceiveBuffer, 0);
         for (;;) {
             iovec iov = {buf.data(), buf.size()};
-            msghdr msg;
-            std::memset(&msg, 0, sizeof msg);
-            msg.msg_name = sock.address();
-            msg.msg_namelen = sizeof(sockaddr_nl);
-            msg.msg_iov = &iov;
-            msg.msg_iovlen = 1;
+            msghdr msg = nl::one_buffer_msg(sock.address(), &iov);
             const ssize_t got = sock.recvmsg(&msg);
             if (got < 0) {
                 const int err = errno;

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "logger/log.h"
+#include "sockops.h"
 #include "unix/nlwalk.h"
 
 static const char kLogFile[] = "source/unix/routetable";
@@ -103,7 +104,7 @@ void CRouteEntry::Dump() const {
 
 int CRouteTable::Read(int filter, const std::map<unsigned int, unsigned int>& ifmap) {
     entries_.clear();
-    nl::ScopedFd sock(::socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE));
+    linnet::sys::ScopedFd sock(::socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE));
     const int fd = sock.get();
     if (fd < 0) {
         const int err = errno;
@@ -151,12 +152,7 @@ int CRouteTable::Read(int filter, const std::map<unsigned int, unsigned int>& if
         sockaddr_nl from;
         std::memset(&from, 0, sizeof from);
         iovec iov = {buf.data(), buf.size()};
-        msghdr msg;
-        std::memset(&msg, 0, sizeof msg);
-        msg.msg_name = &from;
-        msg.msg_namelen = sizeof from;
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
+        msghdr msg = nl::one_buffer_msg(&from, &iov);
         const ssize_t got = ::recvmsg(fd, &msg, 0);
         if (got < 0) {
             const int err = errno;
@@ -250,10 +246,7 @@ int CRouteTable::AddEntry(nlmsghdr* msg, int filter,
     rtattr* a = nl::first_attr(msg);
     for (; nl::attr_ok(a, len); a = nl::attr_next(a, &len))
         if (a->rta_type < kAttrSlots) attrs[a->rta_type] = a;
-    if (len != 0) {
-        const unsigned rta_len = len >= 2 ? a->rta_len : 0;
-        LOG_STREAM(11) << "len=" << len << " rta_len=" << rta_len;
-    }
+    if (len != 0) LOG_STREAM(11) << "len=" << len << " rta_len=" << nl::stopped_rta_len(a, len);
 
     CRouteEntry e{};
     // A /32 carried in the attribute gets no mask; without the attribute a

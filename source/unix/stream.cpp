@@ -27,10 +27,8 @@ unsigned piece_len(unsigned remaining) {
 }  // namespace
 
 SockStream::SockStream(TCPSocket* sock, unsigned timeout_us, unsigned final_timeout_s)
-    : sock_(sock),
-      timeoutSec_(timeout_us / 1000000),
-      timeoutUsec_(timeout_us % 1000000),
-      finalTimeout_(final_timeout_s) {
+    : sock_(sock), timeoutSec_(0), timeoutUsec_(0), finalTimeout_(0) {
+    SetTimeouts(timeout_us, final_timeout_s);
     LOG_STREAM(11) << "timeout " << timeoutSec_ << "." << timeoutUsec_ << ", finaltimeout "
                    << finalTimeout_;
 }
