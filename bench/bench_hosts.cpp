@@ -122,20 +122,4 @@ bool SelectWriteFull(int fd, const void* buf, std::size_t n) {
     return true;
 }
 
-std::string TextLike(std::size_t n) {
-    static const char* const kWords[] = {"route ", "table ", "socket ", "stream ", "block ",
-                                         "interface ", "poll ", "compress ", "linnet ", "\n"};
-    std::string s;
-    s.reserve(n + 16);
-    unsigned x = 12345;
-    while (s.size() < n) {
-        x = x * 1103515245u + 12345u;
-        s += kWords[(x >> 16) % 10];
-        s += std::to_string((x >> 4) % 10000);  // enough entropy for about 3:1
-        s += ' ';
-    }
-    s.resize(n);
-    return s;
-}
-
 }  // namespace bench

@@ -32,9 +32,6 @@ bool WriteFull(int fd, const void* buf, std::size_t n);
 bool SelectReadFull(int fd, void* buf, std::size_t n);
 bool SelectWriteFull(int fd, const void* buf, std::size_t n);
 
-// Text-like bytes (compress about 3:1 with zlib), deterministic.
-std::string TextLike(std::size_t n);
-
 // The "rate" counter the ratio table reads: `per_iteration` units (round
 // trips, MB, polls) per second of the benchmark's clock.
 inline void Rate(benchmark::State& state, double per_iteration = 1.0) {

@@ -12,13 +12,14 @@
 #include <vector>
 
 #include "bench_hosts.h"
+#include "text_like.h"
 
 namespace {
 
 const unsigned kBlock = 64 * 1024;
 
 void BM_Compressed_Linnet(benchmark::State& state) {
-    const std::string text = bench::TextLike(kBlock);
+    const std::string text = testdata::TextLike(kBlock);
     bench::Pair pair;
     bench::MakePair(&pair, true);
     const int server_fd = pair.server;
@@ -68,7 +69,7 @@ void BM_Compressed_Linnet(benchmark::State& state) {
 BENCHMARK(BM_Compressed_Linnet)->UseRealTime();
 
 void BM_Compressed_ZlibAlone(benchmark::State& state) {
-    const std::string text = bench::TextLike(kBlock);
+    const std::string text = testdata::TextLike(kBlock);
     z_stream def{}, inf{};
     deflateInit(&def, Z_DEFAULT_COMPRESSION);
     inflateInit(&inf);

@@ -112,7 +112,7 @@ TEST(SockStream, FlushDrainsWithoutPolling) {
     EXPECT_TRUE(l.sock.reads == 11 && l.sock.polls == 0) << l.sock.reads << " reads";
 }
 
-TEST(SockStreamBlock, HeaderIsTheLengthInHostByteOrder) {
+TEST(SockStreamBlock, HeaderIsTheLengthInHostByteOrderAndAnEmptyBlockIsThatAlone) {
     Link l;
     const unsigned kLen = 16909060;  // 0x01020304
     std::vector<unsigned char> body(kLen), got(kLen);
@@ -125,21 +125,19 @@ TEST(SockStreamBlock, HeaderIsTheLengthInHostByteOrder) {
     ASSERT_TRUE(ok && result == 0);
     EXPECT_EQ(std::vector<unsigned char>(header, header + 4), (std::vector<unsigned char>{4, 3, 2, 1}));
     EXPECT_TRUE(got == body);
-}
 
-TEST(SockStreamBlock, ZeroLengthBlockIsFourZeroBytesAndLeavesOutputsUntouched) {
-    Link l;
+    // An empty block: four zero bytes and nothing more; read back, it
+    // succeeds and leaves the outputs as they were.
     SockStream s(&l.sock, 500000, 2);
     EXPECT_EQ(s.WriteBlock(nullptr, 0), 0);
-    unsigned char header[4] = {9, 9, 9, 9};
     ASSERT_TRUE(testnet::ReadAll(l.peer(), header, 4));
     EXPECT_EQ(std::memcmp(header, "\0\0\0\0", 4), 0);
-    EXPECT_EQ(::recv(l.peer(), header, 4, MSG_DONTWAIT), -1);  // nothing more
+    EXPECT_EQ(::recv(l.peer(), header, 4, MSG_DONTWAIT), -1);
     l.Send(header, 4);
-    unsigned char sentinel = 0, *body = &sentinel;
+    unsigned char sentinel = 0, *out = &sentinel;
     unsigned size = 77;
-    EXPECT_EQ(s.ReadBlock(&body, &size, 0), 0);
-    EXPECT_TRUE(body == &sentinel && size == 77u);
+    EXPECT_EQ(s.ReadBlock(&out, &size, 0), 0);
+    EXPECT_TRUE(out == &sentinel && size == 77u);
 }
 
 TEST(SockStreamBlock, LimitAcceptsItsOwnSizeAndLeavesABiggerBodyUnread) {
