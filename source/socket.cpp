@@ -46,10 +46,7 @@ int NonBlockSocket::Close() {
 int NonBlockSocket::Bind(unsigned int ip, unsigned short port) {
     if (fd_ < 0) return -22;
     LOG_STREAM(11) << "binding fd_ " << fd_ << " to " << ip2sn(ip) << ":" << port;
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(port);
-    sa.sin_addr.s_addr = ip;
+    sockaddr_in sa = linnet::sys::ipv4_address(ip, port);
     if (::bind(fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0) {
         const int err = errno;
         const int result = linnet::sys::failure();

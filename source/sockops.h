@@ -4,6 +4,8 @@
 #ifndef LINNET_SOURCE_SOCKOPS_H
 #define LINNET_SOURCE_SOCKOPS_H
 
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -16,6 +18,19 @@ namespace sys {
 // The library's code for a failed call: -errno, or -1 when errno is 0 so
 // that a failure is never reported as success.
 inline int failure() { return errno != 0 ? -errno : -1; }
+
+// An IPv4 socket address: `ip` in network byte order, copied as it is;
+// `port` in host byte order.
+inline sockaddr_in ipv4_address(unsigned int ip, unsigned short port) {
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(port);
+    sa.sin_addr.s_addr = ip;
+    return sa;
+}
+
+// The linger every socket of the library gets: on, one second.
+const linger kLingerOneSecond = {1, 1};
 
 // One descriptor of a readiness wait. `events` and `ready` use the bits
 // POLL_READ, POLL_WRITE and POLL_EXCEPT.

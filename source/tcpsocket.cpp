@@ -16,7 +16,7 @@ static const char kLogFile[] = "source/tcpsocket";
 
 namespace {
 
-const linger kLingerOneSecond = {1, 1};
+using linnet::sys::kLingerOneSecond;
 
 // Reads SO_SNDBUF and SO_RCVBUF back after opening or adopting `fd`; 8192
 // stands in for a size the kernel does not report. `rcv_text` is the start
@@ -255,10 +255,7 @@ int TCPSocket::StartConnecting(unsigned int ip, unsigned short port) {
         LOG_STREAM(11) << "connect on negative fd_ = " << fd_;
         return -22;
     }
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(port);
-    sa.sin_addr.s_addr = ip;
+    sockaddr_in sa = linnet::sys::ipv4_address(ip, port);
     LOG_STREAM(11) << "connecting fd_ " << fd_ << " to " << ip2sn(ip) << ":" << port;
     const int r = ::connect(fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
     if (r == 0) {

@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "logger/log.h"
+#include "sockops.h"
 
 static const char kLogFile[] = "source/udpsocket";
 
@@ -35,8 +36,8 @@ int UDPSocket::Open() {
     ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     ::setsockopt(fd_, SOL_SOCKET, SO_REUSEPORT, &one, sizeof one);
     ::setsockopt(fd_, SOL_SOCKET, SO_BROADCAST, &one, sizeof one);
-    const linger one_second = {1, 1};
-    ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &one_second, sizeof one_second);
+    ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &linnet::sys::kLingerOneSecond,
+                 sizeof linnet::sys::kLingerOneSecond);
     initState_ |= INIT_OPEN;
     return 0;
 }
@@ -60,10 +61,7 @@ int UDPSocket::Write(unsigned int ip, unsigned short port, void* buf, int size) 
         return -22;
     }
     LOG_FORMAT("Write", 11, "trying to write to fd_ %d ( %d bytes from %p )", fd_, size, buf);
-    sockaddr_in peer{};
-    peer.sin_family = AF_INET;
-    peer.sin_port = htons(port);
-    peer.sin_addr.s_addr = ip;
+    const sockaddr_in peer = linnet::sys::ipv4_address(ip, port);
     const ssize_t n = ::sendto(fd_, buf, static_cast<size_t>(size), MSG_NOSIGNAL,
                                reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
     if (n >= 0) {

@@ -39,11 +39,7 @@ ifreq address_request(const char* name, unsigned int address) {
     ifreq req;
     std::memset(&req, 0, sizeof req);
     copy_name(req.ifr_name, name);
-    sockaddr_in sin;
-    std::memset(&sin, 0, sizeof sin);
-    sin.sin_family = AF_INET;
-    sin.sin_port = 0;
-    sin.sin_addr.s_addr = address;
+    const sockaddr_in sin = linnet::sys::ipv4_address(address, 0);
     std::memcpy(&req.ifr_addr, &sin, sizeof sin);
     return req;
 }
