@@ -142,3 +142,48 @@ TEST(NetworkInterfaceInfoNetns, MoreThan128InterfacesFillTheTableAndNoMore) {
     }
     EXPECT_EQ(netns::Run("printf '" + del + "' | ip -batch -"), 0);
 }
+
+TEST(NetworkInterfaceInfoNetns, EachAddressOfOneInterfaceHasItsOwnBroadcast) {
+    REQUIRE_NETNS();
+    AddPair("nvs", "nvt");
+    ASSERT_EQ(netns::Run("ip addr add 198.51.100.1/24 brd 198.51.100.255 dev nvs"), 0);
+    ASSERT_EQ(netns::Run("ip addr add 203.0.113.1/24 brd 203.0.113.255 dev nvs"), 0);  // secondary, same label
+    {
+        CNetworkInterfaceInfo table;
+        struct {
+            const char* ip;
+            const char* mask;
+            const char* bcast;
+        } const rows[] = {
+            {"198.51.100.1", "255.255.255.0", "198.51.100.255"},
+            {"203.0.113.1", "255.255.255.0", "203.0.113.255"},
+        };
+        for (const auto& r : rows) {
+            int pos = -1;
+            for (int i = 0; i < table.GetCount(); ++i)
+                if (table.GetIP(i) == H(r.ip)) pos = i;
+            ASSERT_GE(pos, 0) << r.ip;
+            EXPECT_STREQ(table.GetName(pos), "nvs");
+            EXPECT_EQ(table.GetNetmask(pos), H(r.mask)) << r.ip;
+            EXPECT_EQ(table.GetBroadcast(pos), H(r.bcast)) << r.ip;
+        }
+    }
+    DelLink("nvs");
+}
+
+TEST(NetworkInterfaceInfoNetns, AddressesBeyondTheTableAreCountedInTheLeftOutLine) {
+    REQUIRE_NETNS();
+    AddPair("nvu", "nvv");
+    std::string add;
+    for (int i = 1; i <= 141; ++i)  // with lo's: 142 addresses, 14 beyond the table
+        add += "addr add 198.51.100." + std::to_string(i) + "/32 dev nvu\n";
+    ASSERT_EQ(netns::Run("printf '" + add + "' | ip -batch -"), 0);
+    {
+        capture::Scope log;
+        CNetworkInterfaceInfo table;
+        EXPECT_EQ(table.GetCount(), 128);
+        // The 14 addresses, and nvv, which has no address and no room.
+        EXPECT_TRUE(capture::Contains("interface table full (128 entries): 15 interfaces left out", 1));
+    }
+    DelLink("nvu");
+}

@@ -5,7 +5,9 @@
 #include <net/if.h>
 
 #include <cstring>
+#include <initializer_list>
 #include <string>
+#include <vector>
 
 #include "net_helpers.h"
 
@@ -79,4 +81,57 @@ TEST(NetworkInterfaceInfo, GetNameTakesTheNameOfEveryKindOfDevLine) {
     EXPECT_EQ(CNetworkInterfaceInfo::get_name(out, &garbage[0]), garbage.c_str() + garbage.size());
     EXPECT_EQ(std::string(out), std::string(15, '#'));
     EXPECT_EQ(CNetworkInterfaceInfo::get_name(nullptr, &garbage[0]), nullptr);
+}
+
+namespace {
+
+// A table filled from a captured interface list instead of the kernel, so
+// that look-ups are checked wherever the tests run.
+struct CapturedTable : CNetworkInterfaceInfo {
+    void Add(const char* name, unsigned int ip, int index) {
+        __NETIF_IFINFO* rec = new __NETIF_IFINFO();
+        std::strncpy(rec->name, name, sizeof rec->name - 1);
+        rec->ip = ip;
+        rec->index = index;
+        rec->flags = IFF_UP;
+        info_[count_++] = rec;
+    }
+    explicit CapturedTable(std::initializer_list<std::pair<const char*, unsigned int>> recs) {
+        Clear();
+        int index = 1;
+        for (const auto& r : recs) Add(r.first, r.second, index++);
+    }
+};
+
+}  // namespace
+
+TEST(NetworkInterfaceInfo, AliasLookupsOnACapturedList) {
+    CapturedTable t({{"nvc", 0xc0000221u}, {"nvc1", 0xcb007121u}, {"nvc:1", 0xc6336421u}, {"nvd", 0u}});
+    struct {
+        const char* name;
+        std::vector<int> positions;
+        std::vector<unsigned int> ips;
+    } const rows[] = {
+        {"nvc", {0, 2}, {0xc0000221u, 0xc6336421u}},  // itself and its alias, not nvc1
+        {"nvc1", {1}, {0xcb007121u}},
+        {"nvc:1", {2}, {0xc6336421u}},
+        {"nvd", {3}, {}},                           // no address: no ip
+        {"nv", {}, {}},
+    };
+    for (const auto& r : rows) {
+        std::vector<int> positions;
+        t.Lookup(r.name, positions);
+        EXPECT_EQ(positions, r.positions) << r.name;
+        std::vector<unsigned int> ips;
+        t.GetIP(r.name, ips);
+        EXPECT_EQ(ips, r.ips) << r.name;
+    }
+    EXPECT_TRUE(t.IsVirtual(2));
+    EXPECT_FALSE(t.IsVirtual(1));
+    EXPECT_EQ(t.GetIndex("nvc"), 1);
+    EXPECT_EQ(t.GetNum("nvc:1"), 2);
+    EXPECT_EQ(t.check_ifaces("nvc:1"), 0);
+    EXPECT_EQ(t.check_ifaces("nvc:2"), 1);
+    EXPECT_TRUE(t.IsOperational(0));
+    EXPECT_FALSE(t.IsOperational(3));
 }

@@ -131,3 +131,142 @@ TEST(CRouteTable, ReadFiltersByTableProtocolAndInterfaceMap) {
     EXPECT_EQ(t.Read(0, {}), 0);  // every kernel route names an output interface
     EXPECT_TRUE(t.Entries().empty());
 }
+
+namespace {
+
+bool Present(const std::string& dst) {
+    return netns::Output("ip -4 route show table all " + dst).find(dst.substr(0, dst.find('/'))) != std::string::npos;
+}
+
+}  // namespace
+
+TEST(CRoutesDump, RestorePutsBackWhatWasSavedOrSaysWhatItCouldNot) {
+    REQUIRE_NETNS();
+    Veth veth;
+    Sh("ip link add v2 type veth peer name v3 && ip link set v2 up && ip link set v3 up && "
+       "ip addr add 203.0.113.1/24 dev v2");
+    Sh("ip route add 192.0.2.0/28 via 198.51.100.254");
+    Sh("ip route add 192.0.2.16/28 via 203.0.113.254");  // its interface is made again below
+    Sh("ip route add 192.0.2.32/28 via 198.51.100.254 table 100");
+    const bool inet6 = netns::Run("ip route add 192.0.2.48/28 via inet6 fe80::1 dev v0") == 0;
+    const bool nhid = netns::Run("ip nexthop add id 10 via 198.51.100.254 dev v0") == 0 &&
+                      netns::Run("ip route add 192.0.2.64/28 nhid 10") == 0;
+    Sh("ip link set v3 down");  // v2 loses its carrier: its routes are saved link-down
+    Sh("ip route add 192.0.2.80/28 via 203.0.113.254 dev v2");
+    ASSERT_NE(netns::Output("ip -4 route show 192.0.2.80/28").find("linkdown"), std::string::npos);
+    CRoutesDump d;
+    ASSERT_TRUE(d.valid());
+
+    Sh("ip route del 192.0.2.0/28 && ip route del 192.0.2.32/28 table 100");
+    if (inet6) Sh("ip route del 192.0.2.48/28");
+    if (nhid) Sh("ip nexthop del id 10");  // takes its route along
+    Sh("ip link del v2 && ip link add v2 type veth peer name v3 && ip link set v2 up && ip link set v3 up && "
+       "ip addr add 203.0.113.1/24 dev v2");
+    Sh("ip route add 192.0.2.0/28 via 198.51.100.254");  // already present again
+    const int fds = testnet::CountOpenFds();
+    capture::Scope log;
+    d.restore();
+    EXPECT_EQ(testnet::CountOpenFds(), fds);
+
+    struct {
+        const char* dst;
+        bool run, present;
+        const char* logged;  // at level 1
+    } const rows[] = {
+        {"192.0.2.0/28", true, true, nullptr},
+        {"192.0.2.32/28", true, true, nullptr},
+        // Their interface was deleted and made again: the saved index is gone.
+        {"192.0.2.16/28", true, false, "kernel refused route 192.0.2.16/28 table 254 (errno "},
+        {"192.0.2.80/28", true, false, "kernel refused route 192.0.2.80/28 table 254 (errno "},
+        {"203.0.113.0/24", true, true, "kernel refused route 203.0.113.0/24 table 254 (errno 19)"},
+        {"192.0.2.48/28", inet6, false, "route 192.0.2.48/28 table 254 not restored: the snapshot lost its attribute 18"},
+        {"192.0.2.64/28", nhid, false, "route 192.0.2.64/28 table 254 not restored: the snapshot lost its attribute 30"},
+    };
+    int skipped = 0;
+    for (const auto& r : rows) {
+        if (!r.run) {
+            std::printf("[ SKIPPED ] %s: this kernel or ip cannot make the route\n", r.dst);
+            continue;
+        }
+        skipped += r.logged != nullptr && std::string(r.logged).find("not restored") != std::string::npos;
+        EXPECT_EQ(Present(r.dst), r.present) << r.dst;
+        if (r.logged) {
+            EXPECT_TRUE(capture::Contains(r.logged, 1)) << r.logged;
+        }
+    }
+    // Put back: table 100's. Present: 192.0.2.0/28 and v0's connected route.
+    EXPECT_TRUE(capture::Contains("restore: 1 routes put back, 2 already present, " + std::to_string(skipped) +
+                                  " skipped, 3 refused", 1));
+    Sh("ip link del v2");
+}
+
+TEST(CRoutesDump, RouteSavedWhileItsLinkWasDownComesBack) {
+    REQUIRE_NETNS();
+    Veth veth;
+    Sh("ip link set v1 down && ip route add 192.0.2.80/28 via 198.51.100.254");
+    ASSERT_NE(netns::Output("ip -4 route show 192.0.2.80/28").find("linkdown"), std::string::npos);
+    CRoutesDump d;
+    Sh("ip route del 192.0.2.80/28");
+    capture::Scope log;
+    d.restore();
+    EXPECT_TRUE(Present("192.0.2.80/28"));
+    EXPECT_FALSE(capture::Contains("refused", 1));
+}
+
+TEST(CRouteTable, MultipathRouteKeptOnlyThroughAMappedNextHop) {
+    REQUIRE_NETNS();
+    Veth veth;
+    Sh("ip link add v2 type veth peer name v3 && ip link set v2 up && ip link set v3 up && "
+       "ip addr add 203.0.113.1/24 dev v2");
+    Sh("ip route add 192.0.2.32/28 nexthop via 198.51.100.254 dev v0 nexthop via 203.0.113.254 dev v2");
+    const unsigned lo = if_nametoindex("lo"), v2 = if_nametoindex("v2");
+    struct {
+        std::map<unsigned int, unsigned int> ifmap;
+        bool kept;
+        unsigned outif;
+        const char* gw;
+    } const rows[] = {
+        {{{lo, 0}}, false, 0, nullptr},
+        {{{lo, 1}, {v2, 2}}, true, 2, "203.0.113.254"},
+        {{{veth.index, 5}, {v2, 2}}, true, 5, "198.51.100.254"},
+    };
+    for (const auto& r : rows) {
+        CRouteTable t;
+        ASSERT_EQ(t.Read(ROUTE_FILTER_TABLE_MAIN, r.ifmap), 0);
+        const CRouteEntry* found = nullptr;
+        for (const CRouteEntry& e : t.Entries())
+            if (e.dst == inet_addr("192.0.2.32")) found = &e;
+        EXPECT_EQ(found != nullptr, r.kept) << r.outif;
+        if (!found) continue;
+        EXPECT_EQ(found->outif, r.outif);
+        EXPECT_EQ(found->gw, inet_addr(r.gw));
+    }
+    Sh("ip link del v2");
+}
+
+TEST(LinnetRoutes, JsonEqualsIpForEveryRouteType) {
+    REQUIRE_NETNS();
+    char self[4096];
+    const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    ASSERT_GT(n, 0);
+    self[n] = '\0';
+    std::string tool(self);
+    tool = tool.substr(0, tool.rfind('/')) + "/../examples/linnet-routes";
+    if (access(tool.c_str(), X_OK) != 0) GTEST_SKIP() << "linnet-routes not built beside the tests: " << tool;
+    Veth veth;
+    Sh("ip link add v2 type veth peer name v3 && ip link set v2 up && ip link set v3 up && "
+       "ip addr add 203.0.113.1/24 dev v2");
+    Sh("ip route add default via 198.51.100.254 metric 10");
+    Sh("ip route add 192.0.2.32/28 nexthop via 198.51.100.254 dev v0 nexthop via 203.0.113.254 dev v2");
+    Sh("ip route add unreachable 192.0.2.48/28 && ip route add blackhole 192.0.2.64/28");
+    Sh("ip route add prohibit 192.0.2.80/28 metric 5 && ip route add throw 192.0.2.96/28 table 100");
+    Sh("ip route add 192.0.2.112/28 via 198.51.100.254 proto static src 198.51.100.1 table 200");
+    Sh("ip route add 192.0.2.128/32 dev v0 scope link proto dhcp");
+    const std::string ours = netns::Output(tool + " --json");
+    const std::string theirs = netns::Output("ip -4 -j route show table all");
+    EXPECT_EQ(ours, theirs);
+    const std::string text = netns::Output(tool + " --all");
+    EXPECT_NE(text.find("unreachable 192.0.2.48/28 \n"), std::string::npos) << text;  // no dev
+    EXPECT_NE(text.find("throw 192.0.2.96/28 table 100 \n"), std::string::npos) << text;
+    Sh("ip link del v2");
+}

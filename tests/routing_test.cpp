@@ -9,7 +9,12 @@
 #include <string>
 #include <vector>
 
+#include <sys/resource.h>
+#include <sys/socket.h>
+
 #include "capture_host.h"
+#include "net_helpers.h"
+#include "unix/nldump.h"
 #include "unix/nlwalk.h"
 
 namespace {
@@ -237,4 +242,213 @@ TEST(CRouteEntry, DumpWritesOnlySetFieldsAndTableDumpNeedsLevel11) {
     CRouteTable().Dump();
     EXPECT_TRUE(capture::Contains("Route table empty.", 11));
     capture::SetDebugLevel(0);
+}
+
+TEST(CRouteTable, MultipathRouteTakesTheFirstHopOnAMappedInterface) {
+    // Next hops: (flags, ifindex, gateway); a hop's attributes follow its rtnexthop.
+    auto Multipath = [](std::vector<std::pair<int, const char*>> hops) {
+        std::vector<unsigned char> d;
+        for (const auto& h : hops) {
+            rtnexthop n{static_cast<unsigned short>(h.second ? 16 : 8), 0, 0, h.first};
+            d.insert(d.end(), (unsigned char*)&n, (unsigned char*)&n + sizeof n);
+            if (!h.second) continue;
+            rtattr a{8, RTA_GATEWAY};
+            const uint32_t gw = inet_addr(h.second);
+            d.insert(d.end(), (unsigned char*)&a, (unsigned char*)&a + sizeof a);
+            d.insert(d.end(), (unsigned char*)&gw, (unsigned char*)&gw + 4);
+        }
+        return d;
+    };
+    struct {
+        const char* what;
+        std::vector<unsigned char> multipath;
+        std::map<unsigned int, unsigned int> ifmap;
+        bool kept;
+        unsigned outif;
+        const char* gw;
+    } const cases[] = {
+        {"no hop mapped", Multipath({{5, "198.51.100.254"}, {6, "203.0.113.254"}}), {{1, 0}}, false, 0, nullptr},
+        {"second hop mapped", Multipath({{5, "198.51.100.254"}, {6, "203.0.113.254"}}), {{6, 3}}, true, 3, "203.0.113.254"},
+        {"first of two mapped", Multipath({{5, "198.51.100.254"}, {6, "203.0.113.254"}}), {{5, 2}, {6, 3}}, true, 2, "198.51.100.254"},
+        {"mapped hop without gateway", Multipath({{5, nullptr}, {6, "203.0.113.254"}}), {{5, 0}}, true, 0, "0.0.0.0"},
+        {"empty map", Multipath({{5, "198.51.100.254"}}), {}, false, 0, nullptr},
+        {"hop longer than the attribute", {16, 0, 0, 0, 5, 0, 0, 0}, {{5, 2}}, false, 0, nullptr},
+        {"hop header cut short", {8, 0, 0, 0, 5, 0}, {{5, 2}}, false, 0, nullptr},
+    };
+    for (const auto& c : cases) {
+        CRouteTable t;
+        const Msg m = Msg().Rt(254, 24).Ip(RTA_DST, "192.0.2.32").Ip(RTA_GATEWAY, "192.0.2.1").Attr(RTA_MULTIPATH, c.multipath);
+        EXPECT_EQ(t.AddEntry(H(m.Bytes()), 0, c.ifmap), 0) << c.what;
+        ASSERT_EQ(t.Entries().size(), c.kept ? 1u : 0u) << c.what;
+        if (!c.kept) continue;
+        EXPECT_EQ(t.Entries().front().outif, c.outif) << c.what;
+        EXPECT_EQ(t.Entries().front().gw, inet_addr(c.gw)) << c.what;
+    }
+    // RTA_OIF decides where it is present: the hops are not looked at.
+    CRouteTable t;
+    t.AddEntry(H(Msg().Rt(254, 24).U32(RTA_OIF, 2).Attr(RTA_MULTIPATH, Multipath({{3, "198.51.100.254"}})).Bytes()), 0, map);
+    ASSERT_EQ(t.Entries().size(), 1u);
+    EXPECT_EQ(t.Entries().front().outif, 7u);
+    EXPECT_EQ(t.Entries().front().gw, 0u);
+}
+
+TEST(Route, TypesNotKeptAreListedInSlotZeroAndNeverPrintedOrSent) {
+    Route r(H(Msg().Rt(254, 24).Ip(RTA_DST, "192.0.2.0").Attr(18, {10, 0, 254, 128}).U32(RTA_OIF, 2)
+                  .U32(30, 10).Attr(0, {1, 2}).Bytes()));
+    EXPECT_EQ(r.attrs[0].type, 0);
+    std::vector<unsigned short> lost(r.attrs[0].data.size() / 2);
+    std::memcpy(lost.data(), r.attrs[0].data.data(), lost.size() * 2);
+    EXPECT_EQ(lost, (std::vector<unsigned short>{18, 30, 0}));
+    EXPECT_TRUE(Route(H(Msg().Rt(254, 24).Ip(RTA_DST, "192.0.2.0").U32(RTA_OIF, 2).Bytes())).attrs[0].data.empty());
+}
+
+namespace {
+
+namespace nl = linnet::nl;
+
+// A netlink socket of this process: the fake kernel or an intruder.
+struct Peer {
+    Peer() : fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE)) {
+        sockaddr_nl a{};
+        a.nl_family = AF_NETLINK;
+        bind(fd.get(), reinterpret_cast<sockaddr*>(&a), sizeof a);
+        port = Port(fd.get());
+    }
+    static uint32_t Port(int fd) {
+        sockaddr_nl a{};
+        socklen_t n = sizeof a;
+        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n);
+        return a.nl_pid;
+    }
+    // errno of a refused send (EPERM without CAP_NET_ADMIN), else 0.
+    int Send(uint32_t to, const std::shared_ptr<unsigned char>& bytes, long len) {
+        sockaddr_nl a{};
+        a.nl_family = AF_NETLINK;
+        a.nl_pid = to;
+        return sendto(fd.get(), bytes.get(), len, 0, reinterpret_cast<sockaddr*>(&a), sizeof a) == len ? 0 : errno;
+    }
+    int Requests() {  // datagrams received so far
+        int n = 0;
+        char b[256];
+        for (int i = 0; i < 100 && recv(fd.get(), b, sizeof b, 0) >= 0; ++i) ++n;
+        return n;
+    }
+    testnet::Fd fd;
+    uint32_t port;
+};
+
+// Counts what the conversation hands over; ends the dump at NLMSG_DONE.
+struct Recorder : nl::DumpReader {
+    void Restart() override { ++restarts; }
+    void Interrupted() override {}
+    void Foreign(uint32_t pid) override { foreign.push_back(pid); }
+    int Datagram(nlmsghdr* h, long len) override {
+        ++datagrams;
+        for (; nl::nlmsg_ok(h, len); h = nl::nlmsg_next(h, &len))
+            if (h->nlmsg_seq == nl::kSeq && h->nlmsg_type == nl::kDone) return 0;
+        return kMore;
+    }
+    int restarts = 0, datagrams = 0;
+    std::vector<uint32_t> foreign;
+};
+
+Msg Flagged(Msg m, uint16_t flags) {
+    std::memcpy(&m.b[6], &flags, 2);
+    return m;
+}
+
+}  // namespace
+
+TEST(DumpConversation, OnlyTheKernelsWholeUninterruptedAnswerIsHandedOver) {
+    const Msg route = Msg().Rt(254, 24), done = Msg(linnet::nl::kDone).Put("\0\0\0\0", 4);
+    const Msg spoilt = Flagged(route, NLM_F_DUMP_INTR), spoilt_done = Flagged(done, NLM_F_DUMP_INTR);
+    const Msg big = Msg().Rt(254, 24).Attr(RTA_DST, std::vector<unsigned char>(200, 1));
+    enum From { kKernel, kIntruder };
+    struct Datagram_ {
+        From from;
+        std::vector<Msg> msgs;
+    };
+    struct {
+        const char* what;
+        std::vector<Datagram_> queued;
+        nl::Failure failure;
+        int restarts, handed, requests, foreign;
+    } const cases[] = {
+        {"clean answer", {{kKernel, {route, done}}}, nl::Failure::kNone, 0, 1, 1, 0},
+        {"intruder's datagram dropped", {{kIntruder, {done}}, {kKernel, {route, done}}}, nl::Failure::kNone, 0, 1, 1, 1},
+        {"nothing queued", {}, nl::Failure::kNoData, 0, 0, 1, 0},
+        {"truncated datagram", {{kKernel, {big, done}}}, nl::Failure::kTruncated, 0, 0, 1, 0},
+        {"interrupted once", {{kKernel, {spoilt, done}}, {kKernel, {route, done}}}, nl::Failure::kNone, 1, 1, 2, 0},
+        {"interrupted on its last message", {{kKernel, {route, spoilt_done}}, {kKernel, {route, done}}}, nl::Failure::kNone, 1, 1, 2, 0},
+        {"interrupted dump read to its end", {{kKernel, {spoilt}}, {kKernel, {route}}, {kKernel, {done}}, {kKernel, {done}}},
+         nl::Failure::kNone, 1, 1, 2, 0},
+        {"mark on another sequence ignored", {{kKernel, {Flagged(Msg(RTM_NEWROUTE, 9).Rt(254, 24), NLM_F_DUMP_INTR), done}}},
+         nl::Failure::kNone, 0, 1, 1, 0},
+        {"interrupted every time", std::vector<Datagram_>(nl::kDumpAttempts, Datagram_{kKernel, {spoilt, done}}),
+         nl::Failure::kChanging, nl::kDumpAttempts - 1, 0, nl::kDumpAttempts, 0},
+    };
+    for (const auto& c : cases) {
+        Peer kernel, intruder;
+        nl::DumpConversation talk(128, kernel.port);
+        ASSERT_EQ(talk.Open().failure, nl::Failure::kNone);
+        const uint32_t me = Peer::Port(talk.fd());
+        for (const Datagram_& d : c.queued) {
+            long len;
+            auto bytes = Datagram(d.msgs, &len);
+            const int err = (d.from == kKernel ? kernel : intruder).Send(me, bytes, len);
+            if (err == EPERM) GTEST_SKIP() << "netlink unicast between sockets needs CAP_NET_ADMIN";
+            ASSERT_EQ(err, 0) << c.what;
+        }
+        Recorder r;
+        long len;
+        auto request = Datagram({Msg(RTM_GETROUTE).Rt(0, 0)}, &len);
+        const nl::Outcome o = talk.Run(request.get(), len, r);
+        EXPECT_EQ(static_cast<int>(o.failure), static_cast<int>(c.failure)) << c.what;
+        EXPECT_EQ(r.restarts, c.restarts) << c.what;
+        EXPECT_EQ(r.datagrams, c.handed) << c.what;
+        EXPECT_EQ(kernel.Requests(), c.requests) << c.what;
+        EXPECT_EQ(r.foreign.size(), static_cast<size_t>(c.foreign)) << c.what;
+        if (c.foreign) {
+            EXPECT_EQ(r.foreign[0], intruder.port) << c.what;
+        }
+    }
+}
+
+TEST(RoutingDescriptors, AFullDescriptorTableFailsEveryReaderAndLeaksNothing) {
+    capture::Scope log;
+    CRoutesDump snapshot;  // made while descriptors are free
+    const int before = testnet::CountOpenFds();
+    rlimit old;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+    rlimit low = old;
+    low.rlim_cur = static_cast<rlim_t>(before + 8);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::vector<testnet::Fd> filler;
+    for (int i = 0; i < 4096; ++i) {
+        const int fd = dup(2);
+        if (fd < 0) break;
+        filler.emplace_back(fd);
+    }
+    std::vector<Route> routes;
+    const int read = CRouteTable().Read(0, map);
+    const int listed = ReadRoutes(routes);
+    bool dump_threw = false, restore_threw = false;
+    try {
+        CRoutesDump again;
+    } catch (const netlinkX&) {
+        dump_threw = true;
+    }
+    try {
+        snapshot.restore();
+    } catch (const netlinkX&) {
+        restore_threw = true;
+    }
+    filler.clear();
+    setrlimit(RLIMIT_NOFILE, &old);
+    EXPECT_EQ(read, -EMFILE);
+    EXPECT_EQ(listed, -EMFILE);
+    EXPECT_TRUE(dump_threw);
+    EXPECT_TRUE(restore_threw);
+    EXPECT_TRUE(capture::Contains("Cannot open netlink socket (errno 24)", 1));
+    EXPECT_EQ(testnet::CountOpenFds(), before);
 }

@@ -9,8 +9,17 @@
 // needed: nothing re-reads it, and only its own setters keep it in step.
 //
 // Bounds: the table holds at most 128 interfaces. Interfaces beyond that are
-// left out (one level-1 line says how many) and never written past the
-// array. Names are copied with their bounds: at most 15 characters and the
+// left out and never written past the array; one level-1 line,
+// "interface table full (128 entries): N interfaces left out", gives the
+// true count: every address record and every name-only interface that found
+// no room (stricter: addresses beyond the kernel's first 128 used to go
+// uncounted).
+//
+// Broadcast: each address record carries its own address's broadcast, also
+// for a secondary address that shares its interface's label (stricter: it
+// used to get the primary's, because the request carried the netmask just
+// read instead of the record's address). A refused request still stores the
+// previous answer, as for the other fields. Names are copied with their bounds: at most 15 characters and the
 // terminating zero, as the kernel allows (IFNAMSIZ).
 #ifndef LINNET_NETIF_H
 #define LINNET_NETIF_H

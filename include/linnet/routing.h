@@ -12,6 +12,20 @@
 // never makes the library read outside the message. A message handed in by
 // pointer (Route, handle_message, AddEntry) must have at least its 16-byte
 // header and its nlmsg_len bytes readable; nothing past nlmsg_len is read.
+//
+// Every dump (the snapshot, CRouteTable::Read, ReadRoutes) is one
+// conversation with the kernel over a socket that it closes on every exit:
+// datagrams from any sender but the kernel (netlink port 0) are dropped, and
+// only messages carrying the request's sequence number are used. Where linnet
+// is stricter than the routing readers used to be:
+// - a truncated answer datagram (MSG_TRUNC) fails the dump; it is never read
+//   as a shorter answer;
+// - a dump that the kernel marks interrupted (NLM_F_DUMP_INTR: the table
+//   changed meanwhile) is read to its end, dropped, and asked for again, at
+//   most 4 times in all, then the dump fails;
+// - restore() skips a route whose snapshot lost an attribute, clears the
+//   state flags the kernel refuses, and logs every route it could not put
+//   back (see CRoutesDump::restore).
 #ifndef LINNET_ROUTING_H
 #define LINNET_ROUTING_H
 
@@ -36,8 +50,8 @@ class LINNET_API netlinkX {};
 class LINNET_API RtnetlinkSocket {
 public:
     // Opens, sets O_NONBLOCK (the flags are replaced, not added) and binds.
-    // Throws netlinkX on any failure; after a failed fcntl or bind the
-    // descriptor stays open (known leak, kept: the object is not usable).
+    // Throws netlinkX on any failure. Stricter: after a failed fcntl or bind
+    // the descriptor is closed before the throw (it used to stay open).
     RtnetlinkSocket();
 
     RtnetlinkSocket(const RtnetlinkSocket&) = delete;
@@ -70,6 +84,9 @@ struct LINNET_API Attr {
 
 // One saved route: its rtmsg and exactly 16 attribute slots indexed by type
 // (types 16 and above are not kept; of two of one type the later wins).
+// Slot 0 (RTA_UNSPEC, never sent, never printed) keeps type 0 and lists in
+// its data the types that were not kept, as unsigned shorts in message
+// order: empty when the route was saved whole.
 struct LINNET_API Route {
     // Builds from one RTM_NEWROUTE message. A message shorter than header
     // plus rtmsg gives a zeroed rtm and no attribute. A walk that stops with
@@ -94,8 +111,10 @@ public:
     // the local table (255). false when the message is not an RTM_NEWROUTE
     // ("Not a route", 11) or is shorter than header plus rtmsg (1).
     bool handle_message(nlmsghdr* msg);
-    // Loads every route in stored order over a fresh socket, closed
-    // afterwards. Throws netlinkX when the socket cannot be opened.
+    // Loads every route in stored order over a fresh socket, closed on
+    // every exit, reading the kernel's answer to each (see
+    // CRoutesDump::restore). Throws netlinkX when the socket cannot be
+    // opened.
     void restore() const;
 
     const std::vector<Route>& routes() const { return routes_; }
@@ -111,7 +130,11 @@ public:
     // Dumps the table. netlinkX from the socket passes out (nothing is
     // leaked); a failed conversation is logged and leaves valid() false with
     // the routes gathered so far. A message that is not a route ends the
-    // dump early and still counts as valid.
+    // dump early and still counts as valid. Besides the failures of the
+    // calls, at level 1 through fail(): "message truncated" (a datagram
+    // did not fit 8192 bytes) and "routing table kept changing during the
+    // dump" (4 interrupted dumps); an interrupted dump logs "routing table
+    // changed during the dump, dumping again" (4) and starts afresh.
     CRoutesDump();
     ~CRoutesDump();
 
@@ -127,7 +150,19 @@ public:
     void print(std::ostream& os);
     // Loads the snapshot back when valid(); otherwise does nothing. Routes
     // that still exist are refused by the kernel, silently. May throw
-    // netlinkX.
+    // netlinkX. The descriptor count is the same after it as before.
+    // Stricter than it used to be (it sent every route and read no answer):
+    // - a route whose snapshot lost an attribute (slot 0 not empty, e.g. a
+    //   gateway "via inet6" or a nexthop object "nhid") is not sent, since
+    //   it would come back as a different route; level 1:
+    //   "route 203.0.113.0/24 table 254 not restored: the snapshot lost its attribute 18"
+    // - the link-down and dead flags (RTNH_F_LINKDOWN, RTNH_F_DEAD) of the
+    //   route and of its next hops are cleared before it is sent;
+    // - every other refusal is logged at level 1 with the kernel's error:
+    //   "kernel refused route 203.0.113.0/24 table 254 (errno 19)"
+    //   (19: its interface is gone, e.g. deleted and made again);
+    // - after a restore that skipped or refused any route, one level-1 line:
+    //   "restore: 3 routes put back, 5 already present, 1 skipped, 1 refused".
     void restore() const;
     // Logs `what` at level 1 under `where` (formatted style) and marks the
     // snapshot invalid. Never throws.
@@ -144,6 +179,16 @@ protected:
     bool ok_;
     CRoutesDumpImp* imp_;  // owned
 };
+
+// Every IPv4 route of every table, the local table included, in the order
+// the kernel dumps them, as Route records (so types 16 and above are only
+// listed in slot 0). Empties `out` first. 0 on success; -errno of a failing
+// socket, bind, send or receive; the kernel's error answer as it sent it;
+// -90 (-EMSGSIZE) for a truncated datagram; -16 (-EBUSY) after 4
+// interrupted dumps; -5 (-EIO) for a short send, end of file or a sender
+// without a netlink address. Failures are logged at level 1. After one,
+// `out` holds what was read before it.
+LINNET_API int ReadRoutes(std::vector<Route>& out);
 
 // Filter bits of CRouteTable::Read. A group with no bit set does not filter.
 const int ROUTE_FILTER_TABLE_MAIN = 0x001;     // keep table 254
@@ -166,7 +211,9 @@ const int ROUTE_FILTER_PROTOCOLS = 0xf00;
 const unsigned int ROUTE_ENTRY_DEFAULT = 0x1;
 
 // One accepted route. Addresses in network byte order, masks in host order,
-// interfaces in the caller's numbering; 0 where absent.
+// interfaces in the caller's numbering; 0 where absent. A route without an
+// interface (blackhole, unreachable, prohibit, throw) has outif 0 as well:
+// number your interfaces from 1 to tell the two apart.
 struct LINNET_API CRouteEntry {
     unsigned int src;
     unsigned int srcmask;  // 0 for a /32 source carried in RTA_SRC
@@ -192,9 +239,20 @@ public:
     // -errno when socket, fcntl, bind, sendto or recvmsg fails (-errno, even
     // 0, after a short send; EAGAIN when the kernel had nothing queued);
     // -1 end of file; -2 wrong sender address length; -4 bytes left over in
-    // an answer, which a kernel error answer always has (-3 only when that
-    // datagram was also truncated). After a failure the list holds what
-    // was accepted before it.
+    // an answer, which a kernel error answer always has. After a failure
+    // the list holds what was accepted before it.
+    // Stricter than it used to be:
+    // - a truncated datagram logs "Message truncated" (1) and fails with
+    //   -90 (-EMSGSIZE); it used to be walked as a shorter answer;
+    // - an interrupted dump logs "Route table changed during the dump on
+    //   netlink fd N. Dump again" (4), empties the list and dumps again; after
+    //   4 such dumps "Route table changed during 4 dumps on netlink fd N" (1)
+    //   and -16 (-EBUSY);
+    // - a datagram from any sender but the kernel is dropped: "Datagram from
+    //   netlink pid N isn't from the kernel. Skip it!" (1).
+    // A multipath route (next hops in RTA_MULTIPATH, no RTA_OIF) is kept
+    // only when one of its next hops is on an interface in the map; outif
+    // and gw are then the first such hop's.
     int Read(int filter, const std::map<unsigned int, unsigned int>& ifmap);
     // Converts one answer message and appends it if accepted. 0 whether or
     // not it was kept (not a route, rejected, unknown interface); -1 when
@@ -209,8 +267,9 @@ public:
     const std::list<CRouteEntry>& Entries() const { return entries_; }
 
 protected:
-    // Walks one answer datagram of Read: 1 to receive again, else Read's
-    // result. `truncated` is MSG_TRUNC of that datagram.
+    // Walks one answer datagram: 1 to receive again, else a result. With
+    // `truncated` set (Read never sets it now) it logs "Message truncated",
+    // gives no -4 and ends with -3 on an error answer.
     int HandleAnswer(nlmsghdr* first, long len, bool truncated, int filter,
                      const std::map<unsigned int, unsigned int>& ifmap);
 

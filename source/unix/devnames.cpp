@@ -1,6 +1,10 @@
 #include "unix/devnames.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 
 namespace linnet {
@@ -40,23 +44,29 @@ char* parse_name(char* out, std::size_t size, char* line) {
     return p;
 }
 
-LineReader::LineReader(const char* path) : file_(std::fopen(path, "re")) {}
+LineReader::LineReader(const char* path) : fd_(::open(path, O_RDONLY | O_CLOEXEC)) {}
 
-LineReader::~LineReader() {
-    if (file_ != nullptr) std::fclose(file_);
+int LineReader::get() {
+    if (pos_ == len_) {
+        ssize_t n;
+        do {
+            n = ::read(fd_.get(), chunk_, sizeof chunk_);
+        } while (n < 0 && errno == EINTR);
+        if (n <= 0) return -1;
+        pos_ = 0;
+        len_ = static_cast<std::size_t>(n);
+    }
+    return static_cast<unsigned char>(chunk_[pos_++]);
 }
 
 bool LineReader::next(char* buf, std::size_t size) {
-    if (file_ == nullptr || std::fgets(buf, static_cast<int>(size), file_) == nullptr) return false;
-    const std::size_t len = std::strlen(buf);
-    if (len > 0 && buf[len - 1] == '\n') {
-        buf[len - 1] = '\0';
-        return true;
-    }
-    // Cut: drop the rest of this line.
-    int c;
-    while ((c = std::fgetc(file_)) != EOF && c != '\n') {
-    }
+    if (!ok()) return false;
+    std::size_t n = 0;
+    int c = get();
+    if (c < 0) return false;
+    for (; c >= 0 && c != '\n'; c = get())
+        if (n + 1 < size) buf[n++] = static_cast<char>(c);  // the rest of a long line is dropped
+    buf[n] = '\0';
     return true;
 }
 

@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdio>
 
+#include "sockops.h"
+
 namespace linnet {
 namespace netif {
 
@@ -23,23 +25,30 @@ constexpr std::size_t kNameSize = 16;
 // terminating zero. Returns the position after the name (after its ':').
 char* parse_name(char* out, std::size_t size, char* line);
 
-// A text file read line by line; closes itself.
+// A text file read line by line. Its descriptor lives in a ScopedFd from
+// open to close; no stdio stream is involved.
 class LineReader {
 public:
-    // Opens `path` for reading; check ok().
+    // Opens `path` for reading (close-on-exec); check ok().
     explicit LineReader(const char* path);
-    ~LineReader();
     LineReader(const LineReader&) = delete;
     LineReader& operator=(const LineReader&) = delete;
 
-    bool ok() const { return file_ != nullptr; }
+    bool ok() const { return fd_.get() >= 0; }
     // Reads the next line into buf (size >= 2) without its newline. A line
     // longer than the buffer is cut and the rest of it discarded, so it never
-    // comes back as a line of its own. False at the end of the file.
+    // comes back as a line of its own. False at the end of the file or on a
+    // read error.
     bool next(char* buf, std::size_t size);
 
 private:
-    std::FILE* file_;
+    // The next byte of the file, or -1 at its end (or on an error).
+    int get();
+
+    sys::ScopedFd fd_;
+    char chunk_[4096];
+    std::size_t pos_ = 0;
+    std::size_t len_ = 0;
 };
 
 }  // namespace netif

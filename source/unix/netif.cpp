@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <set>
+#include <string>
 
 #include "logger/log.h"
 #include "sockops.h"
@@ -70,16 +72,22 @@ bool is_name_or_alias(const char* full, const char* name) {
     return std::strncmp(full, name, n) == 0 && (full[n] == '\0' || full[n] == ':');
 }
 
+// The one level-1 line of a table that could not hold every interface.
+void ReportLeftOut(int left_out) {
+    if (left_out > 0)
+        LOG_STREAM_AS("Read", 1) << "interface table full (" << kMaxIfaces << " entries): "
+                                 << left_out << " interfaces left out";
+}
+
 }  // namespace
 
 CNetworkInterfaceInfo::CNetworkInterfaceInfo() : count_(0), fd_(-1) {
-    fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd_ < 0) {
-        const int err = errno;
-        fd_ = -1;
-        LOG_STREAM(1) << "can't create the interface control socket (errno " << err << ")";
-    }
     for (int i = 0; i < kMaxIfaces; ++i) info_[i] = nullptr;
+    linnet::sys::ScopedFd control(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (control.get() < 0)
+        LOG_STREAM(1) << "can't create the interface control socket (errno " << errno << ")";
+    fd_ = control.release();  // -1 when it failed; the destructor closes it
+    if (fd_ < 0) fd_ = -1;
     Read();
 }
 
@@ -102,14 +110,20 @@ void CNetworkInterfaceInfo::Read() {
 
     // Pass 1: every configured IPv4 address, with what the kernel says about
     // its interface. A refused request leaves the previous answer in `req`,
-    // and that is what gets stored.
-    std::unique_ptr<char[]> conf(new char[kConfBytes]());
+    // and that is what gets stored. The list is asked for whole (its size
+    // first), so that entries beyond the table are counted, not lost unseen.
     ifconf ic;
-    ic.ifc_len = kConfBytes;
+    std::memset(&ic, 0, sizeof ic);
+    ic.ifc_buf = nullptr;
+    int want = ::ioctl(fd_, SIOCGIFCONF, &ic) < 0 ? kConfBytes : ic.ifc_len;
+    if (want < kConfBytes) want = kConfBytes;
+    want += 8 * static_cast<int>(sizeof(ifreq));  // addresses added meanwhile
+    std::unique_ptr<char[]> conf(new char[want]());
+    ic.ifc_len = want;
     ic.ifc_buf = conf.get();
     if (::ioctl(fd_, SIOCGIFCONF, &ic) < 0) return;
-    int entries = ic.ifc_len / static_cast<int>(sizeof(ifreq));
-    if (entries > kMaxIfaces) entries = kMaxIfaces;  // the kernel stays within ifc_len
+    const int listed = ic.ifc_len / static_cast<int>(sizeof(ifreq));  // within ifc_len
+    const int entries = listed > kMaxIfaces ? kMaxIfaces : listed;
     for (int i = 0; i < entries; ++i) {
         ifreq req;
         std::memcpy(&req, conf.get() + i * sizeof(ifreq), sizeof req);
@@ -120,7 +134,11 @@ void CNetworkInterfaceInfo::Read() {
         rec->ip = request_address(req);
         ::ioctl(fd_, SIOCGIFNETMASK, &req);
         rec->netmask = request_address(req);
-        ::ioctl(fd_, SIOCGIFBRDADDR, &req);
+        // The kernel picks the address of a label by the one in the request:
+        // ask with the record's own, or a secondary address gets the
+        // primary's broadcast. A refusal still stores the previous answer.
+        ifreq bcast = address_request(rec->name, htonl(rec->ip));
+        if (::ioctl(fd_, SIOCGIFBRDADDR, &bcast) == 0) req = bcast;
         rec->broadcast = request_address(req);
         ::ioctl(fd_, SIOCGIFHWADDR, &req);
         std::memcpy(rec->ether, req.ifr_hwaddr.sa_data, sizeof rec->ether);
@@ -129,21 +147,33 @@ void CNetworkInterfaceInfo::Read() {
         ::ioctl(fd_, SIOCGIFINDEX, &req);
         rec->index = req.ifr_ifindex;
     }
+    // Addresses beyond the table: counted once each, and their interfaces
+    // not counted again by the name pass.
+    int left_out = listed - entries;
+    std::set<std::string> unlisted;
+    for (int i = entries; i < listed; ++i) {
+        char name[linnet::netif::kNameSize];
+        copy_name(name, conf.get() + i * sizeof(ifreq));
+        unlisted.insert(name);
+    }
     conf.reset();
 
     // Pass 2: the interfaces the kernel names without an IPv4 address.
     linnet::netif::LineReader dev(kProcNetDev);
     if (!dev.ok()) {
         LOG_FORMAT("CNetworkInterfaceInfo::Read", 1, "Can't open %s for read ", kProcNetDev);
+        ReportLeftOut(left_out);
         return;
     }
     char line[kLineBytes];
-    if (!dev.next(line, sizeof line) || !dev.next(line, sizeof line)) return;
-    int left_out = 0;
+    if (!dev.next(line, sizeof line) || !dev.next(line, sizeof line)) {
+        ReportLeftOut(left_out);
+        return;
+    }
     while (dev.next(line, sizeof line)) {
         char name[linnet::netif::kNameSize];
         get_name(name, line);
-        if (name[0] == '\0' || !check_ifaces(name)) continue;
+        if (name[0] == '\0' || !check_ifaces(name) || unlisted.count(name) != 0) continue;
         if (count_ == kMaxIfaces) {
             ++left_out;
             continue;
@@ -152,9 +182,7 @@ void CNetworkInterfaceInfo::Read() {
         copy_name(rec->name, name);
         info_[count_++] = rec;
     }
-    if (left_out > 0)
-        LOG_STREAM(1) << "interface table full (" << kMaxIfaces << " entries): " << left_out
-                      << " interfaces left out";
+    ReportLeftOut(left_out);
 }
 
 int CNetworkInterfaceInfo::GetCount() const { return count_; }

@@ -98,6 +98,28 @@ inline uint32_t attr_u32(const rtattr* a) {
     return v;
 }
 
+// The next hops of an RTA_MULTIPATH payload: each an rtnexthop (length,
+// flags, hops, interface index) followed by its own attributes.
+const long kNexthopLen = RTNH_LENGTH(0);  // 8
+
+inline bool nexthop_ok(const rtnexthop* n, long len) {
+    return len >= kNexthopLen && n->rtnh_len >= kNexthopLen && static_cast<long>(n->rtnh_len) <= len;
+}
+
+inline rtnexthop* nexthop_next(rtnexthop* n, long* len) {
+    long step = RTNH_ALIGN(n->rtnh_len);
+    if (step > *len) step = *len;
+    *len -= step;
+    return reinterpret_cast<rtnexthop*>(reinterpret_cast<char*>(n) + step);
+}
+
+inline rtnexthop* first_nexthop(const rtattr* multipath) {
+    return reinterpret_cast<rtnexthop*>(const_cast<unsigned char*>(attr_data(multipath)));
+}
+// The attributes of one next hop, and how many bytes they take.
+inline rtattr* nexthop_attrs(rtnexthop* n) { return RTNH_DATA(n); }
+inline long nexthop_attrs_len(const rtnexthop* n) { return static_cast<long>(n->rtnh_len) - kNexthopLen; }
+
 }  // namespace nl
 }  // namespace linnet
 

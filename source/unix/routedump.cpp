@@ -9,7 +9,10 @@
 #include <cstring>
 
 #include "logger/log.h"
+#include "sockops.h"
+#include "unix/nldump.h"
 #include "unix/nlwalk.h"
+#include "unix/routeload.h"
 
 static const char kLogFile[] = "source/unix/routedump";
 
@@ -18,25 +21,12 @@ namespace nl = linnet::nl;
 namespace {
 
 const unsigned int kSlots = 16;      // attribute types kept: 0 to 15
-const size_t kReceiveBuffer = 8192;  // one answer datagram
 const size_t kMaxPayload = 0xffff - 4;  // what a 16-bit rta_len can carry
 
 // The snapshot's requests: header and rtmsg, 28 bytes before attributes.
 struct RouteRequest {
     nlmsghdr hdr;
     rtmsg rtm;
-};
-
-// RtnetlinkSocket has no closing destructor; this closes it on every exit.
-class CloseOnExit {
-public:
-    explicit CloseOnExit(RtnetlinkSocket& sock) : sock_(sock) {}
-    ~CloseOnExit() { sock_.close(); }
-    CloseOnExit(const CloseOnExit&) = delete;
-    CloseOnExit& operator=(const CloseOnExit&) = delete;
-
-protected:
-    RtnetlinkSocket& sock_;
 };
 
 nlmsghdr RequestHeader(unsigned short type, unsigned short flags) {
@@ -91,19 +81,21 @@ void PrintAttr(std::ostream& os, const Attr& a) {
 
 RtnetlinkSocket::RtnetlinkSocket() : fd_(-1) {
     std::memset(&nladdr_, 0, sizeof nladdr_);
-    fd_ = ::socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
-    if (fd_ < 0) throw netlinkX();
-    LOG_STREAM(11) << "got netlink socket (fd == " << fd_ << ")";
-    if (::fcntl(fd_, F_SETFL, O_NONBLOCK) < 0) {
+    // Owned here until every step has succeeded: a throw closes it.
+    linnet::sys::ScopedFd owned(::socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE));
+    if (owned.get() < 0) throw netlinkX();
+    LOG_STREAM(11) << "got netlink socket (fd == " << owned.get() << ")";
+    if (::fcntl(owned.get(), F_SETFL, O_NONBLOCK) < 0) {
         LOG_STREAM(1) << "netlink socket can't be set non-blocking";
         throw netlinkX();
     }
     std::memset(&nladdr_, 0, sizeof nladdr_);
     nladdr_.nl_family = AF_NETLINK;
-    if (::bind(fd_, reinterpret_cast<sockaddr*>(&nladdr_), sizeof nladdr_) < 0) {
+    if (::bind(owned.get(), reinterpret_cast<sockaddr*>(&nladdr_), sizeof nladdr_) < 0) {
         LOG_STREAM(1) << "failed to bind netlink socket";
         throw netlinkX();
     }
+    fd_ = owned.release();
 }
 
 ssize_t RtnetlinkSocket::send(const void* buf, unsigned long len) {
@@ -132,7 +124,14 @@ Route::Route(nlmsghdr* msg) : attrs(kSlots) {
     rtm = *nl::route_of(msg);
     rtattr* a = nl::first_attr(msg);
     for (; nl::attr_ok(a, len); a = nl::attr_next(a, &len)) {
-        if (a->rta_type >= kSlots) continue;
+        if (a->rta_type >= kSlots || a->rta_type == 0) {
+            // Slot 0 (never sent) lists the types that could not be kept.
+            std::vector<unsigned char>& lost = attrs[0].data;
+            const unsigned short t = a->rta_type;
+            lost.insert(lost.end(), reinterpret_cast<const unsigned char*>(&t),
+                        reinterpret_cast<const unsigned char*>(&t) + sizeof t);
+            continue;
+        }
         Attr& slot = attrs[a->rta_type];
         slot.type = a->rta_type;
         slot.data.assign(nl::attr_data(a), nl::attr_data(a) + nl::attr_data_len(a));
@@ -142,18 +141,27 @@ Route::Route(nlmsghdr* msg) : attrs(kSlots) {
 
 void Route::load_into_kernel(RtnetlinkSocket& sock) const {
     LOG_STREAM(11) << "loading routing table back into the kernel";
+    const std::vector<unsigned char> req = linnet::route::LoadRequest(*this);
+    sock.send(req.data(), static_cast<unsigned long>(req.size()));
+    LOG_STREAM(4) << "another route dumped into the kernel";
+}
+
+namespace linnet {
+namespace route {
+
+std::vector<unsigned char> LoadRequest(const Route& r) {
     // Size the request first, with the same padding rule as the writes below.
     long total = sizeof(RouteRequest);
-    for (const Attr& a : attrs)
+    for (const Attr& a : r.attrs)
         if (a.type != 0 && a.data.size() <= kMaxPayload)
             total = nl::align(total) + nl::kAttrHeaderLen + static_cast<long>(a.data.size());
     std::vector<unsigned char> buf(static_cast<size_t>(nl::align(total)), 0);
 
     RouteRequest req;
     req.hdr = RequestHeader(RTM_NEWROUTE, NLM_F_REQUEST | NLM_F_CREATE | NLM_F_EXCL);
-    req.rtm = rtm;
+    req.rtm = r.rtm;
     long len = sizeof req;
-    for (const Attr& a : attrs) {
+    for (const Attr& a : r.attrs) {
         if (a.type == 0 || a.data.size() > kMaxPayload) continue;
         len = nl::align(len);
         rtattr head;
@@ -166,9 +174,24 @@ void Route::load_into_kernel(RtnetlinkSocket& sock) const {
     }
     req.hdr.nlmsg_len = static_cast<uint32_t>(len);
     std::memcpy(buf.data(), &req, sizeof req);
-    sock.send(buf.data(), static_cast<unsigned long>(len));
-    LOG_STREAM(4) << "another route dumped into the kernel";
+    buf.resize(static_cast<size_t>(len));
+    return buf;
 }
+
+std::vector<unsigned short> LostTypes(const Route& r) {
+    std::vector<unsigned short> out;
+    if (r.attrs.empty()) return out;
+    const std::vector<unsigned char>& d = r.attrs[0].data;
+    for (size_t i = 0; i + sizeof(unsigned short) <= d.size(); i += sizeof(unsigned short)) {
+        unsigned short t;
+        std::memcpy(&t, &d[i], sizeof t);
+        out.push_back(t);
+    }
+    return out;
+}
+
+}  // namespace route
+}  // namespace linnet
 
 // ---- CRoutesDumpImp ----
 
@@ -188,61 +211,85 @@ bool CRoutesDumpImp::handle_message(nlmsghdr* msg) {
     return true;
 }
 
-void CRoutesDumpImp::restore() const {
-    RtnetlinkSocket sock;
-    CloseOnExit closer(sock);
-    for (const Route& r : routes_) r.load_into_kernel(sock);
-}
-
 // ---- CRoutesDump ----
+
+namespace {
+
+// Reaches the protected parts the dump needs, through member pointers.
+struct DumpAccess : CRoutesDump {
+    static int Walk(CRoutesDump* d, nlmsghdr* h, long len) {
+        return (d->*(&DumpAccess::handle_answer))(h, len);
+    }
+};
+struct ImpAccess : CRoutesDumpImp {
+    static void Clear(CRoutesDumpImp* i) { (i->*(&ImpAccess::routes_)).clear(); }
+};
+
+// The constructor's side of the dump conversation, in its own words.
+class SnapshotReader : public nl::DumpReader {
+public:
+    SnapshotReader(CRoutesDump* dump, CRoutesDumpImp* imp) : dump_(dump), imp_(imp) {}
+    void Sent() override {
+        LOG_STREAM_AS("CRoutesDump", 4) << "sent request to the kernel to get the RT";
+    }
+    void Restart() override {
+        LOG_STREAM_AS("CRoutesDump", 4) << "routing table changed during the dump, dumping again";
+        ImpAccess::Clear(imp_);
+    }
+    void Interrupted() override { LOG_STREAM_AS("CRoutesDump", 11) << "interrupted syscall"; }
+    void Foreign(uint32_t pid) override {
+        LOG_STREAM_AS("CRoutesDump", 11) << "message from netlink pid " << pid
+                                         << ", not the kernel: ignored";
+    }
+    int Datagram(nlmsghdr* first, long len) override {
+        if (!nl::nlmsg_ok(first, len)) return kMore;  // unusable datagram: skipped silently
+        return DumpAccess::Walk(dump_, first, len) == 0 ? 0 : kMore;
+    }
+
+private:
+    CRoutesDump* dump_;
+    CRoutesDumpImp* imp_;
+};
+
+}  // namespace
 
 CRoutesDump::CRoutesDump() : ok_(true), imp_(new CRoutesDumpImp) {
     try {
-        RtnetlinkSocket sock;
-        CloseOnExit closer(sock);
-
+        nl::DumpConversation talk;
+        {
+            linnet::route::HandOver sock;  // may throw netlinkX
+            talk.Adopt(sock.release());
+        }
         RouteRequest req;
         std::memset(&req, 0, sizeof req);
         req.hdr = RequestHeader(RTM_GETROUTE, NLM_F_REQUEST | NLM_F_DUMP);
         req.rtm.rtm_family = AF_INET;
-        const ssize_t sent = sock.send(&req, sizeof req);
-        if (sent < 0) {
-            fail("CRoutesDump()", "failed to send request");
-            return;
-        }
-        if (sent != static_cast<ssize_t>(sizeof req)) {
-            LOG_STREAM(1) << "couldn't complete request";
-            ok_ = false;
-            return;
-        }
-        LOG_STREAM(4) << "sent request to the kernel to get the RT";
-
-        std::vector<unsigned char> buf(kReceiveBuffer, 0);
-        for (;;) {
-            iovec iov = {buf.data(), buf.size()};
-            msghdr msg = nl::one_buffer_msg(sock.address(), &iov);
-            const ssize_t got = sock.recvmsg(&msg);
-            if (got < 0) {
-                const int err = errno;
-                if (err == EINTR) {
-                    LOG_STREAM(11) << "interrupted syscall";
-                    continue;
-                }
-                if (err == EAGAIN)
+        SnapshotReader reader(this, imp_);
+        const nl::Outcome o = talk.Run(&req, sizeof req, reader);
+        switch (o.failure) {
+            case nl::Failure::kNone: return;
+            case nl::Failure::kSend: fail("CRoutesDump()", "failed to send request"); return;
+            case nl::Failure::kShortSend:
+                LOG_STREAM(1) << "couldn't complete request";
+                ok_ = false;
+                return;
+            case nl::Failure::kNoData:
+            case nl::Failure::kReceive:
+                if (o.failure == nl::Failure::kNoData)
                     LOG_STREAM(11) << "no data available";
                 else
                     LOG_STREAM(1) << "failed to receive message";
                 ok_ = false;
                 LOG_STREAM(1) << "recvlen < 0";
                 return;
-            }
-            if (got == 0) {
-                fail("CRoutesDump()", "EOF on netlink fd");
+            case nl::Failure::kEndOfFile: fail("CRoutesDump()", "EOF on netlink fd"); return;
+            case nl::Failure::kTruncated: fail("CRoutesDump()", "message truncated"); return;
+            case nl::Failure::kChanging:
+                fail("CRoutesDump()", "routing table kept changing during the dump");
                 return;
-            }
-            nlmsghdr* first = reinterpret_cast<nlmsghdr*>(buf.data());
-            if (!nl::nlmsg_ok(first, got)) continue;  // unusable datagram: skipped silently
-            if (handle_answer(first, got) == 0) return;
+            default:
+                fail("CRoutesDump()", "sender address is not a netlink address");
+                return;
         }
     } catch (...) {
         delete imp_;  // the destructor will not run

@@ -12,6 +12,7 @@
 
 #include "logger/log.h"
 #include "sockops.h"
+#include "unix/nldump.h"
 #include "unix/nlwalk.h"
 
 static const char kLogFile[] = "source/unix/routetable";
@@ -21,7 +22,6 @@ namespace nl = linnet::nl;
 namespace {
 
 const int kMoreToRead = 1;
-const size_t kReceiveBuffer = 8192;
 const unsigned int kAttrSlots = 16;
 
 // The table's dump request: header and rtgenmsg with three zero bytes.
@@ -48,6 +48,28 @@ bool Translate(const std::map<unsigned int, unsigned int>& ifmap, const rtattr* 
     if (it == ifmap.end()) return false;
     *out = it->second;
     return true;
+}
+
+// A multipath route goes out through the first of its next hops whose
+// interface is in the map: its interface and gateway become the entry's.
+// false when no hop is (the route is then dropped, like any route on an
+// unknown interface).
+bool PickNexthop(const std::map<unsigned int, unsigned int>& ifmap, const rtattr* multipath,
+                 CRouteEntry* e) {
+    if (ifmap.empty()) return false;
+    long len = nl::attr_data_len(multipath);
+    for (rtnexthop* n = nl::first_nexthop(multipath); nl::nexthop_ok(n, len);
+         n = nl::nexthop_next(n, &len)) {
+        const auto it = ifmap.find(static_cast<unsigned int>(n->rtnh_ifindex));
+        if (it == ifmap.end()) continue;
+        e->outif = it->second;
+        e->gw = 0;
+        long alen = nl::nexthop_attrs_len(n);
+        for (rtattr* a = nl::nexthop_attrs(n); nl::attr_ok(a, alen); a = nl::attr_next(a, &alen))
+            if (a->rta_type == RTA_GATEWAY) e->gw = nl::attr_u32(a);
+        return true;
+    }
+    return false;
 }
 
 // The route type's own filter bit; 0 for a type that has none.
@@ -102,26 +124,67 @@ void CRouteEntry::Dump() const {
 
 // ---- CRouteTable ----
 
+namespace {
+
+// Reaches the protected walk and list of any table, through the member
+// pointers a derived class may take.
+struct Access : CRouteTable {
+    static int Walk(CRouteTable* t, nlmsghdr* h, long len, int filter,
+                    const std::map<unsigned int, unsigned int>& ifmap) {
+        return (t->*(&Access::HandleAnswer))(h, len, false, filter, ifmap);
+    }
+    static void Clear(CRouteTable* t) { (t->*(&Access::entries_)).clear(); }
+};
+
+// Read's side of the dump conversation: each datagram goes through
+// HandleAnswer (never truncated here: the conversation fails on that), and
+// the conversation's events are logged in Read's words.
+class TableReader : public nl::DumpReader {
+public:
+    TableReader(CRouteTable* table, int fd, int filter,
+                const std::map<unsigned int, unsigned int>& ifmap)
+        : table_(table), fd_(fd), filter_(filter), ifmap_(ifmap) {}
+    void Restart() override {
+        LOG_STREAM_AS("Read", 4) << "Route table changed during the dump on netlink fd " << fd_
+                                 << ". Dump again";
+        Access::Clear(table_);
+    }
+    void Interrupted() override {
+        LOG_STREAM_AS("Read", 1) << "Interrupted syscall on netlink fd " << fd_ << ". Continue...";
+    }
+    void Foreign(uint32_t pid) override {
+        LOG_STREAM_AS("Read", 1) << "Datagram from netlink pid " << pid
+                                 << " isn't from the kernel. Skip it!";
+    }
+    int Datagram(nlmsghdr* first, long len) override {
+        const int r = Access::Walk(table_, first, len, filter_, ifmap_);
+        return r == kMoreToRead ? kMore : r;
+    }
+
+private:
+    CRouteTable* table_;
+    int fd_;
+    int filter_;
+    const std::map<unsigned int, unsigned int>& ifmap_;
+};
+
+}  // namespace
+
 int CRouteTable::Read(int filter, const std::map<unsigned int, unsigned int>& ifmap) {
     entries_.clear();
-    linnet::sys::ScopedFd sock(::socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE));
-    const int fd = sock.get();
-    if (fd < 0) {
-        const int err = errno;
+    nl::DumpConversation talk;
+    int err = talk.OpenSocket();
+    const int fd = talk.fd();
+    if (err != 0) {
         LOG_STREAM(1) << "Cannot open netlink socket (errno " << err << ")";
         return -err;
     }
     LOG_STREAM(11) << "got netlink fd = " << fd;
-    if (::fcntl(fd, F_SETFL, O_NONBLOCK) < 0) {
-        const int err = errno;
+    if ((err = talk.SetNonBlocking()) != 0) {
         LOG_STREAM(1) << "fd " << fd << " can't be set non-blocking (errno " << err << ")";
         return -err;
     }
-    sockaddr_nl kernel;
-    std::memset(&kernel, 0, sizeof kernel);
-    kernel.nl_family = AF_NETLINK;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) < 0) {
-        const int err = errno;
+    if ((err = talk.Bind()) != 0) {
         LOG_STREAM(1) << "Cannot bind netlink fd " << fd << " (errno " << err << ")";
         return -err;
     }
@@ -133,52 +196,42 @@ int CRouteTable::Read(int filter, const std::map<unsigned int, unsigned int>& if
     req.hdr.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     req.hdr.nlmsg_seq = nl::kSeq;
     req.gen.rtgen_family = AF_INET;
-    const ssize_t sent =
-        ::sendto(fd, &req, sizeof req, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
-    if (sent != static_cast<ssize_t>(sizeof req)) {
-        const int err = errno;  // after a short send: whatever it was
-        if (sent >= 0)
-            LOG_STREAM(1) << "The amount of sent data " << sent << " isn't equal to origin "
-                          << sizeof req;
-        else if (err == EAGAIN)
-            LOG_STREAM(1) << "No room for data on fd " << fd;
-        else
-            LOG_STREAM(1) << "Error write data to netlink fd " << fd << " (errno " << err << ")";
-        return -err;
-    }
-
-    std::vector<unsigned char> buf(kReceiveBuffer, 0);
-    for (;;) {
-        sockaddr_nl from;
-        std::memset(&from, 0, sizeof from);
-        iovec iov = {buf.data(), buf.size()};
-        msghdr msg = nl::one_buffer_msg(&from, &iov);
-        const ssize_t got = ::recvmsg(fd, &msg, 0);
-        if (got < 0) {
-            const int err = errno;
-            if (err == EINTR) {
-                LOG_STREAM(1) << "Interrupted syscall on netlink fd " << fd << ". Continue...";
-                continue;
-            }
-            if (err == EAGAIN)
-                LOG_STREAM(1) << "No data available on netlink fd " << fd;
+    TableReader reader(this, fd, filter, ifmap);
+    const nl::Outcome o = talk.Run(&req, sizeof req, reader);
+    switch (o.failure) {
+        case nl::Failure::kNone:
+            return o.result;
+        case nl::Failure::kSend:
+            if (o.err == EAGAIN)
+                LOG_STREAM(1) << "No room for data on fd " << fd;
             else
-                LOG_STREAM(1) << "Cannot recv message from netlink fd " << fd << " (errno " << err
-                              << ")";
-            return -err;
-        }
-        if (got == 0) {
+                LOG_STREAM(1) << "Error write data to netlink fd " << fd << " (errno " << o.err << ")";
+            return -o.err;
+        case nl::Failure::kShortSend:  // errno is whatever it was
+            LOG_STREAM(1) << "The amount of sent data " << o.value << " isn't equal to origin "
+                          << sizeof req;
+            return -o.err;
+        case nl::Failure::kNoData:
+            LOG_STREAM(1) << "No data available on netlink fd " << fd;
+            return -o.err;
+        case nl::Failure::kEndOfFile:
             LOG_STREAM(1) << "EOF on netlink fd " << fd;
             return -1;
-        }
-        if (msg.msg_namelen != sizeof from) {
-            LOG_STREAM(1) << "Sender address length " << msg.msg_namelen << " isn't equal to origin "
-                          << sizeof from;
+        case nl::Failure::kAddressLength:
+            LOG_STREAM(1) << "Sender address length " << o.value << " isn't equal to origin "
+                          << sizeof(sockaddr_nl);
             return -2;
-        }
-        const int result = HandleAnswer(reinterpret_cast<nlmsghdr*>(buf.data()), got,
-                                        (msg.msg_flags & MSG_TRUNC) != 0, filter, ifmap);
-        if (result != kMoreToRead) return result;
+        case nl::Failure::kTruncated:
+            LOG_STREAM(1) << "Message truncated";
+            return -EMSGSIZE;
+        case nl::Failure::kChanging:
+            LOG_STREAM(1) << "Route table changed during " << nl::kDumpAttempts
+                          << " dumps on netlink fd " << fd;
+            return -EBUSY;
+        default:  // kReceive; the open steps were taken above
+            LOG_STREAM(1) << "Cannot recv message from netlink fd " << fd << " (errno " << o.err
+                          << ")";
+            return o.err != 0 ? -o.err : -1;
     }
 }
 
@@ -267,7 +320,11 @@ int CRouteTable::AddEntry(nlmsghdr* msg, int filter,
     }
     if (attrs[RTA_GATEWAY] != nullptr) e.gw = nl::attr_u32(attrs[RTA_GATEWAY]);
     if (attrs[RTA_IIF] != nullptr && !Translate(ifmap, attrs[RTA_IIF], &e.inif)) return 0;
-    if (attrs[RTA_OIF] != nullptr && !Translate(ifmap, attrs[RTA_OIF], &e.outif)) return 0;
+    if (attrs[RTA_OIF] != nullptr) {
+        if (!Translate(ifmap, attrs[RTA_OIF], &e.outif)) return 0;
+    } else if (attrs[RTA_MULTIPATH] != nullptr && !PickNexthop(ifmap, attrs[RTA_MULTIPATH], &e)) {
+        return 0;
+    }
     entries_.push_back(e);
     return 0;
 }

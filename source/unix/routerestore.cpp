@@ -1,0 +1,127 @@
+// CRoutesDumpImp::restore: puts the saved routes back one by one and reads
+// the kernel's verdict on each, so that nothing is lost silently.
+#include <linnet/routing.h>
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "logger/log.h"
+#include "sockops.h"
+#include "unix/nlwalk.h"
+#include "unix/routeload.h"
+
+static const char kLogFile[] = "source/unix/routerestore";
+
+namespace nl = linnet::nl;
+
+namespace {
+
+const size_t kAnswerBuffer = 8192;
+// State the kernel reports on a route but refuses to be given.
+const unsigned kStateFlags = RTNH_F_DEAD | RTNH_F_LINKDOWN;
+
+// "198.51.100.0/24 table 254": the destination, prefix length and table of
+// a saved route (a table above 255 travels in RTA_TABLE).
+std::string Describe(const Route& r) {
+    unsigned char dst[4] = {0, 0, 0, 0};
+    const Attr& d = r.attrs[RTA_DST];
+    if (d.type == RTA_DST) std::memcpy(dst, d.data.data(), d.data.size() < 4 ? d.data.size() : 4);
+    uint32_t table = r.rtm.rtm_table;
+    const Attr& t = r.attrs[RTA_TABLE];
+    if (t.type == RTA_TABLE && t.data.size() >= 4) std::memcpy(&table, t.data.data(), 4);
+    char text[64];
+    std::snprintf(text, sizeof text, "%u.%u.%u.%u/%u table %u", dst[0], dst[1], dst[2], dst[3],
+                  static_cast<unsigned>(r.rtm.rtm_dst_len), static_cast<unsigned>(table));
+    return text;
+}
+
+// The route as it can be given back: the state flags the kernel refuses
+// (link down, dead) cleared, on the route and on each of its next hops.
+Route Loadable(const Route& saved) {
+    Route r = saved;
+    r.rtm.rtm_flags &= ~kStateFlags;
+    Attr& mp = r.attrs[RTA_MULTIPATH];
+    if (mp.type == RTA_MULTIPATH && !mp.data.empty()) {
+        long len = static_cast<long>(mp.data.size());
+        rtnexthop* n = reinterpret_cast<rtnexthop*>(mp.data.data());
+        for (; nl::nexthop_ok(n, len); n = nl::nexthop_next(n, &len))
+            n->rtnh_flags = static_cast<unsigned char>(n->rtnh_flags & ~kStateFlags);
+    }
+    return r;
+}
+
+// The kernel's answer to one load request: 0 when it sent none or an
+// acknowledgement, its (negative) error otherwise. rtnetlink handles a
+// request inside sendmsg, so any answer is queued by the time this reads.
+int Verdict(int fd, std::vector<unsigned char>& buf) {
+    int verdict = 0;
+    for (;;) {
+        sockaddr_nl from;
+        std::memset(&from, 0, sizeof from);
+        iovec iov = {buf.data(), buf.size()};
+        msghdr msg = nl::one_buffer_msg(&from, &iov);
+        const ssize_t got = ::recvmsg(fd, &msg, 0);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return verdict;  // EAGAIN: nothing (more) queued
+        if (from.nl_pid != 0 || msg.msg_namelen != sizeof from) continue;
+        long len = got;
+        for (nlmsghdr* h = reinterpret_cast<nlmsghdr*>(buf.data()); nl::nlmsg_ok(h, len);
+             h = nl::nlmsg_next(h, &len)) {
+            if (h->nlmsg_seq != nl::kSeq || h->nlmsg_type != nl::kError) continue;
+            // The error field is read only when the message holds it.
+            verdict = static_cast<long>(h->nlmsg_len) >= nl::kHeaderLen + 4
+                          ? nl::error_of(h)->error
+                          : -EPROTO;
+        }
+    }
+}
+
+}  // namespace
+
+void CRoutesDumpImp::restore() const {
+    linnet::sys::ScopedFd fd;
+    {
+        linnet::route::HandOver sock;  // may throw netlinkX
+        fd.reset(sock.release());
+    }
+    std::vector<unsigned char> answer(kAnswerBuffer, 0);
+    int put_back = 0, present = 0, skipped = 0, refused = 0;
+    for (const Route& saved : routes_) {
+        const std::vector<unsigned short> lost = linnet::route::LostTypes(saved);
+        if (!lost.empty()) {
+            // Loaded without them it would be a different route.
+            auto line = LOG_STREAM(1);
+            line << "route " << Describe(saved).c_str() << " not restored: the snapshot lost its attribute";
+            for (unsigned short t : lost) line << " " << t;
+            ++skipped;
+            continue;
+        }
+        LOG_STREAM(11) << "loading routing table back into the kernel";
+        const std::vector<unsigned char> req = linnet::route::LoadRequest(Loadable(saved));
+        sockaddr_nl kernel;
+        std::memset(&kernel, 0, sizeof kernel);
+        kernel.nl_family = AF_NETLINK;
+        const ssize_t sent = ::sendto(fd.get(), req.data(), req.size(), 0,
+                                      reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
+        const int verdict = sent < 0 ? -errno : Verdict(fd.get(), answer);
+        LOG_STREAM(4) << "another route dumped into the kernel";
+        if (verdict == 0) {
+            ++put_back;
+        } else if (verdict == -EEXIST) {
+            ++present;
+        } else {
+            LOG_STREAM(1) << "kernel refused route " << Describe(saved).c_str() << " (errno "
+                          << -verdict << ")";
+            ++refused;
+        }
+    }
+    if (skipped + refused > 0)
+        LOG_STREAM(1) << "restore: " << put_back << " routes put back, " << present
+                      << " already present, " << skipped << " skipped, " << refused << " refused";
+}
