@@ -23,7 +23,7 @@ PKGS       := cmake g++ make pkg-config zlib1g-dev libboost-dev libgtest-dev lib
               libbenchmark-dev iproute2
 SUDO       := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps build demo test test-asan test-valgrind test-fortify fuzz bench abi clean install uninstall
+.PHONY: all deps build demo test test-asan test-valgrind test-fortify fuzz bench abi clean install install-files uninstall
 
 all: build
 
@@ -41,18 +41,29 @@ build: deps
 
 # The installed tools find the library through a run path relative to
 # themselves ($ORIGIN/../lib...), so any PREFIX works without ldconfig.
+# install-files installs an existing build as it is (the package test uses it);
+# MANIFEST lists what was installed, for uninstall.
+MANIFEST ?= $(BUILD)/linnet-installed.txt
 install: build
-	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)"
+	@$(MAKE) --no-print-directory install-files
 
-# cmake --install lists every file it wrote in install_manifest.txt (DESTDIR
-# included); the directories that only linnet uses go too once empty.
+install-files:
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)"
+	@cp $(BUILD)/install_manifest.txt "$(MANIFEST)"
+
+# Removes every file the last install listed (cmake lists them without
+# DESTDIR, so give the same DESTDIR and PREFIX as to install), then the
+# directories only linnet uses, once empty.
 uninstall:
-	@test -f $(BUILD)/install_manifest.txt || { echo "nothing to uninstall: no install from $(BUILD)"; exit 1; }
-	@while IFS= read -r f; do rm -f -- "$$f" && echo "removed $$f"; done < $(BUILD)/install_manifest.txt
+	@test -f "$(MANIFEST)" || { echo "nothing to uninstall: $(MANIFEST) not found"; exit 1; }
+	@while IFS= read -r f || [ -n "$$f" ]; do \
+	  case "$$f" in "$(DESTDIR)"/*) ;; *) f="$(DESTDIR)$$f" ;; esac; \
+	  rm -f -- "$$f" && echo "removed $$f"; \
+	done < "$(MANIFEST)"
 	@for d in include/linnet lib/cmake/linnet lib/*/cmake/linnet lib64/cmake/linnet share/doc/linnet; do \
 	  for p in "$(DESTDIR)$(PREFIX)"/$$d; do [ -d "$$p" ] && rmdir -- "$$p" 2>/dev/null || true; done; \
 	done
-	@rm -f $(BUILD)/install_manifest.txt
+	@rm -f -- "$(MANIFEST)"
 
 demo: build
 	./$(BUILD)/examples/linnet-demo
