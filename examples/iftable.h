@@ -30,6 +30,8 @@ void PrintTable(std::FILE* out, const CNetworkInterfaceInfo& t, const std::vecto
 // ":N"), "label" (the record's own name), "ifindex", "flags" (names as in
 // FlagText, RUNNING included), "address" (hardware), "local", "prefixlen",
 // "broadcast" (IPv4). A name-only record has "ifname" and "label" alone.
+// The table asks the kernel for masks and broadcasts by label, so an
+// unlabelled secondary address shows those of its device's first address.
 void PrintJson(std::FILE* out, const CNetworkInterfaceInfo& t, const std::vector<int>& positions);
 
 // Every position of the table, in order.
