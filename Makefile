@@ -7,18 +7,23 @@
 #                        out of range aborts)
 #   make fuzz       each libFuzzer target for FUZZ_SECONDS (default 60)
 #   make bench      the benchmarks and their ratio table
+#   make install    the library, headers, CMake and pkg-config files, tools and
+#                   docs under PREFIX (default /usr/local), staged under DESTDIR
+#   make uninstall  removes what the last `make install` of this build put there
 # Missing Debian packages are installed with apt-get (as root, or via sudo).
 
 BUILD      ?= build
 BUILD_ASAN ?= build-asan
 BUILD_FORTIFY ?= build-fortify
 FUZZ_SECONDS ?= 60
+PREFIX     ?= /usr/local
+DESTDIR    ?=
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 PKGS       := cmake g++ make pkg-config zlib1g-dev libboost-dev libgtest-dev libgmock-dev \
               libbenchmark-dev iproute2
 SUDO       := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps build demo test test-asan test-valgrind test-fortify fuzz bench abi clean
+.PHONY: all deps build demo test test-asan test-valgrind test-fortify fuzz bench abi clean install install-files uninstall
 
 all: build
 
@@ -31,8 +36,34 @@ deps:
 	fi
 
 build: deps
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX="$(PREFIX)"
 	cmake --build $(BUILD) -j $(JOBS)
+
+# The installed tools find the library through a run path relative to
+# themselves ($ORIGIN/../lib...), so any PREFIX works without ldconfig.
+# install-files installs an existing build as it is (the package test uses it);
+# MANIFEST lists what was installed, for uninstall.
+MANIFEST ?= $(BUILD)/linnet-installed.txt
+install: build
+	@$(MAKE) --no-print-directory install-files
+
+install-files:
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)"
+	@cp $(BUILD)/install_manifest.txt "$(MANIFEST)"
+
+# Removes every file the last install listed (cmake lists them without
+# DESTDIR, so give the same DESTDIR and PREFIX as to install), then the
+# directories only linnet uses, once empty.
+uninstall:
+	@test -f "$(MANIFEST)" || { echo "nothing to uninstall: $(MANIFEST) not found"; exit 1; }
+	@while IFS= read -r f || [ -n "$$f" ]; do \
+	  case "$$f" in "$(DESTDIR)"/*) ;; *) f="$(DESTDIR)$$f" ;; esac; \
+	  rm -f -- "$$f" && echo "removed $$f"; \
+	done < "$(MANIFEST)"
+	@for d in include/linnet lib/cmake/linnet lib/*/cmake/linnet lib64/cmake/linnet share/doc/linnet; do \
+	  for p in "$(DESTDIR)$(PREFIX)"/$$d; do [ -d "$$p" ] && rmdir -- "$$p" 2>/dev/null || true; done; \
+	done
+	@rm -f -- "$(MANIFEST)"
 
 demo: build
 	./$(BUILD)/examples/linnet-demo

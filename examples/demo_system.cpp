@@ -3,7 +3,6 @@
 #include <linnet/addr.h>
 #include <linnet/netif.h>
 #include <linnet/routing.h>
-#include <net/if.h>
 
 #include <cstdio>
 #include <iostream>
@@ -11,31 +10,11 @@
 #include <string>
 
 #include "demo.h"
+#include "iftable.h"
 
 namespace {
 
-std::string Dotted(unsigned int host_order) { return ip2sh(host_order); }
-
-int PrefixLength(unsigned int mask) {
-    int n = 0;
-    while (mask & 0x80000000u) {
-        ++n;
-        mask <<= 1;
-    }
-    return n;
-}
-
-std::string FlagText(unsigned long long flags) {
-    static const struct {
-        unsigned long long bit;
-        const char* name;
-    } kFlags[] = {{IFF_UP, "UP"},           {IFF_BROADCAST, "BROADCAST"}, {IFF_LOOPBACK, "LOOPBACK"},
-                  {IFF_POINTOPOINT, "P2P"}, {IFF_RUNNING, "RUNNING"},     {IFF_MULTICAST, "MULTICAST"}};
-    std::string s;
-    for (const auto& f : kFlags)
-        if (flags & f.bit) s += (s.empty() ? "" : ",") + std::string(f.name);
-    return s.empty() ? "-" : s;
-}
+int PrefixLength(unsigned int mask) { return iftable::PrefixLength(mask); }
 
 }  // namespace
 
@@ -59,25 +38,14 @@ std::string TextLike(std::size_t n, unsigned seed) {
 
 bool PrintInterfaces() {
     CNetworkInterfaceInfo table;
-    std::printf("  %-16s %-18s %-15s %-28s %-17s %s\n", "name", "address", "broadcast", "flags",
-                "hardware", "index");
+    iftable::PrintTable(stdout, table, iftable::All(table), "  ");
+    iftable::WarnIfFull("linnet-demo", table);
     bool loopback_found = false;
-    for (int i = 0; i < table.GetCount(); ++i) {
-        const __NETIF_IFINFO* rec = table.Lookup(table.GetName(i));
-        const unsigned char* e = table.GetEther(i);
-        char hw[18] = "-";
-        if (e != nullptr)
-            std::snprintf(hw, sizeof hw, "%02x:%02x:%02x:%02x:%02x:%02x", e[0], e[1], e[2], e[3], e[4], e[5]);
-        std::string addr = "-";
-        if (table.GetIP(i) != 0)
-            addr = Dotted(table.GetIP(i)) + "/" + std::to_string(PrefixLength(table.GetNetmask(i)));
-        std::printf("  %-16s %-18s %-15s %-28s %-17s %d\n", table.GetName(i), addr.c_str(),
-                    table.GetBroadcast(i) ? Dotted(table.GetBroadcast(i)).c_str() : "-",
-                    FlagText(table.GetFlags(i)).c_str(), hw, rec ? rec->index : 0);
+    for (int i = 0; i < table.GetCount(); ++i)
         if (table.IsLoopback(i) && table.GetIP(i) == 0x7f000001u) loopback_found = true;
-    }
     const int check = CheckLoopbackAddr(0x7f000001u);
     std::printf("  %d interfaces; CheckLoopbackAddr(127.0.0.1) = %d\n", table.GetCount(), check);
+    if (!loopback_found) std::printf("  no loopback interface carries 127.0.0.1 (is lo down?)\n");
     return loopback_found && check == 8;
 }
 

@@ -2,6 +2,7 @@
 // and checks that each comes back byte-exact.
 #include <arpa/inet.h>
 #include <linnet/compress.h>
+#include <netinet/in.h>
 
 #include <chrono>
 #include <cstring>
@@ -9,16 +10,33 @@
 #include <string>
 #include <vector>
 
+#include "args.h"
 #include "hooks.h"
 
 namespace {
 
-void Usage() {
-    std::printf(
-        "usage: linnet-echo-client --port N [--host A.B.C.D] [--count N] [--size BYTES] [--compress]\n"
-        "  Sends --count blocks of --size random bytes (default 100 x 1024) to the\n"
-        "  echo server and checks every echo. --compress must match the server.\n"
-        "  Exit status 0 when every block came back intact.\n");
+const char kProgram[] = "linnet-echo-client";
+const unsigned kMaxSize = 64u << 20;  // one block, and the echo held beside it
+const int kMaxCount = 10000000;
+const char kUsage[] =
+    "usage: linnet-echo-client --port N [--host HOST] [--count N] [--size BYTES] [--compress]\n"
+    "  Sends --count blocks (1-10000000, default 100) of --size random bytes\n"
+    "  (0-67108864, default 1024) to the echo server on HOST (a name or an\n"
+    "  IPv4 address, default 127.0.0.1) and port N (1-65535), and checks every\n"
+    "  echo. --compress must match the server.\n"
+    "  -h, --help  this text;  --version  the tool's and the library's version\n"
+    "  Exit status 0 when every block came back intact, 1 when not, 2 for a\n"
+    "  usage error.\n";
+
+// Why a framed exchange step failed, from the stream's step codes.
+const char* WriteStep(int r) { return r == -1 ? "sending its header failed" : "sending its body failed"; }
+const char* ReadStep(int r) {
+    switch (r) {
+        case -1: return "no echo header (connection closed, failed or silent for 10 s)";
+        case -2: return "the echo announced a block above the size sent";
+        case -3: return "no memory for the echo";
+        default: return "the echo's body could not be read (connection closed, failed or silent for 10 s)";
+    }
 }
 
 }  // namespace
@@ -26,29 +44,32 @@ void Usage() {
 int main(int argc, char** argv) {
     InitLogFromEnvironment();
     unsigned short port = 0;
-    std::string host = "127.0.0.1";
+    unsigned int ip = htonl(INADDR_LOOPBACK);
     int count = 100;
     unsigned size = 1024;
     bool compress = false;
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        if (a == "--port" && i + 1 < argc) port = static_cast<unsigned short>(std::atoi(argv[++i]));
-        else if (a == "--host" && i + 1 < argc) host = argv[++i];
-        else if (a == "--count" && i + 1 < argc) count = std::atoi(argv[++i]);
-        else if (a == "--size" && i + 1 < argc) size = static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 10));
-        else if (a == "--compress") compress = true;
-        else { Usage(); return a == "--help" ? 0 : 2; }
-    }
-    if (port == 0) { Usage(); return 2; }
+    args::Parser parser(kProgram, kUsage);
+    parser.Port("--port", &port, args::kNoZeroPort, args::kRequired)
+        .Host("--host", &ip)
+        .Number("--count", &count, 1, kMaxCount)
+        .Number("--size", &size, 0u, kMaxSize)
+        .Flag("--compress", &compress);
+    if (const int rc = parser.Parse(argc, argv); rc != args::kRun) return rc;
+    in_addr a{};
+    a.s_addr = ip;
+    const std::string host = inet_ntoa(a);
 
     CompressedTCPSocket sock;
-    const int c = sock.Open() == 0 ? sock.Connect(inet_addr(host.c_str()), port, 5, 0) : -1;
+    int c = sock.Open();
+    if (c == 0) c = sock.Connect(ip, port, 5, 0);
     if (c != 0) {
-        std::fprintf(stderr, "cannot connect to %s:%u (%d)\n", host.c_str(), port, c);
+        std::fprintf(stderr, "%s: cannot connect to %s:%u: %s\n", kProgram, host.c_str(), port,
+                     args::ErrorText(c).c_str());
         return 1;
     }
     sock.SetNoDelay(1);
     if (compress) sock.SwitchCompression(1);
+    // Step time-out 1 s, final time-out 10 s.
     CompressedSockStream stream(&sock, 1000000, 10);
 
     std::mt19937 rng(12345);
@@ -59,10 +80,21 @@ int main(int argc, char** argv) {
         for (auto& b : block) b = static_cast<unsigned char>(rng());
         unsigned char* echo = nullptr;
         unsigned got = 0;
-        if (stream.WriteBlock(block.data(), size) != 0) break;
+        const int w = stream.WriteBlock(block.data(), size);
+        if (w != 0) {
+            std::fprintf(stderr, "%s: block %d: %s\n", kProgram, i + 1, WriteStep(w));
+            break;
+        }
         if (compress) sock.FullFlush();
-        if (stream.ReadBlock(&echo, &got, 0) != 0) break;
-        if (got == size && (size == 0 || std::memcmp(echo, block.data(), size) == 0)) ++good;
+        const int r = stream.ReadBlock(&echo, &got, size > 0 ? size : 1);  // 0 would mean no limit
+        if (r != 0) {
+            std::fprintf(stderr, "%s: block %d: %s\n", kProgram, i + 1, ReadStep(r));
+            break;
+        }
+        if (got == size && (size == 0 || std::memcmp(echo, block.data(), size) == 0))
+            ++good;
+        else
+            std::fprintf(stderr, "%s: block %d: the echo differs from what was sent\n", kProgram, i + 1);
         delete[] echo;
     }
     const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

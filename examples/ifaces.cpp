@@ -1,59 +1,53 @@
-// linnet-ifaces: the network interface table, or one interface in detail.
-#include <linnet/addr.h>
+// linnet-ifaces: the network interface table, or one interface and its
+// aliases, as a readable table or as JSON.
 #include <linnet/netif.h>
 
-#include <cstring>
+#include <cstdio>
 #include <string>
 #include <vector>
 
+#include "args.h"
 #include "hooks.h"
+#include "iftable.h"
 
 namespace {
 
-void Usage() {
-    std::printf(
-        "usage: linnet-ifaces [NAME]\n"
-        "  Without NAME: one line per interface (address, netmask, broadcast, flags,\n"
-        "  hardware address, kernel index). With NAME: that interface and its aliases\n"
-        "  (NAME:N) in detail. Exit status 1 when NAME is not found.\n");
-}
-
-void Line(const CNetworkInterfaceInfo& t, int i) {
-    char mask[16], bcast[16];
-    std::snprintf(mask, sizeof mask, "%s", ip2sh(t.GetNetmask(i)));
-    std::snprintf(bcast, sizeof bcast, "%s", ip2sh(t.GetBroadcast(i)));
-    const unsigned char* e = t.GetEther(i);
-    const __NETIF_IFINFO* rec = t.Lookup(t.GetName(i));
-    std::printf("%-16s %-15s %-15s %-15s 0x%04llx %02x:%02x:%02x:%02x:%02x:%02x %d\n", t.GetName(i),
-                ip2sh(t.GetIP(i)), mask, bcast, t.GetFlags(i) & 0xffffull, e ? e[0] : 0, e ? e[1] : 0,
-                e ? e[2] : 0, e ? e[3] : 0, e ? e[4] : 0, e ? e[5] : 0, rec ? rec->index : 0);
-}
+const char kProgram[] = "linnet-ifaces";
+const char kUsage[] =
+    "usage: linnet-ifaces [--json] [NAME]\n"
+    "  Without NAME: every interface, one line each (address/prefix, broadcast,\n"
+    "  hardware address, kernel index, flags); interfaces without an IPv4\n"
+    "  address show their name alone. With NAME: that interface and its\n"
+    "  aliases (NAME:N).\n"
+    "  --json      one JSON array instead, field names as in `ip -j addr`\n"
+    "  -h, --help  this text;  --version  the tool's and the library's version\n"
+    "  Exit status 0; 1 when NAME is not found; 2 for a usage error.\n"
+    "  A line on stderr says when the table was cut at its 128 interfaces.\n";
 
 }  // namespace
 
 int main(int argc, char** argv) {
     InitLogFromEnvironment();
-    if (argc > 2 || (argc == 2 && (!std::strcmp(argv[1], "--help") || argv[1][0] == '-'))) {
-        Usage();
-        return argc == 2 && !std::strcmp(argv[1], "--help") ? 0 : 2;
-    }
+    bool json = false;
+    std::string name;
+    args::Parser parser(kProgram, kUsage);
+    parser.Flag("--json", &json).Positional("NAME", &name);
+    if (const int rc = parser.Parse(argc, argv); rc != args::kRun) return rc;
+
     CNetworkInterfaceInfo table;
-    std::printf("%-16s %-15s %-15s %-15s %-6s %-17s %s\n", "name", "address", "netmask", "broadcast",
-                "flags", "hardware", "index");
-    if (argc == 1) {
-        for (int i = 0; i < table.GetCount(); ++i) Line(table, i);
-        return 0;
+    std::vector<int> positions = iftable::All(table);
+    if (!name.empty()) {
+        table.Lookup(name.c_str(), positions);
+        if (positions.empty()) {
+            std::fprintf(stderr, "%s: no interface named '%s'\n", kProgram, name.c_str());
+            iftable::WarnIfFull(kProgram, table);
+            return 1;
+        }
     }
-    std::vector<int> family;
-    table.Lookup(argv[1], family);
-    for (int pos : family) Line(table, pos);
-    if (family.empty()) {
-        std::fprintf(stderr, "no interface named %s\n", argv[1]);
-        return 1;
-    }
-    const int pos = family.front();
-    std::printf("\n%s: loopback %d, point-to-point %d, operational %s, alias %s\n", argv[1],
-                table.IsLoopback(pos), table.IsPPP(pos), table.IsOperational(pos) ? "yes" : "no",
-                table.IsVirtual(pos) ? "yes" : "no");
+    if (json)
+        iftable::PrintJson(stdout, table, positions);
+    else
+        iftable::PrintTable(stdout, table, positions, "");
+    iftable::WarnIfFull(kProgram, table);
     return 0;
 }

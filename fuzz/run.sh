@@ -16,7 +16,7 @@ missing=""
 command -v clang++ >/dev/null 2>&1 || missing="clang"
 dpkg -s libclang-rt-14-dev >/dev/null 2>&1 || ls /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a >/dev/null 2>&1 \
   || missing="$missing libclang-rt-14-dev"
-for p in cmake make zlib1g-dev libboost-dev; do dpkg -s $p >/dev/null 2>&1 || missing="$missing $p"; done
+for p in cmake make zlib1g-dev; do dpkg -s $p >/dev/null 2>&1 || missing="$missing $p"; done
 if [ -n "$missing" ]; then
   SUDO=$([ "$(id -u)" = 0 ] || echo sudo)
   echo "installing:$missing"

@@ -157,6 +157,7 @@ public:
     // the plain bytes accepted (0 when the compressor is full: offer them
     // again later), or the socket's negative code unchanged.
     int Write(void* buf, int len) override;
+    using TCPSocket::Write;  // Write(const T*, len)
     // Compression off: TCPSocket::Read. On: one socket read (skipped while
     // the raw buffer is full) into the START of the raw buffer, inflate, then
     // the plain bytes available now, up to len: 0 when none (also for ever

@@ -37,6 +37,7 @@ public:
     // Puts len bytes into the file: 0 when all were taken, else -1 (also
     // when the file is not open or not writable).
     int Write(void* buf, int len) override;
+    using QueuedTCPSocket::Write;  // Write(const T*, len)
     // Gets len bytes from the file: 0 when exactly len came, else -1 (a
     // short read at the end of the file consumes what was left and is -1).
     int Read(void* buf, int len) override;

@@ -50,6 +50,10 @@ public:
     int PutBack(void* data, int size, int copy);
     // The same, the chunk becoming the new head.
     int PutFront(void* data, int size, int copy);
+    // Const data is always copied (copy 1): a queue never holds, hands out
+    // as writable or deletes a pointer to the caller's const bytes.
+    int PutBack(const void* data, int size) { return PutBack(const_cast<void*>(data), size, 1); }
+    int PutFront(const void* data, int size) { return PutFront(const_cast<void*>(data), size, 1); }
     // 0 on an empty queue. Otherwise n, the first chunk's size: with a null
     // out nothing is taken (peek). With copy nonzero the chunk is copied
     // into the buffer *out points to (it must hold n bytes) and its data is
@@ -86,6 +90,7 @@ public:
     // Queues a copy of the len bytes; nothing is sent. Returns len; -1 when
     // the copy cannot be made (or len is negative), nothing queued.
     int Write(void* buf, int len) override;
+    using TCPSocket::Write;  // Write(const T*, len): queues a copy as well
     // Takes exactly one input chunk: its size (0 when none is queued) after
     // copying it into buf. -1, nothing taken, when the chunk is longer than
     // len. With a null buf: the first chunk's size, nothing taken.

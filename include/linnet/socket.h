@@ -9,6 +9,8 @@
 
 #include <linnet/logger.h>
 
+#include <type_traits>
+
 // Readiness bits: Poll's argument and result, events_ and state_.
 const int POLL_READ = 0x1;
 const int POLL_WRITE = 0x2;
@@ -41,6 +43,12 @@ public:
     // Base version does nothing and returns 0.
     virtual int Connect(unsigned int ip, unsigned short port, int sec, int usec);
     virtual int Write(void* buf, int len) = 0;
+    // Const data: the same virtual Write, which only reads the buffer (an
+    // override must not write to it). A template, not a virtual, so the
+    // class layout stays and Write(nullptr, 0) still means the one above.
+    // Classes that override Write bring it back with `using Base::Write;`.
+    template <typename T, typename std::enable_if<std::is_const<T>::value, int>::type = 0>
+    int Write(T* buf, int len) { return Write(const_cast<void*>(static_cast<const void*>(buf)), len); }
     virtual int Read(void* buf, int len) = 0;
     // Always 0. Closes fd_ when it is above 0 (descriptor 0 is forgotten,
     // never closed), then fd_ = -1 and events_, state_, lastError_, port_,

@@ -51,6 +51,10 @@ public:
     // Poll mask if it was not POLL_WRITE alone, or the negative result of
     // Poll or of the socket's Write (-14 reset, -22 no descriptor).
     int Write(void* buf, unsigned size);
+    // Const data, handed on unchanged to the one above (a template, so that
+    // Write(nullptr, 0) still means that one).
+    template <typename T, typename std::enable_if<std::is_const<T>::value, int>::type = 0>
+    int Write(T* buf, unsigned size) { return Write(const_cast<void*>(static_cast<const void*>(buf)), size); }
     // Discards the input waiting now, one byte per socket Read, without
     // polling: ends at the first Read that gives 0 or a negative result.
     void Flush();
@@ -60,6 +64,11 @@ public:
     // write failed. A write that ran into the step time-out counts as
     // success (Write gives 0 for it, which is not negative).
     int WriteBlock(void* data, unsigned size);
+    // Const data, handed on unchanged to the one above.
+    template <typename T, typename std::enable_if<std::is_const<T>::value, int>::type = 0>
+    int WriteBlock(T* data, unsigned size) {
+        return WriteBlock(const_cast<void*>(static_cast<const void*>(data)), size);
+    }
     // Receives one block. 0 on success: for L > 0 *body is a new buffer of L
     // bytes (array new; the caller frees it with delete[]) and *size_out is
     // L; for L = 0 both outputs are left untouched. Failures, each leaving

@@ -36,6 +36,7 @@ public:
     // buffer is full; -22 without descriptor; -14 on any other error. Sent
     // with MSG_NOSIGNAL: a peer that has reset never raises SIGPIPE here.
     int Write(void* buf, int len) override;
+    using NonBlockSocket::Write;  // Write(const T*, len)
     // One read: bytes read; 0 when nothing is waiting (try later); -32 at end
     // of stream (the peer closed); -22 without descriptor; -14 on any other
     // error (EINTR included; the real errno is not reported).

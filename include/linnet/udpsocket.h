@@ -27,6 +27,7 @@ public:
     int Connect(unsigned int ip, unsigned short port, int sec, int usec) override;
     // Write(addr_, port_, buf, size).
     int Write(void* buf, int size) override;
+    using NonBlockSocket::Write;  // Write(const T*, size)
     // Read(buf, size, &addr_, &port_, MSG_NOSIGNAL): overwrites the
     // remembered peer also when nothing arrived. A negative size is refused
     // with -22 before any system call (it would let a datagram overrun buf).
@@ -44,6 +45,11 @@ public:
     // when the send buffer is full: the datagram is then dropped); -22
     // without descriptor; -errno otherwise. Never raises SIGPIPE.
     int Write(unsigned int ip, unsigned short port, void* buf, int size);
+    // The same for const data, which Write only reads.
+    template <typename T, typename std::enable_if<std::is_const<T>::value, int>::type = 0>
+    int Write(unsigned int ip, unsigned short port, T* buf, int size) {
+        return Write(ip, port, const_cast<void*>(static_cast<const void*>(buf)), size);
+    }
     // Write with IP_TTL set to ttl for this one datagram; the previous TTL is
     // put back whatever Write returned. Returns Write's result.
     int WriteWithEspecialTimeToLive(unsigned int ip, unsigned short port, void* buf, int size,

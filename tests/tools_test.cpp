@@ -1,0 +1,286 @@
+// The command-line tools as a user meets them: their argument handling
+// (shared parser, examples/args.h), their messages and exit codes, and the
+// echo client against well- and ill-behaved servers.
+#include <linnet/version.h>
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "args.h"
+#include "iftable.h"
+#include "net_helpers.h"
+#include "run_tool.h"
+
+namespace {
+
+using Args = std::vector<std::string>;
+
+std::string Version() {
+    return std::to_string(LINNET_VERSION_MAJOR) + "." + std::to_string(LINNET_VERSION_MINOR) + "." +
+           std::to_string(LINNET_VERSION_PATCH);
+}
+
+const char* const kTools[] = {"linnet-ifaces", "linnet-echo-client", "linnet-demo"};
+
+TEST(ToolArguments, HelpOnStdoutAndVersionOfToolAndLibraryExitZero) {
+    for (const char* name : kTools) {
+        for (const char* opt : {"-h", "--help"}) {
+            SCOPED_TRACE(std::string(name) + " " + opt);
+            const tool::Result r = tool::Run(tool::Path(name), {opt});
+            EXPECT_EQ(r.status, 0);
+            EXPECT_EQ(r.out.rfind(std::string("usage: ") + name, 0), 0u) << r.out;
+            EXPECT_EQ(r.err, "");
+        }
+        SCOPED_TRACE(std::string(name) + " --version");
+        const tool::Result r = tool::Run(tool::Path(name), {"--version"});
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.out, std::string(name) + " " + Version() + " (liblinnet " + Version() + ")\n");
+        EXPECT_EQ(r.err, "");
+    }
+}
+
+TEST(ToolArguments, EachMistakeIsNamedOnStderrWithTheUsageAndExitTwo) {
+    const struct {
+        const char* tool;
+        Args args;
+        const char* message;  // the first line on stderr
+    } rows[] = {
+        {"linnet-ifaces", {"--bad"}, "linnet-ifaces: unknown option '--bad'"},
+        {"linnet-ifaces", {"lo", "eth0"}, "linnet-ifaces: unexpected argument 'eth0'"},
+        {"linnet-ifaces", {"--json=yes"}, "linnet-ifaces: --json takes no value"},
+        {"linnet-echo-client", {}, "linnet-echo-client: --port is required"},
+        {"linnet-echo-client", {"--port"}, "linnet-echo-client: --port needs a value"},
+        {"linnet-echo-client", {"--port", "70000"}, "linnet-echo-client: --port: '70000' is out of range 1-65535"},
+        {"linnet-echo-client", {"--port=0"}, "linnet-echo-client: --port: '0' is out of range 1-65535"},
+        {"linnet-echo-client", {"--port", "abc"}, "linnet-echo-client: --port: 'abc' is not a number (expected 1-65535)"},
+        {"linnet-echo-client", {"--port", "80x"}, "linnet-echo-client: --port: '80x' is not a number (expected 1-65535)"},
+        {"linnet-echo-client", {"--port", " 80"}, "linnet-echo-client: --port: ' 80' is not a number (expected 1-65535)"},
+        {"linnet-echo-client", {"--port", "+80"}, "linnet-echo-client: --port: '+80' is not a number (expected 1-65535)"},
+        {"linnet-echo-client", {"--port", ""}, "linnet-echo-client: --port: '' is not a number (expected 1-65535)"},
+        {"linnet-echo-client", {"--port", "1", "--size", "-1"},
+         "linnet-echo-client: --size: '-1' is not a number (expected 0-67108864)"},
+        {"linnet-echo-client", {"--port", "1", "--size", "67108865"},
+         "linnet-echo-client: --size: '67108865' is out of range 0-67108864"},
+        {"linnet-echo-client", {"--port", "1", "--count", "abc"},
+         "linnet-echo-client: --count: 'abc' is not a number (expected 1-10000000)"},
+        {"linnet-echo-client", {"--port", "1", "--count", "0"},
+         "linnet-echo-client: --count: '0' is out of range 1-10000000"},
+        {"linnet-echo-client", {"--port", "1", "--count", "99999999999999999999"},
+         "linnet-echo-client: --count: '99999999999999999999' is out of range 1-10000000"},
+        {"linnet-echo-client", {"--port", "1", "--compress=1"}, "linnet-echo-client: --compress takes no value"},
+        {"linnet-echo-client", {"--port", "1", "extra"}, "linnet-echo-client: unexpected argument 'extra'"},
+        {"linnet-demo", {"extra"}, "linnet-demo: unexpected argument 'extra'"},
+        {"linnet-demo", {"--fast"}, "linnet-demo: unknown option '--fast'"},
+    };
+    for (const auto& row : rows) {
+        std::string cmd = row.tool;
+        for (const std::string& a : row.args) cmd += " [" + a + "]";
+        SCOPED_TRACE(cmd);
+        const tool::Result r = tool::Run(tool::Path(row.tool), row.args);
+        EXPECT_EQ(r.status, 2);
+        EXPECT_EQ(r.err.substr(0, r.err.find('\n')), row.message);
+        EXPECT_NE(r.err.find(std::string("\nusage: ") + row.tool), std::string::npos) << r.err;
+        EXPECT_EQ(r.out, "");
+    }
+}
+
+TEST(ToolErrors, UnknownInterfaceIsOneLineOnStderrAndExitOne) {
+    const tool::Result r = tool::Run(tool::Path("linnet-ifaces"), {"nosuch0"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "linnet-ifaces: no interface named 'nosuch0'\n");
+}
+
+TEST(ToolErrors, RefusedConnectionIsReportedWithTheErrorText) {
+    unsigned short port = 0;
+    testnet::Fd closed = testnet::BoundNotListening(&port);
+    const tool::Result r = tool::Run(tool::Path("linnet-echo-client"), {"--port", std::to_string(port)});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "linnet-echo-client: cannot connect to 127.0.0.1:" + std::to_string(port) +
+                         ": Connection refused (-111)\n");
+}
+
+// One connection accepted on a thread; `serve` plays the server's part.
+void WithServer(void (*serve)(int fd), const Args& extra, tool::Result* r) {
+    unsigned short port = 0;
+    testnet::Fd listener = testnet::Listen(&port);
+    timeval limit{30, 0};  // accept gives up if the client never comes
+    setsockopt(listener.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    std::thread server([&] {
+        testnet::Fd c(accept(listener.get(), nullptr, nullptr));
+        if (c.get() >= 0) serve(c.get());
+    });
+    Args args{"--port", std::to_string(port), "--host", "localhost"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    *r = tool::Run(tool::Path("linnet-echo-client"), args);
+    server.join();
+}
+
+// Framed blocks: a 4-byte length in host order, then the body.
+bool ReadFrame(int fd, std::string* body) {
+    std::uint32_t len = 0;
+    if (!testnet::ReadAll(fd, &len, 4) || len > (1u << 20)) return false;
+    body->assign(len, '\0');
+    return len == 0 || testnet::ReadAll(fd, &(*body)[0], len);
+}
+bool WriteFrame(int fd, const std::string& body) {
+    const std::uint32_t len = std::uint32_t(body.size());
+    return testnet::WriteAll(fd, &len, 4) && testnet::WriteAll(fd, body.data(), body.size());
+}
+
+TEST(ToolErrors, EchoClientJudgesEachServerBehaviour) {
+    const struct {
+        const char* name;
+        void (*serve)(int fd);
+        Args extra;
+        int status;
+        const char* out;  // the start of the summary on stdout
+        const char* err;  // stderr, exactly
+    } rows[] = {
+        {"faithful echo", [](int fd) { std::string b; while (ReadFrame(fd, &b) && WriteFrame(fd, b)) {} },
+         {"--count", "3", "--size", "1000"}, 0, "3 of 3 blocks of 1000 bytes echoed intact", ""},
+        {"empty blocks", [](int fd) { std::string b; while (ReadFrame(fd, &b) && WriteFrame(fd, b)) {} },
+         {"--count", "2", "--size", "0"}, 0, "2 of 2 blocks of 0 bytes echoed intact", ""},
+        {"one byte flipped in the second echo", [](int fd) {
+             std::string b;
+             for (int i = 0; ReadFrame(fd, &b); ++i) {
+                 if (i == 1) b[10] ^= 1;
+                 if (!WriteFrame(fd, b)) break;
+             }
+         }, {"--count", "3", "--size", "64"}, 1, "2 of 3 blocks of 64 bytes echoed intact",
+         "linnet-echo-client: block 2: the echo differs from what was sent\n"},
+        {"echo longer than the block", [](int fd) {
+             std::string b;
+             if (ReadFrame(fd, &b)) WriteFrame(fd, b + "x");
+         }, {"--count", "1", "--size", "64"}, 1, "0 of 1 blocks",
+         "linnet-echo-client: block 1: the echo announced a block above the size sent\n"},
+        {"closes after the first echo", [](int fd) {
+             std::string b;
+             if (ReadFrame(fd, &b)) WriteFrame(fd, b);
+             ReadFrame(fd, &b);
+         }, {"--count", "2", "--size", "64"}, 1, "1 of 2 blocks",
+         "linnet-echo-client: block 2: no echo header (connection closed, failed or silent for 10 s)\n"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        tool::Result r;
+        WithServer(row.serve, row.extra, &r);
+        EXPECT_EQ(r.status, row.status);
+        EXPECT_EQ(r.out.rfind(row.out, 0), 0u) << r.out;
+        EXPECT_EQ(r.err, row.err);
+    }
+}
+
+TEST(ArgsParser, NumbersAreWholeDecimalTextsWithinTheirRange) {
+    const struct {
+        const char* text;
+        long long lo, hi;
+        long long value;    // when accepted
+        const char* error;  // "" when accepted
+    } rows[] = {
+        {"0", 0, 10, 0, ""},
+        {"10", 0, 10, 10, ""},
+        {"007", 0, 10, 7, ""},
+        {"-3", -5, 5, -3, ""},
+        {"11", 0, 10, 0, "'11' is out of range 0-10"},
+        {"-1", 0, 10, 0, "'-1' is not a number (expected 0-10)"},
+        {"-6", -5, 5, 0, "'-6' is out of range -5-5"},
+        {"1e3", 0, 5000, 0, "'1e3' is not a number (expected 0-5000)"},
+        {"0x10", 0, 100, 0, "'0x10' is not a number (expected 0-100)"},
+        {"9223372036854775808", 0, 10, 0, "'9223372036854775808' is out of range 0-10"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text);
+        long long v = 12345;
+        EXPECT_EQ(args::ParseNumber(row.text, row.lo, row.hi, &v), row.error);
+        EXPECT_EQ(v, row.error[0] ? 12345 : row.value);
+    }
+}
+
+TEST(ArgsParser, OptionsPositionalsAndDefaults) {
+    unsigned short port = 7;
+    unsigned int ip = 0;
+    int count = 100;
+    unsigned size = 1024;
+    bool flag = false;
+    std::string text = "default", name, second;
+    args::Parser p("prog", "usage: prog\n");
+    p.Port("--port", &port, args::kAnyPort)
+        .Host("--host", &ip)
+        .Number("--count", &count, 1, 50)
+        .Number("--size", &size, 0u, 4096u)
+        .Flag("--flag", &flag)
+        .Text("--text", &text)
+        .Positional("NAME", &name, args::kRequired)
+        .Positional("SECOND", &second);
+    const char* argv[] = {"prog", "--port=0", "--host", "127.0.0.2", "--count", "3", "--count=4",
+                          "--flag", "--", "-name-", nullptr};
+    EXPECT_EQ(p.Parse(10, const_cast<char**>(argv)), args::kRun);
+    EXPECT_EQ(port, 0);
+    EXPECT_EQ(ip, htonl(0x7f000002u));
+    EXPECT_EQ(count, 4);  // the last one given
+    EXPECT_EQ(size, 1024u);
+    EXPECT_TRUE(flag);
+    EXPECT_EQ(text, "default");
+    EXPECT_EQ(name, "-name-");  // after "--" a dash starts no option
+    EXPECT_EQ(second, "");
+
+    args::Parser q("prog", "usage: prog\n");
+    std::string required;
+    q.Positional("NAME", &required, args::kRequired);
+    const char* none[] = {"prog", nullptr};
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(q.Parse(1, const_cast<char**>(none)), args::kUsageError);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "prog: NAME is required\nusage: prog\n");
+}
+
+TEST(ArgsParser, ResultsAndHostsAsText) {
+    EXPECT_EQ(args::ErrorText(-98), "Address already in use (-98)");
+    EXPECT_EQ(args::ErrorText(-111), "Connection refused (-111)");
+    EXPECT_EQ(args::ErrorText(-1), "unspecified error (-1)");
+    EXPECT_EQ(args::ErrorText(3), "3");
+    unsigned int ip = 0;
+    EXPECT_EQ(args::ResolveIPv4("127.0.0.1", &ip), "");
+    EXPECT_EQ(ip, htonl(INADDR_LOOPBACK));
+    ip = 0;
+    EXPECT_EQ(args::ResolveIPv4("localhost", &ip), "");  // /etc/hosts
+    EXPECT_EQ(ip, htonl(INADDR_LOOPBACK));
+}
+
+TEST(InterfaceText, PrefixLengthsAndFlagNames) {
+    const struct {
+        unsigned mask;
+        int prefix;
+    } masks[] = {{0, 0}, {0x80000000u, 1}, {0xffffff00u, 24}, {0xfffffffeu, 31}, {0xffffffffu, 32}};
+    for (const auto& m : masks) EXPECT_EQ(iftable::PrefixLength(m.mask), m.prefix) << std::hex << m.mask;
+    const struct {
+        unsigned long long flags;
+        const char* text;
+    } flags[] = {
+        {0, "-"},
+        {0x1, "UP"},
+        {0x1 | 0x8 | 0x40, "UP,LOOPBACK,RUNNING"},
+        {0x2 | 0x1000, "BROADCAST,MULTICAST"},
+        {0x10 | 0x80, "POINTOPOINT,NOARP"},
+        {0x8000, "DYNAMIC"},
+        {0xffffffffffff0000ull, "-"},          // only the kernel's 16 bits count
+        {0xffffffffffff8001ull, "UP,DYNAMIC"}, // sign-extended flags
+    };
+    for (const auto& f : flags) EXPECT_EQ(iftable::FlagText(f.flags), f.text) << std::hex << f.flags;
+}
+
+TEST(InterfaceText, NotFullTableLeavesNothingOut) {
+    CNetworkInterfaceInfo t;
+    ASSERT_LT(t.GetCount(), 128);
+    EXPECT_EQ(iftable::LeftOut(t, "h1\nh2\n  nosuch0: 1 2 3\n"), 0);
+}
+
+}  // namespace
