@@ -42,7 +42,9 @@ public:
     int Read(void* buf, unsigned int size, unsigned int* ip, unsigned short* port, int flags);
     // One datagram to ip:port: bytes sent (0 for an empty datagram, and 0
     // when the send buffer is full: the datagram is then dropped); -22
-    // without descriptor; -errno otherwise. Never raises SIGPIPE.
+    // without descriptor or for a negative size (nothing sent); -errno
+    // otherwise. Never raises SIGPIPE.
+    // Stricter: a negative size is refused with -22 before any system call.
     int Write(unsigned int ip, unsigned short port, void* buf, int size);
     // Write with IP_TTL set to ttl for this one datagram; the previous TTL is
     // put back whatever Write returned. Returns Write's result.
