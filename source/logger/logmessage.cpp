@@ -21,7 +21,8 @@ LinuxLogMessage::~LinuxLogMessage() {
         origin = prefix;
     }
     const std::string text = str();
-    std::string escaped(2 * text.size() + 1, '\0');
+    // Room for the doubled text only when there is a '%' to double.
+    std::string escaped(text.find('%') != std::string::npos ? 2 * text.size() + 1 : 1, '\0');
     _debug(origin, level, detail::as_format(text.c_str(), text.size(), &escaped[0]));
     std::free(prefix);
 }
