@@ -61,6 +61,14 @@ int CSockGroup::Poll(int seconds, int microseconds) {
         LOG_STREAM(11) << "socket group empty";
         return 0;
     }
+    // With no time limit and no descriptor at all, select would wait for
+    // ever: nothing can become ready.
+    if (seconds == -1 &&
+        std::none_of(socks_.begin(), socks_.end(), [](const NonBlockSocket* s) { return s->fd_ >= 0; })) {
+        for (NonBlockSocket* s : socks_) s->state_ = 0;
+        LOG_STREAM(3) << "nothing to wait for in socket group: no member has a descriptor";
+        return -9;
+    }
     timeval tv;
     tv.tv_sec = seconds;
     tv.tv_usec = microseconds;

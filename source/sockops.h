@@ -29,6 +29,13 @@ inline sockaddr_in ipv4_address(unsigned int ip, unsigned short port) {
     return sa;
 }
 
+// One send() with MSG_NOSIGNAL; for a descriptor that is not a socket (a
+// pipe adopted by OpenFD) one write() with SIGPIPE blocked in the calling
+// thread, a SIGPIPE it raised taken back (one the thread already had
+// pending is left alone) and the signal mask restored. Never raises
+// SIGPIPE. The system's result: a count, or -1 with errno (EPIPE...).
+ssize_t send_nosignal(int fd, const void* buf, std::size_t len);
+
 // The linger every socket of the library gets: on, one second.
 const linger kLingerOneSecond = {1, 1};
 

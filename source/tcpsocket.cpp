@@ -132,6 +132,10 @@ int TCPSocket::Read(void* buf, int len) {
         LOG_STREAM(11) << "read on negative fd_ = " << fd_;
         return -22;
     }
+    if (len < 0) {  // read() would take it as a huge count and overrun buf
+        LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
+        return -22;
+    }
     LOG_STREAM(11) << "trying to read on fd_ " << fd_ << " (" << len << " bytes to " << buf << ")";
     const ssize_t n = ::read(fd_, buf, static_cast<size_t>(len));
     if (n > 0) {
@@ -155,11 +159,13 @@ int TCPSocket::Write(void* buf, int len) {
         LOG_STREAM(11) << "write on negative fd_ = " << fd_;
         return -22;
     }
+    if (len < 0) {  // send() would take it as a huge count and send the heap
+        LOG_STREAM(3) << "write of negative length " << len << " on fd_ " << fd_;
+        return -22;
+    }
     LOG_STREAM(11) << "trying to write to fd_ " << fd_ << " (" << len << " bytes from " << buf << ")";
-    // send() with MSG_NOSIGNAL so that a reset peer costs -14, not SIGPIPE;
-    // write() only for a descriptor that is not a socket.
-    ssize_t n = ::send(fd_, buf, static_cast<size_t>(len), MSG_NOSIGNAL);
-    if (n < 0 && errno == ENOTSOCK) n = ::write(fd_, buf, static_cast<size_t>(len));
+    // A reset peer, or a pipe without reader, costs -14, never SIGPIPE.
+    const ssize_t n = linnet::sys::send_nosignal(fd_, buf, static_cast<size_t>(len));
     if (n > 0) {
         LOG_STREAM(11) << "wrote " << n << " bytes to fd_ " << fd_;
         return static_cast<int>(n);

@@ -60,6 +60,10 @@ int UDPSocket::Write(unsigned int ip, unsigned short port, void* buf, int size) 
         LOG_FORMAT("Write", 3, "write on negative fd_ = %d", fd_);
         return -22;
     }
+    if (size < 0) {  // sendto() would take it as a huge count
+        LOG_FORMAT("Write", 3, "write of negative length %d on fd_ %d", size, fd_);
+        return -22;
+    }
     LOG_FORMAT("Write", 11, "trying to write to fd_ %d ( %d bytes from %p )", fd_, size, buf);
     const sockaddr_in peer = linnet::sys::ipv4_address(ip, port);
     const ssize_t n = ::sendto(fd_, buf, static_cast<size_t>(size), MSG_NOSIGNAL,
@@ -119,6 +123,9 @@ int UDPSocket::Read(void* buf, unsigned int size, unsigned int* ip, unsigned sho
 }
 
 int UDPSocket::Read(void* buf, int size) {
-    if (size < 0) return -22;
+    if (size < 0) {
+        LOG_STREAM(3) << "read of negative length " << size << " on fd_ " << fd_;
+        return -22;
+    }
     return Read(buf, static_cast<unsigned int>(size), &addr_, &port_, MSG_NOSIGNAL);
 }

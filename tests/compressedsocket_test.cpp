@@ -1,13 +1,17 @@
 #include <linnet/compress.h>
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "capture_host.h"
@@ -220,7 +224,42 @@ TEST(CompressedTCPSocket, CorruptInputEndsInReadReturningZero) {
     EXPECT_EQ(zeros, 50);
 }
 
-TEST(CompressedTCPSocket, KeptHazardsCorruptTheStreamButStayInsideTheBuffers) {
+TEST(CompressedTCPSocket, PeerRunningAheadCostsMemoryAndTimeButNeverData) {
+    Conn c(false);
+    c.b.SetRcvBufSize(16384);  // raw buffer 16 KiB, decompressor slab 80 KiB
+    ASSERT_EQ(c.a.SwitchCompression(1) + c.b.SwitchCompression(1), 0);
+    std::vector<std::string> blocks;
+    for (unsigned i = 0; i < 64; ++i) blocks.push_back(testdata::TextLike(8000 + 97 * i, i + 1));
+    // The writer runs all 64 blocks ahead of the reader, as far as the
+    // socket buffers let it.
+    int written = -1;
+    std::thread writer([&] {
+        CompressedSockStream out(&c.a, 5000000, 5);
+        written = 0;
+        for (auto& b : blocks) {
+            if (out.WriteBlock(&b[0], static_cast<unsigned>(b.size())) != 0) return;
+            ++written;
+        }
+        if (c.a.FullFlush() != 0) written = -2;
+    });
+    // Let it fill every buffer on the way before the first read.
+    ASSERT_EQ(c.b.Poll(POLL_READ, 5, 0), POLL_READ);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    CompressedSockStream in(&c.b, 1000000, 5);
+    int intact = 0;
+    for (auto& b : blocks) {
+        unsigned char* body = nullptr;
+        unsigned size = 0;
+        if (in.ReadBlock(&body, &size, 1 << 20) != 0) break;
+        intact += size == b.size() && std::memcmp(body, b.data(), size) == 0;
+        delete[] body;
+    }
+    writer.join();
+    EXPECT_EQ(written, 64);
+    EXPECT_EQ(intact, 64);
+}
+
+TEST(CompressedTCPSocket, SwitchingOffAndOnEmptiesTheRawInput) {
     Conn c(false);
     c.b.SetRcvBufSize(4096);  // raw buffer 4096, decompressor slab 20480
     ASSERT_EQ(c.a.SwitchCompression(1) + c.b.SwitchCompression(1), 0);
@@ -231,25 +270,93 @@ TEST(CompressedTCPSocket, KeptHazardsCorruptTheStreamButStayInsideTheBuffers) {
     char byte;
     ASSERT_EQ(c.b.Read(&byte, 1), 1);  // a slow reader: the slab fills up
     ASSERT_GT(c.b.Fill(), 0);          // compressed input left over
-    ASSERT_TRUE(SendAll(&c.a, zeros.data(), zeros.size()));
-    ASSERT_EQ(c.a.FullFlush(), 0);
-    // New input lands on the leftover: the stream ends well short of 2 MiB.
-    std::vector<char> buf(1 << 16);
-    size_t got = 0;
-    for (int i = 0, r = 0; i < 2000; ++i) {
-        ASSERT_GE(r = c.b.Read(buf.data(), static_cast<int>(buf.size())), 0);
-        got += r;
-        if (r == 0 && c.b.Poll(POLL_READ, 0, 10000) == 0) break;
+    ASSERT_EQ(c.b.SwitchCompression(0), 0);
+    EXPECT_EQ(c.b.Fill(), 0);
+    // A peer that switched off too: what comes now is plain, and read as such.
+    ASSERT_EQ(c.a.SwitchCompression(0), 0);
+    char buf[100];
+    std::vector<char> sink(1 << 16);
+    while (c.b.Read(sink.data(), static_cast<int>(sink.size())) > 0) {
     }
-    EXPECT_LT(got, 2 * zeros.size() - 1);
-    // Off and on again keeps the fill count; a smaller new buffer bounds it.
-    const int fill = c.b.Fill();
-    ASSERT_GT(fill, 1024);
-    c.b.SetRcvBufSize(1024);
-    ASSERT_EQ(c.b.SwitchCompression(0) + c.b.SwitchCompression(1), 0);
-    EXPECT_EQ(c.b.Fill(), fill);
-    EXPECT_EQ(c.b.Read(buf.data(), 100), 0);
-    EXPECT_LE(c.b.Fill(), 1024);
+    ASSERT_EQ(c.b.SwitchCompression(1), 0);
+    EXPECT_EQ(c.b.Fill(), 0);
+    // Nothing left from before is decoded as received data.
+    EXPECT_EQ(c.b.Read(buf, sizeof buf), 0);
+    EXPECT_EQ(c.b.Buffered(), 0);
+}
+
+// CPU seconds (user + system) this process has used.
+double CpuSeconds() {
+    rusage ru{};
+    ::getrusage(RUSAGE_SELF, &ru);
+    return ru.ru_utime.tv_sec + ru.ru_stime.tv_sec + (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+}
+
+// Fills the connection towards a peer that never reads: the socket buffers
+// and the compressor hold incompressible bytes nobody takes.
+void Stall(CompressedTCPSocket* s) {
+    const std::string noise = testdata::RandomBytes(1 << 16, 7);
+    for (int i = 0, idle = 0; i < 100000 && idle < 10; ++i) {
+        const int w = s->Write(const_cast<char*>(noise.data()), static_cast<int>(noise.size()));
+        ASSERT_GE(w, 0);
+        idle = w == 0 ? idle + 1 : 0;
+        if (w == 0) s->Poll(POLL_WRITE, 0, 50000);
+    }
+}
+
+TEST(CompressedTCPSocket, FlushesToAPeerThatNeverReadsWaitWithoutSpinningAndEnd) {
+    testnet::Pair p = testnet::MakeTcpPair();  // p.server never reads
+    int small = 4096;
+    ::setsockopt(p.server.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    auto* s = new Probe;
+    ASSERT_EQ(s->OpenFD(p.client.release(), 0), 0);
+    s->SetSndBufSize(16384);
+    ASSERT_EQ(s->SwitchCompression(1), 0);
+    Stall(s);
+    if (HasFatalFailure()) return delete s;
+
+    // A user FullFlush: -110 after 5 s without progress.
+    double cpu = CpuSeconds();
+    auto t0 = Clock::now();
+    EXPECT_EQ(s->FullFlush(), -110);
+    double wall = testnet::SecondsSince(t0);
+    EXPECT_GE(wall, 4.5);
+    EXPECT_LT(wall, 10.0);
+    EXPECT_LT(CpuSeconds() - cpu, 0.5 * wall);
+
+    // Switching off gives the final flush one second, then drops the rest.
+    cpu = CpuSeconds();
+    t0 = Clock::now();
+    EXPECT_EQ(s->SwitchCompression(0), 0);
+    wall = testnet::SecondsSince(t0);
+    EXPECT_GE(wall, 0.8);
+    EXPECT_LT(wall, 4.0);
+    EXPECT_LT(CpuSeconds() - cpu, 0.5);
+
+    // The destructor likewise (plus up to a second of the kernel's linger).
+    ASSERT_EQ(s->SwitchCompression(1), 0);
+    Stall(s);
+    cpu = CpuSeconds();
+    t0 = Clock::now();
+    delete s;
+    wall = testnet::SecondsSince(t0);
+    EXPECT_LT(wall, 5.0);
+    EXPECT_LT(CpuSeconds() - cpu, 0.5);
+}
+
+TEST(CompressedTCPSocket, CompressorWithoutRoomEndsAStreamWriteAtItsStepTimeOut) {
+    Conn c(false);
+    c.a.SetSndBufSize(0);  // the compressor's slab: 0 bytes, it takes nothing
+    ASSERT_EQ(c.a.SwitchCompression(1), 0);
+    CompressedSockStream s(&c.a, 200000, 1);
+    char data[100] = {};
+    const double cpu = CpuSeconds();
+    const auto t0 = Clock::now();
+    EXPECT_EQ(s.Write(data, sizeof data), 0);
+    const double wall = testnet::SecondsSince(t0);
+    EXPECT_LT(wall, 3.0);
+    EXPECT_LT(CpuSeconds() - cpu, 0.5);
+    EXPECT_EQ(s.WriteBlock(data, sizeof data), -1);
 }
 
 TEST(CompressedSockStream, FramedBlocksSurviveSwitchingCompressionOnAndOff) {

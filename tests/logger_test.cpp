@@ -14,7 +14,7 @@ TEST(LinuxLogMessage, OriginIsBareUpToLevel3LocatedAboveAndCutAt255) {
     capture::Scope scope;
     for (int level : {3, 4}) {
         boost::shared_ptr<logger::LinuxLogMessage> m(new logger::LinuxLogMessage("Emit", "source/x", 42, level));
-        *m << "100%% done";  // the collected text is handed over as the format
+        *m << "100% done";  // the collected text reaches a printf-style host as it is
     }
     const std::string longname(400, 'f');
     { logger::LinuxLogMessage m(longname.c_str(), "source/x", 7, 5); }  // empty: still emitted
@@ -74,4 +74,26 @@ TEST(LogStyles, StreamStyleRendersExactlyAsAnOstream) {
     ASSERT_EQ(capture::Records().size(), 1u);
     EXPECT_EQ(capture::Records()[0].text, expect.str());
     EXPECT_EQ(expect.str().find(" lost"), std::string::npos);
+}
+
+// Stream-style texts reach _debug as its format: every '%' is doubled, so a
+// printf-style host prints the text exactly and reads no argument.
+TEST(LogStyles, StreamStyleTextIsSafeAsAFormat) {
+    const std::string texts[] = {"100% done", "proto %s %d %n", "%", "%%", "ends in %",
+                                 std::string(300, '%'), std::string(511, '%') + "tail"};
+    capture::Scope scope;
+    for (const std::string& t : texts) {
+        LOG_STREAM(11) << t;
+        LOG_STREAM(3) << t;
+        boost::shared_ptr<logger::LinuxLogMessage> m(new logger::LinuxLogMessage("Emit", "source/x", 1, 11));
+        *m << t;
+    }
+    const auto r = capture::Records();
+    ASSERT_EQ(r.size(), 3 * (sizeof texts / sizeof texts[0]));
+    for (size_t i = 0; i < r.size(); ++i) {
+        const std::string& t = texts[i / 3];
+        // The library's own lines hold 511 characters; the public class any length.
+        const std::string expect = i % 3 == 2 ? t : t.substr(0, 511);
+        EXPECT_EQ(r[i].text, expect) << "record " << i;
+    }
 }

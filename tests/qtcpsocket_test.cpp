@@ -85,7 +85,7 @@ TEST(SocketQueue, KeepsOrderAndFollowsTheOwnershipRules) {
     q.PutBack(abc, 3, 1);
     void* nowhere = nullptr;
     EXPECT_EQ(q.Get(&nowhere, 1), -1);
-    EXPECT_EQ(q.PutBack(abc, -1, 1), -1);
+    EXPECT_EQ(q.PutBack(abc, -1, 1), -22);
     EXPECT_EQ(q.Size(), 3);
 }
 
@@ -173,4 +173,39 @@ TEST(QueuedTcpSocket, WriteFailureSetsSendFlagAndSkipsTheReceive) {
     EXPECT_EQ(c.q.IsQueuedData(2), 0);  // the chunk being sent is lost
     EXPECT_EQ(c.q.Read(buf, sizeof buf), QTCPSOCK_CLOSE_SIZE);
     EXPECT_EQ(c.q.Read(buf, sizeof buf), 0);  // only the marker: nothing received
+}
+
+TEST(QueuedTcpSocket, AConnectionEndQueuesOneCloseMarkerHoweverOftenProcessRuns) {
+    Connected c;
+    c.p.server.reset();
+    ASSERT_EQ(c.q.Poll(POLL_READ, 5, 0), POLL_READ);
+    const int kCalls = 100000 / testnet::Scale();
+    int flagged = 0;
+    for (int i = 0; i < kCalls; ++i) {
+        int status = -1;
+        c.q.Process(POLL_READ | POLL_WRITE, &status);
+        flagged += status == 1;
+    }
+    EXPECT_EQ(flagged, kCalls);  // the receive flag on every call
+    char buf[32] = {};
+    int markers = 0;
+    for (int i = 0; i < kCalls + 1 && c.q.Read(buf, sizeof buf) == QTCPSOCK_CLOSE_SIZE; ++i) ++markers;
+    EXPECT_EQ(markers, 1);
+    // Taken by the owner, the marker does not come back for the same end.
+    int status = -1;
+    c.q.Process(POLL_READ, &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(c.q.IsQueuedData(1), 0);
+    EXPECT_EQ(c.q.GetInitState(), INIT_OPEN);
+
+    // A new connection on the same object ends with its own marker.
+    ASSERT_EQ(c.q.Close(), 0);
+    testnet::Pair p = testnet::MakeTcpPair();
+    ASSERT_EQ(c.q.OpenFD(p.client.release()), 0);
+    p.server.reset();
+    ASSERT_EQ(c.q.Poll(POLL_READ, 5, 0), POLL_READ);
+    c.q.Process(POLL_READ, &status);
+    c.q.Process(POLL_READ, &status);
+    EXPECT_EQ(c.q.Read(buf, sizeof buf), QTCPSOCK_CLOSE_SIZE);
+    EXPECT_EQ(c.q.Read(buf, sizeof buf), 0);
 }

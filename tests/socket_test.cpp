@@ -1,10 +1,17 @@
 #include <linnet/socket.h>
 
 #include <gtest/gtest.h>
+#include <linnet/compress.h>
+#include <linnet/qfiletransf.h>
+#include <linnet/udpsocket.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
 
 #include "capture_host.h"
 #include "net_helpers.h"
@@ -33,6 +40,11 @@ public:
     unsigned int addr() const { return addr_; }
     unsigned short port() const { return port_; }
     int events() const { return events_; }
+};
+
+// The descriptor of any socket.
+struct FdOf : NonBlockSocket {
+    static int get(const NonBlockSocket& s) { return s.*(&FdOf::fd_); }
 };
 
 int ProcValue(const char* path) {
@@ -152,4 +164,84 @@ TEST(SocketTtl, SetAndReadBackAndZeroWhenClosed) {
     ASSERT_EQ(s.Open(), 0);
     s.SetValueTimeToLive(17);
     EXPECT_EQ(s.GetValueTimeToLive(), 17);
+}
+
+// Every public operation that takes an int length, given -1: -22, and not a
+// byte reaches the peer (nor the file), nor is one taken from it. The peers
+// hold data for the reading operations, so a length taken as huge would
+// overrun the 8-byte buffer (AddressSanitizer watches it).
+TEST(NegativeLength, EveryIntLengthOperationRefusesItWithMinus22AndMovesNothing) {
+    testnet::Pair tcp = testnet::MakeTcpPair(), zipped = testnet::MakeTcpPair(), queued = testnet::MakeTcpPair();
+    TCPSocket plain;
+    ASSERT_EQ(plain.OpenFD(tcp.client.release(), 0), 0);
+    CompressedTCPSocket compressed;
+    ASSERT_EQ(compressed.OpenFD(zipped.client.release(), 0), 0);
+    QueuedTCPSocket q(1024, 1024);
+    ASSERT_EQ(q.OpenFD(queued.client.release()), 0);
+    UDPSocket udp, udp_peer;
+    ASSERT_EQ(udp.Open(), 0);
+    ASSERT_EQ(udp_peer.Open(), 0);
+    ASSERT_EQ(udp_peer.Bind(testnet::Loopback(), 0), 0);
+    const unsigned short udp_port = testnet::LocalPort(FdOf::get(udp_peer));
+    udp.Connect(testnet::Loopback(), udp_port, 0, 0);
+    char name[] = "/tmp/linnet-neg-XXXXXX";
+    const int tmp = ::mkstemp(name);
+    ASSERT_GE(tmp, 0);
+    ::close(tmp);
+    CQueuedFileTransf file(1, 1024);
+    file.Open(name);
+    SocketQueue queue;
+
+    // Data waiting for the reading operations.
+    const std::string pending(100, 'p');
+    ASSERT_TRUE(testnet::WriteAll(tcp.server.get(), pending.data(), pending.size()));
+    ASSERT_TRUE(testnet::WriteAll(zipped.server.get(), pending.data(), pending.size()));
+    ASSERT_TRUE(testnet::WriteAll(queued.server.get(), pending.data(), pending.size()));
+    ASSERT_EQ(q.Poll(POLL_READ, 2, 0), POLL_READ);
+    q.Process(POLL_READ, nullptr);
+    ASSERT_EQ(udp.Write(testnet::Loopback(), udp_port, const_cast<char*>(pending.data()), 100), 100);
+
+    char buf[8] = {};
+    struct Case {
+        const char* what;
+        std::function<int()> call;
+    };
+    std::vector<Case> cases = {
+        {"TCPSocket::Write", [&] { return plain.Write(buf, -1); }},
+        {"TCPSocket::Read", [&] { return plain.Read(buf, -1); }},
+        {"UDPSocket::Write", [&] { return udp.Write(buf, -1); }},
+        {"UDPSocket::Write to", [&] { return udp.Write(testnet::Loopback(), udp_port, buf, -1); }},
+        {"UDPSocket::WriteWithEspecialTimeToLive",
+         [&] { return udp.WriteWithEspecialTimeToLive(testnet::Loopback(), udp_port, buf, -1, 9); }},
+        {"UDPSocket::Read", [&] { return udp_peer.Read(buf, -1); }},
+        {"QueuedTCPSocket::Write", [&] { return q.Write(buf, -1); }},
+        {"QueuedTCPSocket::Read", [&] { return q.Read(buf, -1); }},
+        {"QueuedTCPSocket::ReadBlock", [&] { return q.ReadBlock(buf, -1); }},
+        {"CompressedTCPSocket::Write off", [&] { return compressed.Write(buf, -1); }},
+        {"CompressedTCPSocket::Read off", [&] { return compressed.Read(buf, -1); }},
+        {"CompressedTCPSocket::Write on",
+         [&] { return compressed.SwitchCompression(1) == 0 ? compressed.Write(buf, -1) : 1; }},
+        {"CompressedTCPSocket::Read on", [&] { return compressed.Read(buf, -1); }},
+        {"CQueuedFileTransf::Write", [&] { return file.Write(buf, -1); }},
+        {"CQueuedFileTransf::Read", [&] { return file.Read(buf, -1); }},
+        {"SocketQueue::PutBack", [&] { return queue.PutBack(buf, -1, 1); }},
+        {"SocketQueue::PutFront", [&] { return queue.PutFront(buf, -1, 1); }},
+    };
+    for (const Case& c : cases) EXPECT_EQ(c.call(), -22) << c.what;
+
+    // Nothing went out: the queued socket sends what it holds, then every
+    // peer is empty.
+    EXPECT_FALSE(q.Process(POLL_WRITE, nullptr));
+    char peek[128];
+    for (int fd : {tcp.server.get(), zipped.server.get(), queued.server.get()})
+        EXPECT_EQ(::recv(fd, peek, sizeof peek, MSG_DONTWAIT), -1) << "fd " << fd;
+    EXPECT_EQ(udp_peer.Read(peek, sizeof peek, nullptr, nullptr, 0), 100);  // the one sent above
+    EXPECT_EQ(udp_peer.Poll(POLL_READ, 0, 100000), 0);
+    EXPECT_EQ(queue.Size(), 0);
+    std::ifstream written(name, std::ios::binary);
+    EXPECT_EQ(written.peek(), std::char_traits<char>::eof());
+    // ...and nothing was taken: every pending byte is still there.
+    EXPECT_EQ(::recv(FdOf::get(plain), peek, sizeof peek, MSG_DONTWAIT), 100);
+    EXPECT_EQ(q.ReadBlock(peek, 100), 100);
+    std::remove(name);
 }

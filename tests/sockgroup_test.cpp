@@ -124,3 +124,21 @@ TEST_P(SockGroupPaths, InterruptedWaitIsZeroClosedDescriptorAndNegativeTimeFail)
 
 INSTANTIATE_TEST_SUITE_P(, SockGroupPaths, ::testing::Values(false, true),
                          [](const ::testing::TestParamInfo<bool>& i) { return i.param ? "AboveSelectLimit" : "BelowSelectLimit"; });
+
+TEST(SockGroup, UnlimitedWaitWithNoDescriptorAtAllFailsAtOnce) {
+    CSockGroup g;
+    TCPSocket never_opened, closed;
+    ASSERT_EQ(closed.Open(), 0);
+    closed.Close();
+    g.Add(&never_opened, POLL_READ);
+    g.Add(&closed, POLL_READ | POLL_WRITE);
+    capture::Scope log;
+    const auto t0 = testnet::Clock::now();
+    EXPECT_EQ(g.Poll(-1, 0), -9);
+    EXPECT_LT(testnet::SecondsSince(t0), 1.0);
+    EXPECT_TRUE(capture::Contains("nothing to wait for in socket group", 3));
+    EXPECT_EQ(g.GetState(&closed), 0);
+    // A limited wait still takes its time and times out, as before.
+    EXPECT_EQ(g.Poll(0, 100000), 0);
+    EXPECT_GE(testnet::SecondsSince(t0), 0.09);
+}

@@ -1,11 +1,16 @@
 #include <linnet/stream.h>
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <thread>
@@ -44,6 +49,45 @@ struct Link {
     testnet::Pair pair;
     ProbeSocket sock;
 };
+
+std::atomic<int> g_ticks{0};
+void OnTick(int) { g_ticks.fetch_add(1, std::memory_order_relaxed); }
+
+// While alive: SIGALRM every `usec` with an SA_RESTART handler, as a host
+// with a periodic timer has it. Disarmed and the old handler put back on
+// every way out of the test.
+class IntervalTimer {
+public:
+    explicit IntervalTimer(long usec) {
+        g_ticks = 0;
+        struct sigaction sa {};
+        sa.sa_handler = OnTick;
+        sa.sa_flags = SA_RESTART;
+        sigemptyset(&sa.sa_mask);
+        ::sigaction(SIGALRM, &sa, &old_);
+        const itimerval t{{0, usec}, {0, usec}};
+        ::setitimer(ITIMER_REAL, &t, nullptr);
+    }
+    ~IntervalTimer() {
+        const itimerval off{};
+        ::setitimer(ITIMER_REAL, &off, nullptr);
+        ::sigaction(SIGALRM, &old_, nullptr);
+    }
+    IntervalTimer(const IntervalTimer&) = delete;
+    IntervalTimer& operator=(const IntervalTimer&) = delete;
+
+private:
+    struct sigaction old_;
+};
+
+// Keeps SIGALRM away from the calling (helper) thread, so that the timer
+// interrupts the thread under test.
+void BlockAlarmHere() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGALRM);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
 
 void ReadHugeBlockInChild(Link* l) {
     rlimit rl{1ul << 30, 1ul << 30};
@@ -186,4 +230,76 @@ TEST(SockStreamBlock, FailedAllocationFlushesInput) {
     l.Send(&len, 4);
     l.Send("pending", 7);
     EXPECT_EXIT(ReadHugeBlockInChild(&l), ::testing::ExitedWithCode(0), "");
+}
+
+TEST(SockStreamSignals, PeriodicTimerNeitherCutsWritesNorEndsReads) {
+    Link l;
+    l.sock.SetSndBufSize(16384);  // the writer waits in Poll most of the time
+    const unsigned kBlock = (8u << 20) / testnet::Scale();
+    std::vector<unsigned char> one(kBlock), two(kBlock);
+    for (unsigned i = 0; i < kBlock; ++i) {
+        one[i] = static_cast<unsigned char>(i * 13 + (i >> 11));
+        two[i] = static_cast<unsigned char>(i * 7 + (i >> 13) + 1);
+    }
+    std::vector<unsigned char> got(2 * (4 + kBlock));
+    bool peer_ok = false;
+    std::thread peer([&] {
+        BlockAlarmHere();
+        peer_ok = true;
+        // Steadily, 32 KiB at a time with a 1 ms pause: the timer fires many
+        // times while the writer waits for room.
+        for (size_t done = 0; peer_ok && done < got.size(); done += 32768) {
+            peer_ok = testnet::ReadAll(l.peer(), got.data() + done, std::min<size_t>(32768, got.size() - done));
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    int first = 1, second = 1, ticks = 0;
+    {
+        IntervalTimer timer(10000);
+        SockStream s(&l.sock, 2000000, 5);
+        first = s.WriteBlock(one.data(), kBlock);
+        second = s.WriteBlock(two.data(), kBlock);
+        ticks = g_ticks;
+    }
+    l.sock.Close();  // a peer still waiting for lost bytes sees the end
+    peer.join();
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, 0);
+    EXPECT_GT(ticks, 5);
+    ASSERT_TRUE(peer_ok);
+    EXPECT_EQ(std::memcmp(got.data(), &kBlock, 4), 0);
+    EXPECT_EQ(std::memcmp(got.data() + 4, one.data(), kBlock), 0);
+    EXPECT_EQ(std::memcmp(got.data() + 4 + kBlock, &kBlock, 4), 0);
+    EXPECT_EQ(std::memcmp(got.data() + 8 + kBlock, two.data(), kBlock), 0);
+
+    // A read whose final time-out is 0 ends at its first step time-out, not
+    // at the first tick of the timer: the data comes 300 ms into a 2 s step.
+    Link r;
+    std::thread late([&] {
+        BlockAlarmHere();
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        r.Send("late", 4);
+    });
+    char buf[4] = {};
+    int read = 0;
+    {
+        IntervalTimer timer(10000);
+        read = SockStream(&r.sock, 2000000, 0).Read(buf, 4);
+    }
+    late.join();
+    EXPECT_EQ(read, 4);
+    EXPECT_EQ(std::memcmp(buf, "late", 4), 0);
+}
+
+TEST(SockStreamBlock, BlockCutShortByTheStepTimeOutIsAFailureOfThatStep) {
+    Link l;  // the peer never reads
+    l.sock.SetSndBufSize(4096);
+    SockStream s(&l.sock, 200000, 1);
+    std::vector<unsigned char> big(16 << 20, 'b');
+    capture::Scope log;
+    EXPECT_EQ(s.WriteBlock(big.data(), static_cast<unsigned>(big.size())), -2);  // the body
+    EXPECT_TRUE(capture::Contains("write failed, exiting", 11));
+    EXPECT_EQ(s.WriteBlock(big.data(), 1), -1);  // no room left even for the header
+    const unsigned char small[3] = {1, 2, 3};
+    EXPECT_EQ(s.Write(const_cast<unsigned char*>(small), 3), 0);  // the stream itself still says 0
 }

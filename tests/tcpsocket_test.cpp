@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -45,6 +46,32 @@ void WriteAfterResetInChild() {
     bool ok = s.OpenFD(pair.client.release(), 0) == 0 && s.Poll(POLL_READ, 2, 0) == POLL_READ;
     char data[16] = {0};
     for (int i = 0; i < 2; ++i) ok = ok && s.Write(data, sizeof data) == -14;
+    _exit(ok ? 0 : 3);
+}
+
+// A pipe adopted with OpenFD: writing after the reader has gone is -14, not
+// SIGPIPE; the signal mask is left as it was, and a SIGPIPE the host itself
+// had pending (blocked) stays pending.
+void WriteToWidowedPipeInChild() {
+    signal(SIGPIPE, SIG_DFL);  // a default host would die of SIGPIPE
+    int fds[2];
+    if (::pipe(fds) != 0) _exit(2);
+    ::close(fds[0]);
+    TCPSocket s;
+    bool ok = s.OpenFD(fds[1], 0) == 0;
+    char data[16] = {0};
+    for (int i = 0; i < 2; ++i) ok = ok && s.Write(data, sizeof data) == -14;
+    sigset_t now, pending;
+    pthread_sigmask(SIG_SETMASK, nullptr, &now);
+    ok = ok && !sigismember(&now, SIGPIPE);
+    sigset_t pipe_only;
+    sigemptyset(&pipe_only);
+    sigaddset(&pipe_only, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe_only, nullptr);
+    ::raise(SIGPIPE);  // the host's own, blocked and pending
+    ok = ok && s.Write(data, sizeof data) == -14;
+    sigpending(&pending);
+    ok = ok && sigismember(&pending, SIGPIPE);
     _exit(ok ? 0 : 3);
 }
 
@@ -113,6 +140,10 @@ TEST(TcpSocket, ReadAndWriteReportTheirFixedCodes) {
 
 TEST(TcpSocket, WriteAfterPeerResetReturnsMinus14WithoutSigpipe) {
     EXPECT_EXIT(WriteAfterResetInChild(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST(TcpSocket, WriteToAnAdoptedPipeWithoutReaderReturnsMinus14WithoutSigpipe) {
+    EXPECT_EXIT(WriteToWidowedPipeInChild(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(TcpSocket, OpenFDRefusesAnOpenObjectAndKeepsPortUnlessGiven) {

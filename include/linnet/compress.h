@@ -18,28 +18,20 @@
 // both ends switch at the same point of the byte stream by agreement of the
 // application protocol.
 //
-// Two hazards are kept as they are; protocols must live with them:
-//  1. CompressedTCPSocket::Read reads new socket data to the START of its raw
-//     input buffer. Compressed input that the decompressor could not take
-//     (its slab of five times the receive buffer size full of decoded bytes
-//     not yet read: data compressing better than 5:1, or a reader taking
-//     small pieces while much more is on the way) is then overwritten and the
-//     stream is corrupt from there on (Read returns 0 for ever). Memory stays
-//     safe; the data does not. A reader of a corrupt stream whose raw buffer
-//     is full no longer drains the socket, which therefore stays readable: a
-//     SockStream over it polls and reads 0 until something else ends the
-//     exchange, so a server keeps a deadline of its own per connection. It cannot happen while the plain bytes the
-//     peer has sent ahead of this end's reading stay below five times the
-//     receive buffer size (request/response exchanges, bounded bursts with an
-//     acknowledgement), or while every Read is given a buffer at least that
-//     large and the data compresses less than 5:1.
-//  2. Switching compression off and on again does not reset the count of raw
-//     input bytes held: unconsumed compressed input at the moment of
-//     switching off reappears after the next switch on as that many zero
-//     bytes (at most the new buffer's size) at the start of the new raw
-//     buffer, which inflate takes for received data. Switch only where all
-//     compressed input has been consumed (for instance right after a
-//     complete block was read, with both ends' output fully flushed).
+// What a peer that runs ahead costs: memory bounded by the buffers, and
+// time, never data. CompressedTCPSocket::Read reads new socket data behind
+// the compressed bytes inflate has not taken yet, and reads nothing while
+// that raw input buffer is full (the decompressor's slab of five times the
+// receive buffer size full of decoded bytes not yet read); the rest waits
+// in the kernel. Switching compression off or on empties the raw input, so
+// nothing from an earlier stream is ever decoded as received data.
+// Stricter: new input used to be read to the START of the raw buffer, over
+// unconsumed bytes (a peer running ahead corrupted the stream while Read
+// reported success), and the raw fill count used to survive an off-on cycle.
+//
+// A reader of a corrupt stream whose raw buffer is full no longer drains the
+// socket, which therefore stays readable; this class's Poll then reports it
+// not readable, so a SockStream over it ends by its final time-out.
 #ifndef LINNET_COMPRESS_H
 #define LINNET_COMPRESS_H
 
@@ -141,7 +133,8 @@ public:
 // its buffer sizes: the compressor's slab is the send buffer size, the
 // decompressor's five times the receive buffer size, the raw input buffer the
 // receive buffer size (sizes as at switch-on; the receive buffer size is taken
-// between 0 and INT_MAX / 5). See the two kept hazards at the top of this file.
+// between 0 and INT_MAX / 5). Negative lengths are refused with -22 while
+// compression is on, as TCPSocket refuses them while it is off.
 // A socket group polls the descriptor only: decoded bytes already buffered
 // are seen by this class's own Poll, not by a group. Close does not switch
 // compression off; the destructor does.
@@ -149,30 +142,37 @@ class LINNET_API CompressedTCPSocket : public TCPSocket {
 public:
     // Compression off.
     CompressedTCPSocket();
-    // Switches compression off first (CleanupCompression, which sends all
-    // pending output and so waits for a stalled peer), then closes.
+    // Switches compression off first (CleanupCompression: at most one second
+    // without progress for the pending output, then it is dropped), then
+    // closes. Stricter: it used to spin for ever on a peer that never reads.
     ~CompressedTCPSocket() override;
     // Compression off: TCPSocket::Write. On: deflates what the compressor
     // takes and sends as much of its output as the socket takes now. Returns
     // the plain bytes accepted (0 when the compressor is full: offer them
-    // again later), or the socket's negative code unchanged.
+    // again later), -22 for a negative len, or the socket's negative code
+    // unchanged.
     int Write(void* buf, int len) override;
     using TCPSocket::Write;  // Write(const T*, len)
     // Compression off: TCPSocket::Read. On: one socket read (skipped while
-    // the raw buffer is full) into the START of the raw buffer, inflate, then
+    // the raw buffer is full) behind the unconsumed raw input, inflate, then
     // the plain bytes available now, up to len: 0 when none (also for ever
-    // after corrupt input), or the socket's negative code unchanged. The
+    // after corrupt input), -22 for a negative len, or the socket's negative
+    // code unchanged. The
     // socket is read first, so at end of stream Read gives -32 even while
     // decoded bytes remain: end an exchange before closing, not by closing.
     int Read(void* buf, int len) override;
     // Compression on: buffered state answers first. Readable when decoded
     // bytes are waiting, writable while the compressor's pending output is
-    // below the send buffer size; the socket is asked (NonBlockSocket::Poll)
-    // only for the bits not answered so. Never readable while nothing is
-    // decoded and the raw buffer stays full (inflate takes no more: corrupt
-    // input), as Read could deliver nothing: a stream reader then ends by its
-    // final time-out. Returns the ready bits; on a failed wait the known bits
-    // are OR-ed into the negative code (still negative).
+    // below the send buffer size and below its slab's size; the socket is
+    // asked (NonBlockSocket::Poll) only for the bits not answered so. Never
+    // readable while nothing is decoded and the raw buffer stays full
+    // (inflate takes no more: corrupt input), and never writable when the
+    // compressor has a slab of 0 bytes (switched on with a send buffer size
+    // of 0: it takes nothing), as Read/Write could move nothing: a stream
+    // then ends by its time-outs. Returns the ready bits; on a failed wait
+    // the known bits are OR-ed into the negative code (still negative).
+    // Stricter: a compressor that can take nothing used to be reported
+    // writable whenever the socket was, so SockStream::Write looped for ever.
     int Poll(int events, int seconds, int microseconds) override;
 
     // Sync-flushes the compressor and makes one attempt to send its output:
@@ -180,10 +180,12 @@ public:
     // rest stays queued), the socket's negative code, -255 when compression
     // is off.
     virtual int Flush();
-    // Sync-flushes and sends all of the compressor's output, spinning on a
-    // zero-time writability check: 0, the socket's or Poll's negative code,
-    // -255 when compression is off. A peer that stops reading keeps it
-    // spinning.
+    // Sync-flushes and sends all of the compressor's output, waiting for
+    // room in NonBlockSocket::Poll: 0; -110 when 5 seconds pass without a
+    // byte going out (the rest stays queued in the compressor); the socket's
+    // or Poll's negative code; -255 when compression is off.
+    // Stricter: it used to spin at full CPU, for ever on a peer that stops
+    // reading.
     virtual int FullFlush();
     // Stores, for each non-null pointer: compressed bytes received and
     // inflated, plain bytes delivered, compressed bytes sent, plain bytes
@@ -192,11 +194,12 @@ public:
                                      int* in_plain);
 
     // Switches on: 0, or -255 when already on (nothing changed). The raw
-    // input buffer is zero-filled; the raw fill count is not reset.
+    // input starts empty.
     int InitCompression();
-    // Switches off: FullFlush (result ignored), then discards undelivered
-    // plain output and unconsumed compressed input. 0, or -255 when already
-    // off. The raw fill count is not reset.
+    // Switches off: a final flush that gets at most one second without
+    // progress (what is still pending then is dropped, with a level-4 line),
+    // then discards undelivered plain output and unconsumed compressed
+    // input. 0, or -255 when already off.
     int CleanupCompression();
     // Nonzero: InitCompression(); zero: CleanupCompression().
     int SwitchCompression(int on);

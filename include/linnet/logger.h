@@ -25,8 +25,9 @@ int dbg_can_log(int level);
 
 // The sink. `origin` is the emitting function (levels 1 to 3) or
 // "function: [file:line]" (levels 4 and above, stream style). Stream-style
-// messages pass their collected text as `format`, with no arguments: a '%'
-// in such a text is read by the host's formatter.
+// messages pass their collected text as `format`, with no arguments, every
+// '%' in it doubled: a printf-style host prints the text exactly.
+// Stricter: the '%' used to be passed as it was, and read by the formatter.
 void _debug(const char* origin, int level, const char* format, ...);
 
 // The host's verbosity; read only by CRouteTable::Dump (which does nothing

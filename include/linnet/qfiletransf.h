@@ -35,11 +35,13 @@ public:
     // Disabled: -1, nothing opened.
     int Open() override;
     // Puts len bytes into the file: 0 when all were taken, else -1 (also
-    // when the file is not open or not writable).
+    // when the file is not open or not writable); -22 for a negative len.
+    // Stricter: a negative len is -22, nothing written (it used to be -1).
     int Write(void* buf, int len) override;
     using QueuedTCPSocket::Write;  // Write(const T*, len)
     // Gets len bytes from the file: 0 when exactly len came, else -1 (a
-    // short read at the end of the file consumes what was left and is -1).
+    // short read at the end of the file consumes what was left and is -1);
+    // -22 for a negative len, nothing read (stricter: it used to be -1).
     int Read(void* buf, int len) override;
     // Closes the file only (the socket and the queues are left alone):
     // nonzero when it was open and closed cleanly, 0 otherwise.

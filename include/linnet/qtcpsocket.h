@@ -46,7 +46,9 @@ public:
     ~SocketQueue();
 
     // Appends a chunk (copied with array new when copy is nonzero): returns
-    // size; -1 when size is negative or memory is short, the queue unchanged.
+    // size; -22 when size is negative, -1 when memory is short, the queue
+    // unchanged either way.
+    // Stricter: a negative size is -22 (it used to be -1).
     int PutBack(void* data, int size, int copy);
     // The same, the chunk becoming the new head.
     int PutFront(void* data, int size, int copy);
@@ -88,16 +90,20 @@ public:
     // the constructor (their results ignored): 0, or Open's negative code.
     int Open() override;
     // Queues a copy of the len bytes; nothing is sent. Returns len; -1 when
-    // the copy cannot be made (or len is negative), nothing queued.
+    // the copy cannot be made, -22 when len is negative; nothing queued.
+    // Stricter: a negative len is -22 (it used to be -1).
     int Write(void* buf, int len) override;
     using TCPSocket::Write;  // Write(const T*, len): queues a copy as well
     // Takes exactly one input chunk: its size (0 when none is queued) after
     // copying it into buf. -1, nothing taken, when the chunk is longer than
-    // len. With a null buf: the first chunk's size, nothing taken.
+    // len; -22, nothing taken, when len is negative. With a null buf: the
+    // first chunk's size, nothing taken.
     int Read(void* buf, int len) override;
     // Empties the output queue, then the input queue (the queues are kept,
     // the object can be opened again), then closes the descriptor: 0.
     int Close() override;
+    // The INIT_* bits, as for any socket.
+    int GetInitState() const override;
 
     using TCPSocket::OpenFD;
     // Adopts a connected descriptor like TCPSocket::OpenFD(fd, 0), then sets
@@ -105,8 +111,8 @@ public:
     int OpenFD(int fd);
     // Takes exactly len bytes across chunk borders; a chunk cut in two has
     // its rest put back at the front. Returns len; the total queued when it
-    // is 0 or buf is null; -1 when fewer than len bytes (or a negative len)
-    // are queued, nothing taken; -2 when the scratch buffer for a cut chunk
+    // is 0 or buf is null; -1 when fewer than len bytes are queued, -22 for
+    // a negative len, nothing taken; -2 when the scratch buffer for a cut chunk
     // cannot be had (the whole chunks already copied stay taken).
     int ReadBlock(void* buf, int len);
     // which 1: size of the first input chunk; 2: of the first output chunk;
@@ -118,8 +124,12 @@ public:
     // (POLL_READ): one TCPSocket::Read of up to rcvSize_ bytes, queued as
     // one input chunk. *status (when not null) is set to 0, then gets 2 when
     // the send failed (the chunk being sent is lost, the receive phase is
-    // skipped) and 1 when the receive failed or met end of stream; each
-    // failure also queues the close marker for input. Returns true when
+    // skipped) and 1 when the receive failed or met end of stream, on every
+    // call that meets it. The close marker is queued for input once per
+    // connection end (until Close or a new Open/OpenFD), however often
+    // Process meets the end again, also after the owner took it.
+    // Stricter: one marker per end; every call after the end used to queue
+    // another. Returns true when
     // anything was sent or received or a failure was queued; false when
     // nothing moved, or no receive buffer could be allocated.
     bool Process(int events, int* status);

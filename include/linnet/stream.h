@@ -8,6 +8,11 @@
 //   - the step time-out: how long one Poll may wait;
 //   - the final time-out (reads only): whole seconds without the socket
 //     becoming readable before a Read gives up with -110.
+// A wait that a signal interrupts (Poll gives 0 with LastError() 4) is
+// resumed for the rest of its step: only a step that ran out in real time
+// counts as a step time-out.
+// Stricter: an interrupted wait no longer counts as a step time-out (a host
+// timer used to end writes early, and reads with a final time-out of 0).
 //
 // The stream neither owns nor closes its socket; keep the socket alive while
 // the stream is used. One thread at a time.
@@ -60,9 +65,11 @@ public:
     void Flush();
 
     // Sends one block: the 4-byte length, then the body (also when size is
-    // 0). 0 on success; -1 when the header write failed, -2 when the body
-    // write failed. A write that ran into the step time-out counts as
-    // success (Write gives 0 for it, which is not negative).
+    // 0). 0 on success, the whole block handed to the socket; -1 when the
+    // header was not written whole, -2 when the body was not (an error, or
+    // a step time-out: Write's 0), each logged "write failed, exiting".
+    // Stricter: a header or body cut by the step time-out is -1/-2; it used
+    // to be reported as sent (0).
     int WriteBlock(void* data, unsigned size);
     // Const data, handed on unchanged to the one above.
     template <typename T, typename std::enable_if<std::is_const<T>::value, int>::type = 0>

@@ -43,7 +43,9 @@ public:
     int Read(void* buf, unsigned int size, unsigned int* ip, unsigned short* port, int flags);
     // One datagram to ip:port: bytes sent (0 for an empty datagram, and 0
     // when the send buffer is full: the datagram is then dropped); -22
-    // without descriptor; -errno otherwise. Never raises SIGPIPE.
+    // without descriptor or for a negative size (nothing sent); -errno
+    // otherwise. Never raises SIGPIPE.
+    // Stricter: a negative size is refused with -22 before any system call.
     int Write(unsigned int ip, unsigned short port, void* buf, int size);
     // The same for const data, which Write only reads.
     template <typename T, typename std::enable_if<std::is_const<T>::value, int>::type = 0>

@@ -1,4 +1,5 @@
 #include <linnet/compress.h>
+#include <time.h>
 
 #include <climits>
 #include "compress/shift.h"
@@ -10,6 +11,44 @@ namespace {
 
 // -255: this class's own code for a call made in the wrong state.
 const int kWrongState = -255;
+
+// How long a flush may go without a byte leaving before it gives up: a
+// user's FullFlush, and the final flush of switching off (the linger time).
+const long long kFullFlushWaitUs = 5000000;
+const long long kFinalFlushWaitUs = 1000000;
+
+long long monotonic_us() {
+    timespec ts;
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+// Sync-flushes `c` and sends its output through s's plain TCP write,
+// waiting for room in s's own descriptor Poll (a real wait, never a
+// zero-time loop). 0 when everything went out; -110 when `limit_us` passed
+// without a byte leaving (the rest stays in the compressor); the socket's
+// or Poll's negative code.
+int drain(CompressedTCPSocket* s, CStreamCompressor* c, long long limit_us) {
+    c->Flush();
+    long long deadline = monotonic_us() + limit_us;
+    for (;;) {
+        char* p = nullptr;
+        const int pending = c->TryRead(&p);
+        if (pending < 1) return pending;
+        const int w = s->TCPSocket::Write(p, pending);
+        if (w < 0) return w;
+        if (w > 0) {
+            c->ConfirmRead(w);
+            deadline = monotonic_us() + limit_us;
+            continue;
+        }
+        const long long left = deadline - monotonic_us();
+        if (left <= 0) return -110;
+        const int r = s->NonBlockSocket::Poll(POLL_WRITE, static_cast<int>(left / 1000000),
+                                              static_cast<int>(left % 1000000));
+        if (r < 0) return r;
+    }
+}
 
 }  // namespace
 
@@ -41,6 +80,7 @@ int CompressedTCPSocket::InitCompression() {
     // Zero-filled: a fill count kept from an earlier switch-on then covers
     // known bytes, never uninitialised memory.
     rawIn_ = new unsigned char[rcv]();
+    rawInFill_ = 0;  // a new stream starts with no input
     compressionOn_ = 1;
     LOG_STREAM(11) << "compression on for fd_ " << fd_ << " (send slab " << sndBufSize_
                    << ", receive slab " << 5 * rcv << ")";
@@ -52,7 +92,10 @@ int CompressedTCPSocket::CleanupCompression() {
         LOG_STREAM(3) << "compression already off for fd_ " << fd_;
         return kWrongState;
     }
-    FullFlush();
+    const int flushed = drain(this, compressor_, kFinalFlushWaitUs);
+    if (flushed < 0)
+        LOG_STREAM(4) << "final flush failed on fd_ " << fd_ << " (code " << -flushed << "), dropped "
+                      << compressor_->TryRead(nullptr) << " bytes";
     compressor_->Cleanup();
     decompressor_->Cleanup();
     delete compressor_;
@@ -61,6 +104,7 @@ int CompressedTCPSocket::CleanupCompression() {
     compressor_ = nullptr;
     decompressor_ = nullptr;
     rawIn_ = nullptr;
+    rawInFill_ = 0;  // unconsumed compressed input is dropped with the buffer
     compressionOn_ = 0;
     LOG_STREAM(11) << "compression off for fd_ " << fd_;
     return 0;
@@ -72,6 +116,10 @@ int CompressedTCPSocket::SwitchCompression(int on) {
 
 int CompressedTCPSocket::Write(void* buf, int len) {
     if (!compressionOn_) return TCPSocket::Write(buf, len);
+    if (len < 0) {
+        LOG_STREAM(3) << "write of negative length " << len << " on fd_ " << fd_;
+        return -22;
+    }
     const int accepted = compressor_->Write(static_cast<char*>(buf), len);
     // Send straight from the slab while the socket takes anything.
     for (;;) {
@@ -88,15 +136,17 @@ int CompressedTCPSocket::Write(void* buf, int len) {
 
 int CompressedTCPSocket::Read(void* buf, int len) {
     if (!compressionOn_) return TCPSocket::Read(buf, len);
-    // A fill count kept across an off-on cycle may exceed a smaller new
-    // buffer: the bytes counted never lie outside it.
+    if (len < 0) {
+        LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
+        return -22;
+    }
+    // The fill count never lies outside the buffer.
     const int capacity = RawCapacity();
     if (rawInFill_ > capacity) rawInFill_ = capacity;
     if (rawInFill_ < 0) rawInFill_ = 0;
     if (rawInFill_ < capacity) {
-        // To the START of the buffer, over any unconsumed bytes: kept as it
-        // is (see the header).
-        const int r = TCPSocket::Read(rawIn_, capacity - rawInFill_);
+        // Behind the bytes inflate has not taken yet, never over them.
+        const int r = TCPSocket::Read(rawIn_ + rawInFill_, capacity - rawInFill_);
         if (r < 0) return r;
         rawInFill_ += r;
     }
@@ -126,12 +176,24 @@ int CompressedTCPSocket::Poll(int events, int seconds, int microseconds) {
         left &= ~POLL_READ;
         stuck = true;
     }
-    if ((events & POLL_WRITE) && compressor_->TryRead(nullptr) < sndBufSize_) {
-        known |= POLL_WRITE;
-        left &= ~POLL_WRITE;
+    if (events & POLL_WRITE) {
+        // Writable while the compressor has room: below the send buffer
+        // size, and below its slab's size, which an earlier switch-on fixed.
+        const int slab = compressor_->slabSize_;
+        const int room = sndBufSize_ < slab ? sndBufSize_ : slab;
+        if (compressor_->TryRead(nullptr) < room) {
+            known |= POLL_WRITE;
+            left &= ~POLL_WRITE;
+        } else if (slab == 0) {
+            // A compressor without a slab takes nothing, ever: the socket's
+            // writability would send a writer round without end.
+            left &= ~POLL_WRITE;
+            stuck = true;
+        }
     }
     if (left == 0 && (known != 0 || !stuck)) return known;
-    // Only a stuck reader waits on an empty mask: the time passes, 0 comes back.
+    // Only a stuck reader or writer waits on an empty mask: the time passes,
+    // 0 comes back.
     return known | NonBlockSocket::Poll(left, seconds, microseconds);
 }
 
@@ -154,20 +216,9 @@ int CompressedTCPSocket::FullFlush() {
         LOG_STREAM(3) << "full flush with compression off on fd_ " << fd_;
         return kWrongState;
     }
-    compressor_->Flush();
-    for (;;) {
-        char* p = nullptr;
-        const int pending = compressor_->TryRead(&p);
-        if (pending < 1) return pending;
-        int r;
-        do {
-            r = NonBlockSocket::Poll(POLL_WRITE, 0, 0);
-            if (r < 0) return r;
-        } while (r != POLL_WRITE);
-        const int w = TCPSocket::Write(p, pending);
-        if (w < 0) return w;
-        compressor_->ConfirmRead(w);
-    }
+    const int r = drain(this, compressor_, kFullFlushWaitUs);
+    if (r == -110) LOG_STREAM(11) << "full flush made no progress on fd_ " << fd_ << ", exiting";
+    return r;
 }
 
 void CompressedTCPSocket::GetCompressionStats(int* in_compressed, int* out_plain,

@@ -31,10 +31,25 @@ char* render_signed(long long v, char* end) {
 
 }  // namespace
 
+const char* as_format(const char* text, std::size_t len, char* out) {
+    const char* pct = static_cast<const char*>(std::memchr(text, '%', len));
+    if (pct == nullptr) return text;  // the usual case: no copy
+    std::size_t n = static_cast<std::size_t>(pct - text);
+    std::memcpy(out, text, n);
+    for (std::size_t i = n; i < len; ++i) {
+        if (text[i] == '%') out[n++] = '%';
+        out[n++] = text[i];
+    }
+    out[n] = '\0';
+    return out;
+}
+
 Line::~Line() {
     text_[len_] = '\0';
+    char escaped[2 * sizeof text_];
+    const char* format = as_format(text_, len_, escaped);
     if (level_ <= 3) {
-        _debug(function_, level_, text_);
+        _debug(function_, level_, format);
         return;
     }
     // "function: [file:line]", cut at 255 characters. Built by hand: this
@@ -58,7 +73,7 @@ Line::~Line() {
     put(start, static_cast<std::size_t>(end - start));
     put("]", 1);
     origin[n] = '\0';
-    _debug(origin, level_, text_);
+    _debug(origin, level_, format);
 }
 
 Line& Line::append(const char* s, std::size_t n) {

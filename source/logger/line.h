@@ -14,6 +14,12 @@
 namespace logger {
 namespace detail {
 
+// A stream-style text made safe as _debug's format: `text` itself when it
+// holds no '%' (it must then be terminated at len), otherwise a copy in
+// `out` (room for 2 * len + 1) with every '%' doubled, so a printf-style
+// host prints the text exactly and reads no argument.
+const char* as_format(const char* text, std::size_t len, char* out);
+
 class Line {
 public:
     Line(const char* function, const char* file, int line, int level)

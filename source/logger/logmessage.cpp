@@ -1,5 +1,7 @@
 #include <linnet/logger.h>
 
+#include "logger/line.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -19,7 +21,9 @@ LinuxLogMessage::~LinuxLogMessage() {
         origin = prefix;
     }
     const std::string text = str();
-    _debug(origin, level, text.c_str());
+    // Room for the doubled text only when there is a '%' to double.
+    std::string escaped(text.find('%') != std::string::npos ? 2 * text.size() + 1 : 1, '\0');
+    _debug(origin, level, detail::as_format(text.c_str(), text.size(), &escaped[0]));
     std::free(prefix);
 }
 

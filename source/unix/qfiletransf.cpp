@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <string>
 
 #include "logger/log.h"
 
@@ -33,12 +34,20 @@ int CQueuedFileTransf::Open(const char* path) {
 }
 
 int CQueuedFileTransf::Write(void* buf, int len) {
-    if (len < 0 || (buf == nullptr && len > 0)) return -1;
+    if (len < 0) {
+        LOG_STREAM(3) << "write of negative length " << len << " to " << std::string(path_, strnlen(path_, sizeof path_));
+        return -22;
+    }
+    if (buf == nullptr && len > 0) return -1;
     return file_.sputn(static_cast<const char*>(buf), len) == len ? 0 : -1;
 }
 
 int CQueuedFileTransf::Read(void* buf, int len) {
-    if (len < 0 || (buf == nullptr && len > 0)) return -1;
+    if (len < 0) {
+        LOG_STREAM(3) << "read of negative length " << len << " from " << std::string(path_, strnlen(path_, sizeof path_));
+        return -22;
+    }
+    if (buf == nullptr && len > 0) return -1;
     return file_.sgetn(static_cast<char*>(buf), len) == len ? 0 : -1;
 }
 

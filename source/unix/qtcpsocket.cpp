@@ -21,8 +21,17 @@ std::int32_t Now() { return static_cast<std::int32_t>(std::time(nullptr)); }
 // Sizes are kept unsigned; the kernel and read() take an int.
 int AsInt(std::uint32_t size) { return size > INT_MAX ? INT_MAX : static_cast<int>(size); }
 
-void QueueCloseMarker(SocketQueue* queue) {
-    queue->PutBack(const_cast<char*>(QTCPSOCK_CLOSE), QTCPSOCK_CLOSE_SIZE, 1);
+// A life-cycle bit of the library's own in initState_: the close marker of
+// the current connection has been queued. Cleared with the other bits by
+// Close and Shutdown, and by a new Open/OpenFD; never shown by GetInitState.
+const int kCloseQueued = 0x100;
+
+// Queues the close marker once per connection end, however often the end
+// is met again.
+void QueueCloseMarker(SocketQueue* queue, int* init_state) {
+    if (*init_state & kCloseQueued) return;
+    if (queue->PutBack(const_cast<char*>(QTCPSOCK_CLOSE), QTCPSOCK_CLOSE_SIZE, 1) < 0) return;
+    *init_state |= kCloseQueued;
 }
 
 }  // namespace
@@ -48,6 +57,7 @@ QueuedTCPSocket::~QueuedTCPSocket() {
 int QueuedTCPSocket::Open() {
     const int r = TCPSocket::Open();
     if (r < 0) return r;
+    initState_ &= ~kCloseQueued;
     SetSndBufSize(AsInt(sndSize_));
     SetRcvBufSize(AsInt(rcvSize_));
     return 0;
@@ -56,14 +66,27 @@ int QueuedTCPSocket::Open() {
 int QueuedTCPSocket::OpenFD(int fd) {
     const int r = TCPSocket::OpenFD(fd, 0);
     if (r < 0) return r;
+    initState_ &= ~kCloseQueued;
     SetSndBufSize(AsInt(sndSize_));
     SetRcvBufSize(AsInt(rcvSize_));
     return 0;
 }
 
-int QueuedTCPSocket::Write(void* buf, int len) { return outQueue_->PutBack(buf, len, 1); }
+int QueuedTCPSocket::GetInitState() const { return initState_ & ~kCloseQueued; }
+
+int QueuedTCPSocket::Write(void* buf, int len) {
+    if (len < 0) {
+        LOG_STREAM(3) << "write of negative length " << len << " on fd_ " << fd_;
+        return -22;
+    }
+    return outQueue_->PutBack(buf, len, 1);
+}
 
 int QueuedTCPSocket::Read(void* buf, int len) {
+    if (len < 0) {
+        LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
+        return -22;
+    }
     const int first = inQueue_->Get(nullptr, 0);
     if (buf == nullptr) return first;
     if (first > len) return -1;
@@ -71,9 +94,13 @@ int QueuedTCPSocket::Read(void* buf, int len) {
 }
 
 int QueuedTCPSocket::ReadBlock(void* buf, int len) {
+    if (len < 0) {
+        LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
+        return -22;
+    }
     const int total = inQueue_->Size();
     if (total == 0 || buf == nullptr) return total;
-    if (len < 0 || total < len) return -1;
+    if (total < len) return -1;
     if (len == 0) return 0;
 
     unsigned char* dest = static_cast<unsigned char*>(buf);
@@ -165,7 +192,7 @@ bool QueuedTCPSocket::Process(int events, int* status) {
 
     if (events & POLL_WRITE) {
         if (SendQueued(now, &sent) < 0) {
-            QueueCloseMarker(inQueue_);
+            QueueCloseMarker(inQueue_, &initState_);
             if (status != nullptr) *status |= 2;
             return true;  // the receive phase is skipped
         }
@@ -177,7 +204,7 @@ bool QueuedTCPSocket::Process(int events, int* status) {
     if (!ReceiveOnce(now, &r)) return false;
     if (r < 0) {
         LOG_STREAM(4) << "Can't read data from FD " << fd_;
-        QueueCloseMarker(inQueue_);
+        QueueCloseMarker(inQueue_, &initState_);
         if (status != nullptr) *status |= 1;
     }
     return r != 0 || sent > 0;

@@ -36,6 +36,7 @@ SocketQueue::SocketQueue() : head_(nullptr), tail_(nullptr) {}
 SocketQueue::~SocketQueue() { Clear(); }
 
 int SocketQueue::PutBack(void* data, int size, int copy) {
+    if (size < 0) return -22;
     Node* node = MakeNode(data, size, copy);
     if (node == nullptr) return -1;
     if (tail_ != nullptr)
@@ -47,6 +48,7 @@ int SocketQueue::PutBack(void* data, int size, int copy) {
 }
 
 int SocketQueue::PutFront(void* data, int size, int copy) {
+    if (size < 0) return -22;
     Node* node = MakeNode(data, size, copy);
     if (node == nullptr) return -1;
     node->next = head_;

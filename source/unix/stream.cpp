@@ -1,5 +1,8 @@
 #include <linnet/stream.h>
 
+#include <time.h>
+
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <ctime>
@@ -22,6 +25,30 @@ const unsigned kBlockPiece = 1u << 30;
 
 unsigned piece_len(unsigned remaining) {
     return remaining > kBlockPiece ? kBlockPiece : remaining;
+}
+
+long long monotonic_us() {
+    timespec ts;
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+// One step of waiting: the socket's Poll for `events` with the step
+// time-out. A wait that a signal interrupted (Poll gives 0 with LastError()
+// 4) is resumed for what is left of the step, so a 0 from here is a step
+// time-out in real time: a host's periodic timer neither ends an operation
+// early nor stretches a step.
+int step_poll(TCPSocket* sock, int events, unsigned sec, unsigned usec) {
+    int s = static_cast<int>(sec), u = static_cast<int>(usec);
+    const long long end = monotonic_us() + static_cast<long long>(s) * 1000000 + u;
+    for (;;) {
+        const int r = sock->Poll(events, s, u);
+        if (r != 0 || sock->LastError() != EINTR) return r;
+        const long long left = end - monotonic_us();
+        if (left <= 0) return 0;
+        s = static_cast<int>(left / 1000000);
+        u = static_cast<int>(left % 1000000);
+    }
 }
 
 }  // namespace
@@ -50,7 +77,7 @@ int SockStream::Read(void* buf, unsigned size) {
     unsigned total = 0;
     int r = 0;
     while (total < size) {
-        r = sock_->Poll(POLL_READ, static_cast<int>(timeoutSec_), static_cast<int>(timeoutUsec_));
+        r = step_poll(sock_, POLL_READ, timeoutSec_, timeoutUsec_);
         if (r < 0) {
             LOG_STREAM(11) << "poll returned " << r << " on fd " << sock_->fd_ << ", exiting";
             break;
@@ -94,7 +121,7 @@ int SockStream::Write(void* buf, unsigned size) {
     unsigned total = 0;
     int r = 0;
     while (total < size) {
-        r = sock_->Poll(POLL_WRITE, static_cast<int>(timeoutSec_), static_cast<int>(timeoutUsec_));
+        r = step_poll(sock_, POLL_WRITE, timeoutSec_, timeoutUsec_);
         if (r != POLL_WRITE) {
             LOG_STREAM(11) << "poll returned " << r << " on fd " << sock_->fd_ << ", exiting";
             break;
@@ -131,7 +158,9 @@ void SockStream::Flush() {
 int SockStream::WriteBlock(void* data, unsigned size) {
     LOG_STREAM(11) << "writing block size (" << size << ")";
     std::uint32_t header = size;  // host byte order on the wire
-    if (Write(&header, sizeof header) < 0) {
+    // Anything but the whole count is a failure of that step, a step
+    // time-out (Write's 0) included: a cut block is never reported sent.
+    if (Write(&header, sizeof header) != static_cast<int>(sizeof header)) {
         LOG_STREAM(11) << "write failed, exiting";
         return -1;
     }
@@ -140,7 +169,7 @@ int SockStream::WriteBlock(void* data, unsigned size) {
     unsigned done = 0;
     do {
         const unsigned piece = piece_len(size - done);
-        if (Write(body + done, piece) < 0) {
+        if (Write(body + done, piece) != static_cast<int>(piece)) {
             LOG_STREAM(11) << "write failed, exiting";
             return -2;
         }
