@@ -206,7 +206,7 @@ TEST(ConstWrite, QueueCopiesConstChunksAndKeepsTheirOrder) {
     const char front[] = "front";
     EXPECT_EQ(q.PutBack(back, 4), 4);
     EXPECT_EQ(q.PutFront(front, 5), 5);
-    EXPECT_EQ(q.PutBack(static_cast<const char*>(nullptr), -1), -1);
+    EXPECT_EQ(q.PutBack(static_cast<const char*>(nullptr), -1), -22);
     EXPECT_EQ(q.Size(), 9);
     const char* const sources[] = {front, back};
     const char* const texts[] = {"front", "back"};
