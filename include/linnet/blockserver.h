@@ -32,7 +32,8 @@
 //
 // Memory per connection is bounded by the options:
 //   input   at most maxBlock + 4 + readSize bytes (one incomplete block and
-//           one read);
+//           one read; with compression one read is the decompressor's slab,
+//           five times the receive buffer size, when that is larger);
 //   output  reading pauses while more than 2 x (maxBlock + 4) bytes of
 //           replies wait, so at most that plus the replies to one read's
 //           blocks (for an echo: readSize plus 4 per block in it), plus, when
@@ -81,6 +82,7 @@ enum class BlockEnd {
     kStalledReader,  // -110 replies waiting, none taken for deadlineMs
     kRefused,        //  -22 the host refused a block (OnBlock < 0), or bytes
                      //      arrived behind a block that switches compression
+    kCorrupt,        //   -5 compressed input that inflate no longer takes
     kShutdown,       //    0 the server was destroyed with it open
 };
 LINNET_API const char* BlockEndName(BlockEnd e);
@@ -107,7 +109,10 @@ public:
     // stream, -14, -22) is passed on; -3 when the buffer cannot grow; -22
     // for a null s. The CompressedTCPSocket overload knows that the socket
     // holds decoded bytes no poll can see: call it again (after taking the
-    // blocks) until MayHaveMore is false.
+    // blocks) until MayHaveMore is false. With compression on it asks for
+    // all the decompressor can hold (five times the receive buffer size, if
+    // that is more than readSize), so that the socket's next read never
+    // lands on compressed input not yet inflated.
     int ReadFrom(NonBlockSocket* s, long long now);
     int ReadFrom(CompressedTCPSocket* s, long long now);
     // Moves every chunk queued for input into the buffer (no walk over the
@@ -171,10 +176,10 @@ public:
     CBlockAssembler& operator=(const CBlockAssembler&) = delete;
 
 private:
-    int ReadInto(NonBlockSocket* s, bool compressed, long long now);
+    int ReadInto(NonBlockSocket* s, bool compressed, int size, long long now);
     bool Room(int n);     // free space for n more input bytes
     bool OutRoom(int n);  // free space for n more reply bytes
-    int InputRoom() const;
+    int InputRoom(int size) const;
     void Arrived(int before, long long now);
     int Sent(int w, bool progress, long long now);
     bool Paused() const;
@@ -230,7 +235,9 @@ public:
     // back-off ends sooner; 0 when a compressed connection holds decoded
     // input), accepts up to 64 connections, reads, hands each whole block to
     // OnBlock, sends each connection's replies in one write, and ends the
-    // connections that broke a limit. Returns the group's Poll result (a
+    // connections that broke a limit. A compressed connection whose input
+    // inflate no longer takes (corrupt) while its raw buffer is full would
+    // stay readable for ever: it ends at once (kCorrupt). Returns the group's Poll result (a
     // count, 0, or negative when the wait failed: -9, -22).
     // When accept fails for want of descriptors or memory the listener is
     // left out of the poll for 100 ms, then tried again: no spin, and new

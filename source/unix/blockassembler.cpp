@@ -8,6 +8,10 @@
 
 namespace {
 
+struct SlabPeek : CCompressorSlab {
+    static int Size(const CCompressorSlab& s) { return s.*(&SlabPeek::slabSize_); }
+};
+
 // The compressor's pending output of a compressed socket, read through a
 // pointer to the protected members (no object of this type is ever made).
 struct CompressorPeek : CompressedTCPSocket {
@@ -16,6 +20,13 @@ struct CompressorPeek : CompressedTCPSocket {
         CStreamCompressor* CompressedTCPSocket::*z = &CompressorPeek::compressor_;
         if (!(s->*on) || (s->*z) == nullptr) return 0;
         return (s->*z)->TryRead(nullptr);
+    }
+    // Plain bytes the decompressor can hold: one Read asking this much takes
+    // them all, so the next socket read never lands on compressed input the
+    // decompressor has not taken yet.
+    static int DecodedCapacity(CompressedTCPSocket* s) {
+        CStreamDecompressor* CompressedTCPSocket::*d = &CompressorPeek::decompressor_;
+        return (s->*d) == nullptr ? 0 : SlabPeek::Size(*(s->*d));
     }
     static bool On(CompressedTCPSocket* s) {
         int CompressedTCPSocket::*on = &CompressorPeek::compressionOn_;
@@ -53,6 +64,7 @@ const char* BlockEndName(BlockEnd e) {
         case BlockEnd::kIdle: return "idle";
         case BlockEnd::kStalledReader: return "stalled reader";
         case BlockEnd::kRefused: return "refused";
+        case BlockEnd::kCorrupt: return "corrupt input";
         case BlockEnd::kShutdown: return "shutdown";
     }
     return "?";
@@ -67,6 +79,7 @@ int BlockEndCode(BlockEnd e) {
         case BlockEnd::kCutBody: return -4;
         case BlockEnd::kSendFailed: return -14;
         case BlockEnd::kRefused: return -22;
+        case BlockEnd::kCorrupt: return -5;
         case BlockEnd::kShutdown: return 0;
         default: return -110;
     }
@@ -109,11 +122,11 @@ bool CBlockAssembler::Room(int n) {
     return Grow(&in_, &inCap_, static_cast<long long>(inEnd_) + n);
 }
 
-int CBlockAssembler::InputRoom() const {
+int CBlockAssembler::InputRoom(int size) const {
     // One incomplete block (header included) and one read at most.
-    const long long cap = static_cast<long long>(options_.maxBlock) + 4 + options_.readSize;
+    const long long cap = static_cast<long long>(options_.maxBlock) + 4 + size;
     const long long room = cap - QueuedInput();
-    return static_cast<int>(room < options_.readSize ? (room > 0 ? room : 0) : options_.readSize);
+    return static_cast<int>(room < size ? (room > 0 ? room : 0) : size);
 }
 
 void CBlockAssembler::Arrived(int before, long long now) {
@@ -121,16 +134,20 @@ void CBlockAssembler::Arrived(int before, long long now) {
     lastInput_ = now;
 }
 
-int CBlockAssembler::ReadFrom(NonBlockSocket* s, long long now) { return ReadInto(s, false, now); }
-
-int CBlockAssembler::ReadFrom(CompressedTCPSocket* s, long long now) {
-    return ReadInto(s, s != nullptr && CompressorPeek::On(s), now);
+int CBlockAssembler::ReadFrom(NonBlockSocket* s, long long now) {
+    return ReadInto(s, false, options_.readSize, now);
 }
 
-int CBlockAssembler::ReadInto(NonBlockSocket* s, bool compressed, long long now) {
+int CBlockAssembler::ReadFrom(CompressedTCPSocket* s, long long now) {
+    const bool on = s != nullptr && CompressorPeek::On(s);
+    const int size = on ? CompressorPeek::DecodedCapacity(s) : 0;
+    return ReadInto(s, on, size > options_.readSize ? size : options_.readSize, now);
+}
+
+int CBlockAssembler::ReadInto(NonBlockSocket* s, bool compressed, int size, long long now) {
     more_ = false;
     if (s == nullptr) return -22;
-    const int want = InputRoom();
+    const int want = InputRoom(size);
     if (want == 0) {
         more_ = true;  // the caller has blocks to take first
         return 0;

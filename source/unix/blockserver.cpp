@@ -18,6 +18,20 @@ struct FdPeek : NonBlockSocket {
     static int Fd(const NonBlockSocket& s) { return s.*(&FdPeek::fd_); }
 };
 
+// The compressed input a socket holds but cannot inflate. A full raw buffer
+// that gave no plain byte is stuck for good: the socket is no longer read,
+// so it stays readable, and polling it again would spin.
+struct SlabPeek : CCompressorSlab {
+    static int Size(const CCompressorSlab& s) { return s.*(&SlabPeek::slabSize_); }
+};
+struct RawPeek : CompressedTCPSocket {
+    static bool Stuck(const CompressedTCPSocket& s) {
+        if (!(s.*(&RawPeek::compressionOn_))) return false;
+        const CStreamDecompressor* d = s.*(&RawPeek::decompressor_);
+        return d != nullptr && s.*(&RawPeek::rawInFill_) >= SlabPeek::Size(*d) / 5;
+    }
+};
+
 bool OutOfDescriptors(int code) {
     return code == -EMFILE || code == -ENFILE || code == -ENOBUFS || code == -ENOMEM;
 }
@@ -158,6 +172,10 @@ bool CBlockServer::Serve(Conn& c, long long now, BlockEnd* why) {
             if (r < 0) {  // end of stream or reset: what is answered goes out first
                 a.Send(&c.sock, now);
                 *why = a.EndOnClose();
+                return false;
+            }
+            if (r == 0 && k == 0 && RawPeek::Stuck(c.sock)) {
+                *why = BlockEnd::kCorrupt;
                 return false;
             }
             c.rec.bytesIn += static_cast<unsigned>(r);
