@@ -384,9 +384,12 @@ TEST(BlockServer, AnswersEveryBlockOfAPipelinedBurst) {
         ASSERT_EQ(0, sock.Connect(testnet::Loopback(), server.Port(), 5, 0));
         if (compressed) sock.SwitchCompression(1);
         CompressedSockStream stream(&sock, 100000, 5);
-        for (const std::string& b : bodies)
+        for (const std::string& b : bodies) {
             EXPECT_EQ(0, stream.WriteBlock(const_cast<char*>(b.data()), static_cast<unsigned>(b.size())));
-        if (compressed) EXPECT_EQ(0, sock.FullFlush());
+        }
+        if (compressed) {
+            EXPECT_EQ(0, sock.FullFlush());  // the whole burst in one flush
+        }
         int answers = 0;
         for (const std::string& b : bodies) {
             unsigned char* got = nullptr;

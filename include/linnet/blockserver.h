@@ -55,6 +55,9 @@
 #include <cstdint>
 #include <vector>
 
+// Private helpers stay out of the exported symbols (undefined again below).
+#define LINNET_BLOCK_PRIVATE __attribute__((visibility("hidden")))
+
 // Limits and deadlines of every connection (times in milliseconds).
 struct LINNET_API CBlockOptions {
     unsigned maxBlock = 1u << 20;  // longest body accepted, bytes
@@ -176,14 +179,14 @@ public:
     CBlockAssembler& operator=(const CBlockAssembler&) = delete;
 
 private:
-    int ReadInto(NonBlockSocket* s, bool compressed, int size, long long now);
-    bool Room(int n);     // free space for n more input bytes
-    bool OutRoom(int n);  // free space for n more reply bytes
-    int InputRoom(int size) const;
-    void Arrived(int before, long long now);
-    int Sent(int w, bool progress, long long now);
-    bool Paused() const;
-    bool InBlock() const;
+    LINNET_BLOCK_PRIVATE int ReadInto(NonBlockSocket* s, bool compressed, int size, long long now);
+    LINNET_BLOCK_PRIVATE bool Room(int n);     // free space for n more input bytes
+    LINNET_BLOCK_PRIVATE bool OutRoom(int n);  // free space for n more reply bytes
+    LINNET_BLOCK_PRIVATE int InputRoom(int size) const;
+    LINNET_BLOCK_PRIVATE void Arrived(int before, long long now);
+    LINNET_BLOCK_PRIVATE int Sent(int w, bool progress, long long now);
+    LINNET_BLOCK_PRIVATE bool Paused() const;
+    LINNET_BLOCK_PRIVATE bool InBlock() const;
 
     CBlockOptions options_;
     unsigned char* in_ = nullptr;   // input (malloc); valid bytes [inStart_, inEnd_)
@@ -263,10 +266,10 @@ protected:
 
 private:
     struct Conn;
-    void Accept(long long now);
-    bool Serve(Conn& c, long long now, BlockEnd* why);
-    bool Dispatch(Conn& c, long long now, BlockEnd* why);
-    void Finish(std::size_t index, BlockEnd why, long long now);
+    LINNET_BLOCK_PRIVATE void Accept(long long now);
+    LINNET_BLOCK_PRIVATE bool Serve(Conn& c, long long now, BlockEnd* why);
+    LINNET_BLOCK_PRIVATE bool Dispatch(Conn& c, long long now, BlockEnd* why);
+    LINNET_BLOCK_PRIVATE void Finish(std::size_t index, BlockEnd why, long long now);
 
     CBlockOptions options_;
     TCPSocket listener_;
@@ -281,5 +284,7 @@ private:
     CBlockServer(const CBlockServer&) = delete;
     CBlockServer& operator=(const CBlockServer&) = delete;
 };
+
+#undef LINNET_BLOCK_PRIVATE
 
 #endif
