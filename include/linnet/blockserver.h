@@ -30,7 +30,9 @@
 // buffer (no walk over queued chunks), a zero-length block costs a 4-byte
 // header copy, and every reply of one round goes out in one write.
 //
-// Memory per connection is bounded by the options:
+// Memory per connection is bounded by the options (buffers grown beyond
+// 2 x readSize for a long block or a burst of replies are given back once
+// empty; the resident part of the rest is what recent traffic touched):
 //   input   at most maxBlock + 4 + readSize bytes (one incomplete block and
 //           one read; with compression one read is the decompressor's slab,
 //           five times the receive buffer size, when that is larger);

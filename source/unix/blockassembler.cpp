@@ -194,6 +194,11 @@ int CBlockAssembler::Feed(const void* data, int len, long long now) {
 
 int CBlockAssembler::Next(const unsigned char** body, unsigned* size, long long now) {
     if (refused_) return -2;
+    if (inStart_ == inEnd_ && inCap_ > 2LL * options_.readSize) {  // all taken: give back a long block's room
+        std::free(in_);
+        in_ = nullptr;
+        inCap_ = inStart_ = inEnd_ = 0;
+    }
     if (!haveHeader_) {
         if (inEnd_ - inStart_ < 4) return 0;
         std::memcpy(&length_, in_ + inStart_, 4);
@@ -247,7 +252,7 @@ int CBlockAssembler::QueuedOutput() const { return static_cast<int>(outEnd_ - ou
 int CBlockAssembler::Sent(int w, bool progress, long long now) {
     if (!wasPending_ || progress) outProgress_ = now;  // the stall clock starts, or restarts
     wasPending_ = Pending();
-    if (!wasPending_ && outCap_ > 4LL * options_.readSize) {  // give back a reply burst's memory
+    if (!wasPending_ && outCap_ > 2LL * options_.readSize) {  // all sent: give back a reply burst's room
         std::free(out_);
         out_ = nullptr;
         outCap_ = outStart_ = outEnd_ = 0;
