@@ -42,10 +42,12 @@
 //           compressed, the compressor's slab (send buffer size) and the
 //           decompressor's (five times the receive buffer size).
 //
-// Where linnet is stricter than a plain CompressedTCPSocket: a connection
-// whose peer stops reading is never flushed with a waiting FullFlush; its
-// output waits under the stalled-reader deadline and the connection is then
-// closed with a reset, so no peer can hold the server.
+// Stricter than the sockets it uses, so that no peer can hold the server:
+// a compressed connection is never flushed with the waiting FullFlush (its
+// pending output waits under the stalled-reader deadline, then the
+// connection is reset); connections are closed without the one-second
+// linger, and compressed output the kernel has not taken at close is
+// dropped, not waited for.
 #ifndef LINNET_BLOCKSERVER_H
 #define LINNET_BLOCKSERVER_H
 
