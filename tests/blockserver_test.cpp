@@ -222,4 +222,97 @@ TEST(BlockAssembler, KeepsTheBlockIdleAndStalledReaderDeadlines) {
     EXPECT_EQ(BlockEnd::kStalledReader, why);
 }
 
+// Echoes, and answers "zlib" by switching compression on behind its answer;
+// "refuse" ends the connection.
+struct SwitchingServer : CBlockServer {
+    using CBlockServer::CBlockServer;
+    int OnBlock(CBlockAssembler* conn, const unsigned char* body, unsigned size) override {
+        const std::string b(reinterpret_cast<const char*>(body), size);
+        if (b == "refuse") return -1;
+        if (conn->ReplyBlock(body, size) < 0) return -3;
+        return b == "zlib" ? 1 : 0;
+    }
+    void OnEnd(const CBlockRecord& r) override { ended.push_back(r.end); }
+    std::vector<BlockEnd> ended;
+};
+
+TEST(BlockServer, ListensOnceAndTellsItsPort) {
+    CBlockServer a{CBlockOptions()}, b{CBlockOptions()};
+    EXPECT_EQ(0, a.Port()) << "not listening";
+    ASSERT_EQ(0, a.Listen(testnet::Loopback(), 0));
+    EXPECT_NE(0, a.Port());
+    EXPECT_EQ(-22, a.Listen(testnet::Loopback(), 0)) << "already listening";
+    EXPECT_EQ(-EADDRINUSE, b.Listen(testnet::Loopback(), a.Port()));
+    EXPECT_EQ(0, b.Port()) << "the listener is closed again";
+    EXPECT_EQ(0, b.RunOnce(0)) << "nothing to wait for";
+}
+
+TEST(BlockServer, SwitchesCompressionBehindAnAnswerOrRefusesWhatFollowsTooSoon) {
+    const struct {
+        const char* name;
+        std::string after_switch;  // plain bytes sent before the answer is read
+        BlockEnd end;
+    } rows[] = {
+        {"peer waits for the answer", "", BlockEnd::kClosed},
+        {"peer sends on at once", Block("early"), BlockEnd::kRefused},
+    };
+    for (const auto& row : rows) {
+        SwitchingServer server{CBlockOptions()};
+        ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
+        CompressedTCPSocket sock;
+        ASSERT_EQ(0, sock.Open());
+        ASSERT_EQ(0, sock.Connect(testnet::Loopback(), server.Port(), 5, 0));
+        const std::string request = Block("zlib") + row.after_switch;
+        EXPECT_EQ(static_cast<int>(request.size()), sock.Write(const_cast<char*>(request.data()), static_cast<int>(request.size())));
+        std::string answer(8, '\0');
+        int got = 0;
+        for (int i = 0; i < 200 && got < 8; ++i) {
+            server.RunOnce(10);
+            if (sock.Poll(POLL_READ, 0, 0) == POLL_READ) {
+                const int r = sock.Read(&answer[got], 8 - got);
+                if (r < 0) break;
+                got += r;
+            }
+        }
+        if (row.end == BlockEnd::kClosed) {
+            EXPECT_EQ(Block("zlib"), answer) << row.name;
+            sock.SwitchCompression(1);
+            CompressedSockStream stream(&sock, 100000, 5);
+            const std::string body(3000, 'z');
+            EXPECT_EQ(0, stream.WriteBlock(const_cast<char*>(body.data()), 3000)) << row.name;
+            EXPECT_EQ(0, sock.FullFlush()) << row.name;
+            unsigned char* echo = nullptr;
+            unsigned size = 0;
+            int r = 1;
+            for (int i = 0; i < 200 && r != 0; ++i) {
+                server.RunOnce(10);
+                if (sock.Poll(POLL_READ, 0, 0) == POLL_READ) r = stream.ReadBlock(&echo, &size, 8192);
+            }
+            EXPECT_EQ(0, r) << row.name;
+            if (r == 0) {
+                EXPECT_EQ(body, std::string(reinterpret_cast<char*>(echo), size)) << row.name;
+            }
+            delete[] echo;
+            sock.CleanupCompression();
+        }
+        sock.Close();
+        for (int i = 0; i < 200 && server.ended.empty(); ++i) server.RunOnce(10);
+        ASSERT_EQ(1u, server.ended.size()) << row.name;
+        EXPECT_STREQ(BlockEndName(row.end), BlockEndName(server.ended[0])) << row.name;
+    }
+}
+
+TEST(BlockServer, EndsTheConnectionOfABlockTheHostRefuses) {
+    SwitchingServer server{CBlockOptions()};
+    ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
+    testnet::Fd fd = testnet::Dial(server.Port());
+    const std::string wire = Block("one") + Block("refuse") + Block("never read");
+    ASSERT_TRUE(testnet::WriteAll(fd.get(), wire.data(), wire.size()));
+    for (int i = 0; i < 200 && server.ended.empty(); ++i) server.RunOnce(10);
+    ASSERT_EQ(1u, server.ended.size());
+    EXPECT_EQ(BlockEnd::kRefused, server.ended[0]);
+    EXPECT_EQ(-22, BlockEndCode(server.ended[0]));
+    EXPECT_EQ(2u, server.GetStats().blocks) << "nothing taken behind the refused block";
+}
+
 }  // namespace
