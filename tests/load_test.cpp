@@ -167,8 +167,8 @@ TEST(BlockServerLoad, OutOfDescriptorsNeverSpinsAndServesAgainOnceSomeAreFree) {
         CBlockServer server(o);
         unsigned short port = server.Listen(testnet::Loopback(), 0, 128) == 0 ? server.Port() : 0;
         const rlimit low{LimitLeaving(8), LimitLeaving(8)};
-        if (::setrlimit(RLIMIT_NOFILE, &low) != 0) port = 0;
-        if (::write(from_child[1], &port, sizeof port) != sizeof port || port == 0) ::_exit(1);
+        if (::setrlimit(RLIMIT_NOFILE, &low) != 0) port = 1;  // refused (as under valgrind): skip
+        if (::write(from_child[1], &port, sizeof port) != sizeof port || port <= 1) ::_exit(port == 1 ? 0 : 1);
         const auto start = testnet::Clock::now();
         for (pollfd pfd{to_child[0], POLLIN, 0}; MsSince(start) < 60000 && ::poll(&pfd, 1, 0) == 0;)
             server.RunOnce(50);
@@ -181,6 +181,10 @@ TEST(BlockServerLoad, OutOfDescriptorsNeverSpinsAndServesAgainOnceSomeAreFree) {
     unsigned short port = 0;
     ASSERT_EQ(static_cast<ssize_t>(sizeof port), ::read(reply.get(), &port, sizeof port));
     ASSERT_NE(0, port);
+    if (port == 1) {
+        ::waitpid(pid, nullptr, 0);
+        GTEST_SKIP() << "the descriptor limit cannot be lowered here";
+    }
 
     // 40 silent peers: 8 are accepted, the rest wait in the backlog while
     // the server has no descriptor for them.
