@@ -90,7 +90,6 @@ enum class BlockEnd {
     kRefused,        //  -22 the host refused a block (OnBlock < 0), or bytes
                      //      arrived behind a block that switches compression
     kCorrupt,        //   -5 compressed input that inflate no longer takes
-    kShutdown,       //    0 the server was destroyed with it open
 };
 LINNET_API const char* BlockEndName(BlockEnd e);
 LINNET_API int BlockEndCode(BlockEnd e);
@@ -217,7 +216,7 @@ struct LINNET_API CBlockRecord {
 
 struct LINNET_API CBlockStats {
     unsigned long long accepted = 0, blocks = 0, bytes = 0;
-    unsigned long long ended[static_cast<int>(BlockEnd::kShutdown) + 1] = {};
+    unsigned long long ended[static_cast<int>(BlockEnd::kCorrupt) + 1] = {};  // by BlockEnd
     unsigned long long acceptPauses = 0;  // back-offs after EMFILE/ENFILE/ENOBUFS/ENOMEM
     std::size_t peakConnections = 0;
     int maxFd = -1;                       // highest connection descriptor seen
@@ -227,8 +226,8 @@ struct LINNET_API CBlockStats {
 class LINNET_API CBlockServer {
 public:
     explicit CBlockServer(const CBlockOptions& options);
-    // Closes every connection at once (no linger; OnEnd with kShutdown is not
-    // called: the object is going) and the listener.
+    // Closes every connection at once (no linger, no OnEnd: the object is
+    // going) and the listener.
     virtual ~CBlockServer();
 
     // Opens, binds (ip in network order; port 0: the kernel picks, see
@@ -244,8 +243,9 @@ public:
     // OnBlock, sends each connection's replies in one write, and ends the
     // connections that broke a limit. A compressed connection whose input
     // inflate no longer takes (corrupt) while its raw buffer is full would
-    // stay readable for ever: it ends at once (kCorrupt). Returns the group's Poll result (a
-    // count, 0, or negative when the wait failed: -9, -22).
+    // stay readable for ever: it ends at once (kCorrupt). Returns the
+    // group's Poll result (a count, 0, or negative when the wait failed:
+    // -9, -22); waitMs below 0 waits without limit but for the timers.
     // When accept fails for want of descriptors or memory the listener is
     // left out of the poll for 100 ms, then tried again: no spin, and new
     // peers are served once descriptors are free.
@@ -257,13 +257,13 @@ public:
     const CBlockStats& GetStats() const { return stats_; }
 
 protected:
-    // A whole block of conn: queue replies with conn->Reply/ReplyBlock.
-    // Returns 0 to go on, 1 to switch compression on for both directions
-    // right after the replies queued so far (the peer must send nothing
-    // compressed before it has read them; bytes already received behind the
-    // block end the connection with kRefused), negative to end the
-    // connection (kRefused). The default echoes the block: 0, or -3 when
-    // no memory (ends with kNoMemory).
+    // A whole block of conn (body valid during the call only): queue replies
+    // with conn->Reply/ReplyBlock. Returns 0 to go on; 1 to switch
+    // compression on for both directions right after the replies queued so
+    // far (the peer must send nothing compressed before it has read them;
+    // bytes already received behind the block end the connection with
+    // kRefused); -3 to end it with kNoMemory; any other negative value to
+    // end it with kRefused. The default echoes the block: 0, or -3.
     virtual int OnBlock(CBlockAssembler* conn, const unsigned char* body, unsigned size);
     // A connection ended (called before it is closed). Default: nothing.
     virtual void OnEnd(const CBlockRecord& record);

@@ -65,7 +65,6 @@ const char* BlockEndName(BlockEnd e) {
         case BlockEnd::kStalledReader: return "stalled reader";
         case BlockEnd::kRefused: return "refused";
         case BlockEnd::kCorrupt: return "corrupt input";
-        case BlockEnd::kShutdown: return "shutdown";
     }
     return "?";
 }
@@ -80,7 +79,6 @@ int BlockEndCode(BlockEnd e) {
         case BlockEnd::kSendFailed: return -14;
         case BlockEnd::kRefused: return -22;
         case BlockEnd::kCorrupt: return -5;
-        case BlockEnd::kShutdown: return 0;
         default: return -110;
     }
 }
