@@ -247,8 +247,9 @@ public:
     // group's Poll result (a count, 0, or negative when the wait failed:
     // -9, -22); waitMs below 0 waits without limit but for the timers.
     // When accept fails for want of descriptors or memory the listener is
-    // left out of the poll for 100 ms, then tried again: no spin, and new
-    // peers are served once descriptors are free.
+    // left out of the poll for 100 ms, or until a connection of this server
+    // ends, then tried again: no spin, and new peers are served once
+    // descriptors are free.
     int RunOnce(int waitMs);
 
     std::size_t Connections() const { return conns_.size(); }

@@ -244,6 +244,7 @@ void CBlockServer::Finish(std::size_t index, BlockEnd why, long long now) {
     linnet::sys::set_close_now(FdPeek::Fd(c->sock), why != BlockEnd::kClosed);
     c->sock.Close();  // before the destructor, whose final flush then cannot wait
     delete c;
+    if (acceptResume_ > now) acceptResume_ = now;  // a descriptor came free: accept again next round
     conns_[index] = conns_.back();
     conns_.pop_back();
 }
