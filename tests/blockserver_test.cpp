@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -313,6 +314,32 @@ TEST(BlockServer, EndsTheConnectionOfABlockTheHostRefuses) {
     EXPECT_EQ(BlockEnd::kRefused, server.ended[0]);
     EXPECT_EQ(-22, BlockEndCode(server.ended[0]));
     EXPECT_EQ(2u, server.GetStats().blocks) << "nothing taken behind the refused block";
+}
+
+TEST(BlockServer, ARoundEndsAtTheNextDeadlineOrASignalNotAtTheWaitAsked) {
+    CBlockOptions o;
+    o.idleMs = 200;
+    SwitchingServer server(o);
+    ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
+    testnet::Fd silent = testnet::Dial(server.Port());
+    for (int i = 0; i < 100 && server.Connections() == 0; ++i) server.RunOnce(10);
+    ASSERT_EQ(1u, server.Connections());
+
+    auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 5 && server.ended.empty(); ++i) server.RunOnce(10000);  // idle ends it at 200 ms
+    const double idle_s = testnet::SecondsSince(start);
+    ASSERT_EQ(1u, server.ended.size());
+    EXPECT_EQ(BlockEnd::kIdle, server.ended[0]);
+    EXPECT_LT(idle_s, 2.0) << "the round waited for the deadline, not for 10 s";
+
+    start = std::chrono::steady_clock::now();
+    int r = -1;
+    {
+        testnet::Alarm alarm(50000);
+        r = server.RunOnce(5000);  // nothing due: only the signal ends the wait
+    }
+    EXPECT_EQ(0, r) << "an interrupted wait is an empty round";
+    EXPECT_LT(testnet::SecondsSince(start), 2.0);
 }
 
 }  // namespace
