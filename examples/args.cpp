@@ -43,24 +43,27 @@ std::string ParseSeconds(const char* text, long long lo_ms, long long hi_ms, lon
     const char* p = text;
     long long whole = 0;
     int digits = 0;
+    bool too_big = false;  // stops the sum before it could overflow
     for (; std::isdigit(static_cast<unsigned char>(*p)); ++p, ++digits) {
-        if (whole > hi_ms / 1000) return quoted + " is out of range " + range;
-        whole = whole * 10 + (*p - '0');
+        too_big = too_big || whole > hi_ms / 1000;
+        if (!too_big) whole = whole * 10 + (*p - '0');
     }
     if (digits == 0) return not_time;
     long long frac = 0;
+    bool finer = false;  // a nonzero digit below the millisecond
     if (*p == '.') {
         int n = 0;
         for (++p; std::isdigit(static_cast<unsigned char>(*p)); ++p, ++n) {
-            if (n == 3) return quoted + " is finer than a millisecond (expected " + range + ")";
-            frac = frac * 10 + (*p - '0');
+            if (n < 3) frac = frac * 10 + (*p - '0');
+            else finer = finer || *p != '0';
         }
         if (n == 0) return not_time;
         for (; n < 3; ++n) frac *= 10;
     }
     if (*p != '\0') return not_time;
+    if (finer) return quoted + " is finer than a millisecond (expected " + range + ")";
     const long long v = whole * 1000 + frac;
-    if (v < lo_ms || v > hi_ms) return quoted + " is out of range " + range;
+    if (too_big || v < lo_ms || v > hi_ms) return quoted + " is out of range " + range;
     *ms = v;
     return "";
 }
