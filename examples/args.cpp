@@ -23,7 +23,50 @@ std::string VersionText(int v) {
 
 std::string Range(long long lo, long long hi) { return std::to_string(lo) + "-" + std::to_string(hi); }
 
+// Milliseconds as seconds: 1500 is "1.5", 2000 is "2".
+std::string SecondsText(long long ms) {
+    std::string s = std::to_string(ms / 1000);
+    if (ms % 1000 == 0) return s;
+    std::string frac = std::to_string(1000 + ms % 1000).substr(1);
+    while (frac.back() == '0') frac.pop_back();
+    return s + "." + frac;
+}
+
 }  // namespace
+
+std::string ParseSeconds(const char* text, long long lo_ms, long long hi_ms, long long* ms) {
+    const std::string quoted = std::string("'") + text + "'";
+    const std::string range = SecondsText(lo_ms) + "-" + SecondsText(hi_ms) + " s";
+    const std::string not_time = quoted + " is not a time in seconds (expected " + range + ")";
+    // Digits, then optionally a point and one to three digits: no sign,
+    // blanks or exponent, and nothing finer than a millisecond.
+    const char* p = text;
+    long long whole = 0;
+    int digits = 0;
+    bool too_big = false;  // stops the sum before it could overflow
+    for (; std::isdigit(static_cast<unsigned char>(*p)); ++p, ++digits) {
+        too_big = too_big || whole > hi_ms / 1000;
+        if (!too_big) whole = whole * 10 + (*p - '0');
+    }
+    if (digits == 0) return not_time;
+    long long frac = 0;
+    bool finer = false;  // a nonzero digit below the millisecond
+    if (*p == '.') {
+        int n = 0;
+        for (++p; std::isdigit(static_cast<unsigned char>(*p)); ++p, ++n) {
+            if (n < 3) frac = frac * 10 + (*p - '0');
+            else finer = finer || *p != '0';
+        }
+        if (n == 0) return not_time;
+        for (; n < 3; ++n) frac *= 10;
+    }
+    if (*p != '\0') return not_time;
+    if (finer) return quoted + " is finer than a millisecond (expected " + range + ")";
+    const long long v = whole * 1000 + frac;
+    if (too_big || v < lo_ms || v > hi_ms) return quoted + " is out of range " + range;
+    *ms = v;
+    return "";
+}
 
 std::string ParseNumber(const char* text, long long lo, long long hi, long long* out) {
     const std::string quoted = std::string("'") + text + "'";
@@ -101,6 +144,15 @@ Parser& Parser::Number(const char* name, unsigned* out, unsigned lo, unsigned hi
         long long n = 0;
         std::string e = ParseNumber(v, lo, hi, &n);
         if (e.empty()) *out = static_cast<unsigned>(n);
+        return e;
+    });
+}
+
+Parser& Parser::Seconds(const char* name, int* ms, int lo_ms, int hi_ms, Need need) {
+    return Add(name, true, need, [ms, lo_ms, hi_ms](const char* v) {
+        long long n = 0;
+        std::string e = ParseSeconds(v, lo_ms, hi_ms, &n);
+        if (e.empty()) *ms = static_cast<int>(n);
         return e;
     });
 }

@@ -54,6 +54,9 @@ public:
     Parser& Number(const char* name, long long* out, long long lo, long long hi, Need need = kOptional);
     Parser& Number(const char* name, int* out, int lo, int hi, Need need = kOptional);
     Parser& Number(const char* name, unsigned* out, unsigned lo, unsigned hi, Need need = kOptional);
+    // A time in seconds, decimal with at most three digits after the point
+    // (10, 0.25), stored in *ms as milliseconds within [lo_ms, hi_ms].
+    Parser& Seconds(const char* name, int* ms, int lo_ms, int hi_ms, Need need = kOptional);
     // A TCP/UDP port: 1-65535, or 0-65535 with kAnyPort.
     Parser& Port(const char* name, unsigned short* out, PortZero zero, Need need = kOptional);
     // An IPv4 address or a host name, resolved at once (getaddrinfo, IPv4
@@ -102,6 +105,10 @@ std::string ErrorText(int result);
 // Parses a decimal integer that fills the whole of `text` into *out when it
 // lies in [lo, hi]. Returns "" or what is wrong with it.
 std::string ParseNumber(const char* text, long long lo, long long hi, long long* out);
+
+// Parses seconds as Parser::Seconds takes them ("1.5" is 1500) into *ms
+// when they lie in [lo_ms, hi_ms]. Returns "" or what is wrong with them.
+std::string ParseSeconds(const char* text, long long lo_ms, long long hi_ms, long long* ms);
 
 // Resolves `host` (dotted quad or name) to its first IPv4 address, network
 // byte order, into *out. Returns "" or the resolver's reason.

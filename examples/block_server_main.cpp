@@ -2,32 +2,38 @@
 // a program that tells why every connection ended and what it cost.
 #include <arpa/inet.h>
 #include <linnet/blockserver.h>
+#include <netinet/in.h>
 
 #include <csignal>
-#include <cstring>
+#include <cstdio>
 #include <string>
 
+#include "args.h"
 #include "hooks.h"
 
 namespace {
 
+const char kProgram[] = "linnet-block-server";
+const char kUsage[] =
+    "usage: linnet-block-server [--port N] [--host HOST] [--max-block BYTES] [--deadline SEC]\n"
+    "                           [--idle SEC] [--compress]\n"
+    "  Listens on HOST (a name or an IPv4 address, default 127.0.0.1) and port N\n"
+    "  (0-65535, default 0: the kernel picks one), prints \"listening on ADDR:PORT\",\n"
+    "  and echoes length-prefixed blocks (4-byte host-order length, then the body).\n"
+    "  --max-block N  longest body accepted (0-268435456, default 1048576); longer:\n"
+    "                 reset\n"
+    "  --deadline S   a block must arrive whole, and replies be taken, within S s\n"
+    "                 (0.001-3600, default 10)\n"
+    "  --idle S       close a connection silent for S seconds between blocks\n"
+    "                 (0-86400, default 0: never)\n"
+    "  --compress     zlib on every connection from its first byte\n"
+    "  -h, --help  this text;  --version  the tool's and the library's version\n"
+    "  Every ended connection is printed with its reason; SIGINT/SIGTERM stop and\n"
+    "  print the totals. Exit status 0 when stopped, 1 when it cannot listen or\n"
+    "  its loop fails, 2 for a usage error.\n";
+
 volatile std::sig_atomic_t g_stop = 0;
 void OnSignal(int) { g_stop = 1; }
-
-void Usage() {
-    std::printf(
-        "usage: linnet-block-server [--port N] [--max-block BYTES] [--deadline SEC] [--idle SEC]\n"
-        "                           [--compress]\n"
-        "  Listens on 127.0.0.1 (port 0: the kernel picks one; the port is printed),\n"
-        "  echoes length-prefixed blocks (4-byte host-order length, then the body).\n"
-        "  --max-block N  longest body accepted (default 1048576); longer: reset\n"
-        "  --deadline S   a block must arrive whole, and replies be taken, within S s\n"
-        "                 (default 10)\n"
-        "  --idle S       close a connection silent for S seconds between blocks\n"
-        "                 (default 0: never)\n"
-        "  --compress     zlib on every connection from its first byte\n"
-        "  Every ended connection is printed with its reason; SIGINT/SIGTERM stop.\n");
-}
 
 struct LoggingServer : CBlockServer {
     using CBlockServer::CBlockServer;
@@ -39,38 +45,46 @@ struct LoggingServer : CBlockServer {
     }
 };
 
-int Ms(const char* seconds) { return static_cast<int>(std::strtod(seconds, nullptr) * 1000); }
-
 }  // namespace
 
 int main(int argc, char** argv) {
     InitLogFromEnvironment();
     unsigned short port = 0;
+    unsigned int ip = htonl(INADDR_LOOPBACK);
+    bool compress = false;
     CBlockOptions o;
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        if (a == "--port" && i + 1 < argc) port = static_cast<unsigned short>(std::atoi(argv[++i]));
-        else if (a == "--max-block" && i + 1 < argc) o.maxBlock = static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 10));
-        else if (a == "--deadline" && i + 1 < argc) o.deadlineMs = Ms(argv[++i]);
-        else if (a == "--idle" && i + 1 < argc) o.idleMs = Ms(argv[++i]);
-        else if (a == "--compress") o.compress = 1;
-        else { Usage(); return a == "--help" ? 0 : 2; }
-    }
+    args::Parser parser(kProgram, kUsage);
+    parser.Port("--port", &port, args::kAnyPort)
+        .Host("--host", &ip)
+        .Number("--max-block", &o.maxBlock, 0u, 256u << 20)
+        .Seconds("--deadline", &o.deadlineMs, 1, 3600 * 1000)
+        .Seconds("--idle", &o.idleMs, 0, 86400 * 1000)
+        .Flag("--compress", &compress);
+    if (const int rc = parser.Parse(argc, argv); rc != args::kRun) return rc;
+    o.compress = compress ? 1 : 0;
+    in_addr a{};
+    a.s_addr = ip;
+    const std::string host = inet_ntoa(a);
 
     LoggingServer server(o);
-    const int r = server.Listen(htonl(INADDR_LOOPBACK), port);
-    if (r != 0) {
-        std::fprintf(stderr, "cannot listen on 127.0.0.1:%u (%d)\n", port, r);
+    if (const int r = server.Listen(ip, port); r != 0) {
+        std::fprintf(stderr, "%s: cannot listen on %s:%u: %s\n", kProgram, host.c_str(), port,
+                     args::ErrorText(r).c_str());
         return 1;
     }
     std::signal(SIGINT, OnSignal);
     std::signal(SIGTERM, OnSignal);
-    std::printf("listening on 127.0.0.1:%u\n", server.Port());
+    std::printf("listening on %s:%u\n", host.c_str(), server.Port());
     std::fflush(stdout);
-    while (!g_stop && server.RunOnce(1000) >= 0) {
+    int r = 0;
+    while (!g_stop && (r = server.RunOnce(1000)) >= 0) {
     }
     const CBlockStats& s = server.GetStats();
     std::printf("%llu connections, %llu blocks, %llu bytes echoed, %llu accept pauses\n", s.accepted, s.blocks,
                 s.bytes, s.acceptPauses);
+    if (r < 0) {
+        std::fprintf(stderr, "%s: waiting for the clients failed: %s\n", kProgram, args::ErrorText(r).c_str());
+        return 1;
+    }
     return 0;
 }

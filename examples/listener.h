@@ -8,9 +8,13 @@
 #include <sys/socket.h>
 
 struct Listener : TCPSocket {
-    // Open, bind to 127.0.0.1:port (0: the kernel picks one) and listen.
-    bool Start(unsigned short port, int backlog) {
-        return Open() == 0 && Bind(htonl(INADDR_LOOPBACK), port) == 0 && Listen(backlog) == 0;
+    // Open, bind to 127.0.0.1:port (0: the kernel picks one) and listen: 0,
+    // or the failing call's negative code (the socket is left open).
+    int Start(unsigned short port, int backlog) {
+        int r = Open();
+        if (r == 0) r = Bind(htonl(INADDR_LOOPBACK), port);
+        if (r == 0) r = Listen(backlog);
+        return r;
     }
     unsigned short LocalPort() const {
         sockaddr_in sa{};

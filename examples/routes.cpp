@@ -10,19 +10,22 @@
 #include <string>
 #include <vector>
 
+#include "args.h"
 #include "hooks.h"
 
 namespace {
 
-void Usage() {
-    std::printf(
-        "usage: linnet-routes [--main | --local | --all] [--json]\n"
-        "  Without an option: the snapshot of every non-local IPv4 route, as\n"
-        "  CRoutesDump::print writes it. --main, --local, --all: the IPv4 routes of\n"
-        "  that table (all: every table, each named unless main) as `ip route`\n"
-        "  prints them. --json: the same records as one JSON array (every table\n"
-        "  unless --main or --local is given).\n");
-}
+const char kProgram[] = "linnet-routes";
+const char kUsage[] =
+    "usage: linnet-routes [--main | --local | --all] [--json]\n"
+    "  Without an option: the snapshot of every non-local IPv4 route, as\n"
+    "  CRoutesDump::print writes it. --main, --local, --all: the IPv4 routes of\n"
+    "  that table (all: every table, each named unless main) as `ip route`\n"
+    "  prints them. --json: the same records as one JSON array (every table\n"
+    "  unless --main or --local is given).\n"
+    "  -h, --help  this text;  --version  the tool's and the library's version\n"
+    "  Exit status 0 when the routes were read whole, 1 when not, 2 for a usage\n"
+    "  error.\n";
 
 const char* Name(const char* const* names, unsigned size, unsigned v, char* scratch) {
     if (v < size && names[v] != nullptr) return names[v];
@@ -197,34 +200,29 @@ std::string Json(const Route& r) {
 
 int main(int argc, char** argv) {
     InitLogFromEnvironment();
-    std::string table;
-    bool json = false;
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        if (a == "--json" && !json) {
-            json = true;
-        } else if ((a == "--main" || a == "--local" || a == "--all") && table.empty()) {
-            table = a;
-        } else {
-            Usage();
-            return a == "--help" ? 0 : 2;
-        }
-    }
-    if (table.empty() && !json) {
+    bool json = false, main_table = false, local_table = false, all_tables = false;
+    args::Parser parser(kProgram, kUsage);
+    parser.Flag("--main", &main_table).Flag("--local", &local_table).Flag("--all", &all_tables).Flag("--json", &json);
+    if (const int rc = parser.Parse(argc, argv); rc != args::kRun) return rc;
+    if (int(main_table) + int(local_table) + int(all_tables) > 1)
+        return parser.Fail("--main, --local and --all exclude each other");
+    if (!main_table && !local_table && !all_tables && !json) {
         try {
             CRoutesDump snapshot;
             snapshot.print(std::cout);
+            std::cout.flush();
+            if (!snapshot.valid()) std::fprintf(stderr, "%s: the routing snapshot is incomplete\n", kProgram);
             return snapshot.valid() ? 0 : 1;
         } catch (const netlinkX&) {
-            std::fprintf(stderr, "cannot open a netlink socket\n");
+            std::fprintf(stderr, "%s: cannot open a netlink socket\n", kProgram);
             return 1;
         }
     }
     std::vector<Route> routes;
     const int r = ReadRoutes(routes);
-    const uint32_t only = table == "--main"    ? uint32_t{RT_TABLE_MAIN}
-                          : table == "--local" ? uint32_t{RT_TABLE_LOCAL}
-                                               : 0u;
+    const uint32_t only = main_table    ? uint32_t{RT_TABLE_MAIN}
+                          : local_table ? uint32_t{RT_TABLE_LOCAL}
+                                        : 0u;
     bool first = true;
     if (json) std::printf("[");
     for (const Route& route : routes) {
@@ -236,6 +234,7 @@ int main(int argc, char** argv) {
         first = false;
     }
     if (json) std::printf("]\n");
-    if (r != 0) std::fprintf(stderr, "reading the routes failed: %d\n", r);
+    std::fflush(stdout);
+    if (r != 0) std::fprintf(stderr, "%s: reading the routes failed: %s\n", kProgram, args::ErrorText(r).c_str());
     return r == 0 ? 0 : 1;
 }

@@ -1,13 +1,20 @@
 // linnet-ifaces against iproute2 on interfaces made for the purpose, in the
 // private network namespace this binary's main() entered: aliases, an
 // unlabelled secondary address, interfaces without an address, a name JSON
-// must escape, and a table cut at its 128 interfaces.
+// must escape, and a table cut at its 128 interfaces. Host names that do
+// not resolve, and the demo with loopback down and up.
 #include <linnet/netif.h>
 
 #include <gtest/gtest.h>
 
+#include <sched.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "mini_json.h"
@@ -172,15 +179,67 @@ TEST(IfacesTable, FullTableSaysHowManyInterfacesWereLeftOut) {
 }
 
 // Without a reachable resolver (nothing is routed out of this namespace) a
-// host name fails fast with the resolver's reason.
-TEST(EchoClientHost, UnresolvableNameIsAUsageError) {
+// host name fails fast with the resolver's reason, in every tool that takes
+// one.
+TEST(ToolHosts, UnresolvableNameIsAUsageError) {
     REQUIRE_NETNS();
-    const tool::Result r =
-        tool::Run(tool::Path("linnet-echo-client"), {"--port", "1", "--host", "nosuch.invalid"}, 60);
-    EXPECT_EQ(r.status, 2);
-    const std::string prefix = "linnet-echo-client: --host: cannot resolve 'nosuch.invalid' to an IPv4 address: ";
-    EXPECT_EQ(r.err.rfind(prefix, 0), 0u) << r.err;
-    EXPECT_EQ(r.out, "");
+    for (const char* name : {"linnet-echo-client", "linnet-echo-server", "linnet-block-server"}) {
+        SCOPED_TRACE(name);
+        const tool::Result r = tool::Run(tool::Path(name), {"--port", "1", "--host", "nosuch.invalid"}, 60);
+        EXPECT_EQ(r.status, 2);
+        const std::string prefix =
+            std::string(name) + ": --host: cannot resolve 'nosuch.invalid' to an IPv4 address: ";
+        EXPECT_EQ(r.err.rfind(prefix, 0), 0u) << r.err;
+        EXPECT_EQ(r.out, "");
+    }
+}
+
+size_t Count(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+// The demo in a namespace of its own, made on a thread of this test so that
+// the namespace main() entered stays as it is: there loopback is down, as
+// in a fresh `unshare -n`. Every step that needs 127.0.0.1 fails at once
+// and says why; nothing waits out a time-out.
+TEST(Demo, WithLoopbackDownFailsFastNamingTheReason) {
+    int unshare_error = 0;
+    double seconds = 0;
+    tool::Result r;
+    std::thread([&] {
+        if (unshare(CLONE_NEWNET) != 0) {
+            unshare_error = errno;
+            return;
+        }
+        const auto start = std::chrono::steady_clock::now();
+        r = tool::Run(tool::Path("linnet-demo"), {}, 60);
+        seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    }).join();
+    if (unshare_error != 0) GTEST_SKIP() << "unshare(CLONE_NEWNET): " << std::strerror(unshare_error);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_LT(seconds, 10.0);
+    EXPECT_NE(r.out.find("no loopback interface carries 127.0.0.1 (is lo down?)"), std::string::npos) << r.out;
+    // Each of the four clients, and the file's sender, names the connect error.
+    EXPECT_EQ(Count(r.out, " FAILED after "), 4u) << r.out;
+    EXPECT_EQ(Count(r.out, ": cannot connect to 127.0.0.1:"), 5u) << r.out;
+    EXPECT_EQ(Count(r.out, ": Network is unreachable (-101)\n"), 5u) << r.out;
+    EXPECT_EQ(Count(r.out, " done after "), 0u) << r.out;
+    EXPECT_NE(r.out.find("  sender FAILED: cannot connect to 127.0.0.1:"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("  -> echo exchange: FAILED\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("  -> file transfer: FAILED\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\nSOME CHECKS FAILED\n"), std::string::npos) << r.out;
+}
+
+// With loopback up (this binary's namespace) every check passes.
+TEST(Demo, WithLoopbackUpPassesEveryCheck) {
+    REQUIRE_NETNS();
+    const tool::Result r = tool::Run(tool::Path("linnet-demo"), {}, 300);
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(Count(r.out, " done after "), 4u) << r.out;
+    EXPECT_EQ(Count(r.out, "FAILED"), 0u) << r.out;
+    EXPECT_NE(r.out.find("\nall checks passed\n"), std::string::npos) << r.out;
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
 
 #include <cstdint>
@@ -28,7 +29,8 @@ std::string Version() {
            std::to_string(LINNET_VERSION_PATCH);
 }
 
-const char* const kTools[] = {"linnet-ifaces", "linnet-echo-client", "linnet-demo"};
+const char* const kTools[] = {"linnet-ifaces",      "linnet-echo-client",  "linnet-demo",
+                              "linnet-echo-server", "linnet-block-server", "linnet-routes"};
 
 TEST(ToolArguments, HelpOnStdoutAndVersionOfToolAndLibraryExitZero) {
     for (const char* name : kTools) {
@@ -77,6 +79,34 @@ TEST(ToolArguments, EachMistakeIsNamedOnStderrWithTheUsageAndExitTwo) {
          "linnet-echo-client: --count: '99999999999999999999' is out of range 1-10000000"},
         {"linnet-echo-client", {"--port", "1", "--compress=1"}, "linnet-echo-client: --compress takes no value"},
         {"linnet-echo-client", {"--port", "1", "extra"}, "linnet-echo-client: unexpected argument 'extra'"},
+        {"linnet-echo-server", {"--port", "70000"}, "linnet-echo-server: --port: '70000' is out of range 0-65535"},
+        {"linnet-echo-server", {"--port", "abc"},
+         "linnet-echo-server: --port: 'abc' is not a number (expected 0-65535)"},
+        {"linnet-echo-server", {"--port", "-1"}, "linnet-echo-server: --port: '-1' is not a number (expected 0-65535)"},
+        {"linnet-echo-server", {"--port"}, "linnet-echo-server: --port needs a value"},
+        {"linnet-echo-server", {"--max-block", "268435457"},
+         "linnet-echo-server: --max-block: '268435457' is out of range 0-268435456"},
+        {"linnet-echo-server", {"--deadline", "0"}, "linnet-echo-server: --deadline: '0' is out of range 0.001-3600 s"},
+        {"linnet-echo-server", {"--deadline", "1.0005"},
+         "linnet-echo-server: --deadline: '1.0005' is finer than a millisecond (expected 0.001-3600 s)"},
+        {"linnet-echo-server", {"--idle", "-1"},
+         "linnet-echo-server: --idle: '-1' is not a time in seconds (expected 0-86400 s)"},
+        {"linnet-echo-server", {"--once=1"}, "linnet-echo-server: --once takes no value"},
+        {"linnet-echo-server", {"7000"}, "linnet-echo-server: unexpected argument '7000'"},
+        {"linnet-block-server", {"--port", "70000"}, "linnet-block-server: --port: '70000' is out of range 0-65535"},
+        {"linnet-block-server", {"--port", "abc"},
+         "linnet-block-server: --port: 'abc' is not a number (expected 0-65535)"},
+        {"linnet-block-server", {"--idle", "86400.001"},
+         "linnet-block-server: --idle: '86400.001' is out of range 0-86400 s"},
+        {"linnet-block-server", {"--deadline="}, "linnet-block-server: --deadline: '' is not a time in seconds (expected 0.001-3600 s)"},
+        {"linnet-block-server", {"--max-block", "1k"},
+         "linnet-block-server: --max-block: '1k' is not a number (expected 0-268435456)"},
+        {"linnet-block-server", {"--once"}, "linnet-block-server: unknown option '--once'"},
+        {"linnet-routes", {"--main", "--all"}, "linnet-routes: --main, --local and --all exclude each other"},
+        {"linnet-routes", {"--local", "--json", "--main"}, "linnet-routes: --main, --local and --all exclude each other"},
+        {"linnet-routes", {"--json=1"}, "linnet-routes: --json takes no value"},
+        {"linnet-routes", {"--table"}, "linnet-routes: unknown option '--table'"},
+        {"linnet-routes", {"main"}, "linnet-routes: unexpected argument 'main'"},
         {"linnet-demo", {"extra"}, "linnet-demo: unexpected argument 'extra'"},
         {"linnet-demo", {"--fast"}, "linnet-demo: unknown option '--fast'"},
     };
@@ -179,6 +209,119 @@ TEST(ToolErrors, EchoClientJudgesEachServerBehaviour) {
     }
 }
 
+// The port a server printed in its first line, "listening on ADDR:PORT";
+// 0 when the line is not that.
+unsigned short ListeningPort(const std::string& line, const std::string& addr) {
+    const std::string prefix = "listening on " + addr + ":";
+    if (line.rfind(prefix, 0) != 0) return 0;
+    long long port = 0;
+    if (!args::ParseNumber(line.c_str() + prefix.size(), 1, 65535, &port).empty()) return 0;
+    return static_cast<unsigned short>(port);
+}
+
+// Each server on a port the kernel picks, printed in its first line, serving
+// the echo client plain and compressed; the echo server with --once exits
+// after its client, the block server on SIGTERM with its totals.
+TEST(ToolServers, PortZeroIsPrintedAndServesTheEchoClient) {
+    const struct {
+        const char* server;
+        Args args;
+        Args client;  // besides --port
+        bool once;    // exits by itself after the client
+    } rows[] = {
+        {"linnet-echo-server", {"--port", "0", "--once"}, {"--count", "3", "--size", "1000"}, true},
+        {"linnet-echo-server", {"--once", "--compress"}, {"--count", "3", "--size", "1000", "--compress"}, true},
+        {"linnet-echo-server", {"--once", "--host", "localhost", "--max-block", "1000"},
+         {"--count", "3", "--size", "1000"}, true},
+        {"linnet-block-server", {"--port=0"}, {"--count", "3", "--size", "1000"}, false},
+        {"linnet-block-server", {"--compress", "--deadline", "2.5", "--idle", "30"},
+         {"--count", "3", "--size", "1000", "--compress"}, false},
+    };
+    for (const auto& row : rows) {
+        std::string cmd = row.server;
+        for (const std::string& a : row.args) cmd += " [" + a + "]";
+        SCOPED_TRACE(cmd);
+        tool::Background server(tool::Path(row.server), row.args);
+        const std::string line = server.Line(10);
+        const unsigned short port = ListeningPort(line, "127.0.0.1");
+        ASSERT_NE(port, 0) << line;
+        Args client{"--port", std::to_string(port)};
+        client.insert(client.end(), row.client.begin(), row.client.end());
+        const tool::Result c = tool::Run(tool::Path("linnet-echo-client"), client);
+        EXPECT_EQ(c.status, 0) << c.err;
+        EXPECT_EQ(c.out.rfind("3 of 3 blocks of 1000 bytes echoed intact", 0), 0u) << c.out;
+        if (!row.once) server.Signal(SIGTERM);
+        const tool::Result r = server.Finish(10);
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.err, "");
+        if (!row.once) {
+            EXPECT_EQ(r.out.rfind("port ", 0), 0u) << r.out;
+            EXPECT_NE(r.out.find(": closed (0) after "), std::string::npos) << r.out;
+            EXPECT_NE(r.out.find(" ms, 3 blocks, 3012 bytes in, "), std::string::npos) << r.out;
+            EXPECT_NE(r.out.find("\n1 connections, 3 blocks, "), std::string::npos) << r.out;
+        }
+    }
+}
+
+// A frame header announcing `length` (host order), or its first `cut` bytes.
+std::string Header(std::uint32_t length, size_t cut = 4) {
+    return std::string(reinterpret_cast<const char*>(&length), cut);
+}
+
+// The block server's limits and deadlines as given on its command line: a
+// peer breaking each one is ended for that reason, and a deadline of S
+// seconds ends it after S seconds, not milliseconds or minutes.
+TEST(ToolServers, BlockServerEndsEachPeerForTheLimitItBroke) {
+    const struct {
+        const char* name;
+        Args args;
+        std::string send;  // then the client waits for the server to end it
+        const char* reason;
+        long min_ms, max_ms;
+    } rows[] = {
+        {"block above --max-block", {"--max-block", "100"}, Header(101), "too big (-2)", 0, 5000},
+        {"block at --max-block, then a partial header", {"--max-block", "100", "--deadline", "0.3"},
+         Header(100) + std::string(100, 'x') + Header(7, 2), "block deadline (-110)", 300, 5000},
+        {"partial header past --deadline", {"--deadline", "0.4"}, Header(10, 3), "block deadline (-110)", 400, 5000},
+        {"silent past --idle", {"--idle", "0.4"}, "", "idle (-110)", 400, 5000},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        tool::Background server(tool::Path("linnet-block-server"), row.args);
+        const unsigned short port = ListeningPort(server.Line(10), "127.0.0.1");
+        ASSERT_NE(port, 0);
+        testnet::Fd peer = testnet::Dial(port);
+        ASSERT_GE(peer.get(), 0);
+        ASSERT_TRUE(testnet::WriteAll(peer.get(), row.send.data(), row.send.size()));
+        const std::string line = server.Line(20);
+        const std::string prefix =
+            "port " + std::to_string(testnet::LocalPort(peer.get())) + ": " + row.reason + " after ";
+        ASSERT_EQ(line.rfind(prefix, 0), 0u) << line;
+        long long ms = -1;
+        const std::string held = line.substr(prefix.size(), line.find(' ', prefix.size()) - prefix.size());
+        EXPECT_EQ(args::ParseNumber(held.c_str(), 0, 1000000, &ms), "") << line;
+        EXPECT_GE(ms, row.min_ms) << line;
+        EXPECT_LT(ms, row.max_ms) << line;
+        server.Signal(SIGTERM);
+        EXPECT_EQ(server.Finish(10).status, 0);
+    }
+}
+
+// A port held by another socket: one line naming the address and the
+// error's text, exit status 1, nothing on stdout.
+TEST(ToolServers, OccupiedPortIsNamedWithTheErrorText) {
+    unsigned short port = 0;
+    testnet::Fd holder = testnet::Listen(&port);
+    for (const char* name : {"linnet-echo-server", "linnet-block-server"}) {
+        SCOPED_TRACE(name);
+        const tool::Result r = tool::Run(tool::Path(name), {"--port", std::to_string(port)});
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.err, std::string(name) + ": cannot listen on 127.0.0.1:" + std::to_string(port) +
+                             ": Address already in use (-98)\n");
+        EXPECT_EQ(r.out, "");
+    }
+}
+
 TEST(ArgsParser, NumbersAreWholeDecimalTextsWithinTheirRange) {
     const struct {
         const char* text;
@@ -202,6 +345,44 @@ TEST(ArgsParser, NumbersAreWholeDecimalTextsWithinTheirRange) {
         long long v = 12345;
         EXPECT_EQ(args::ParseNumber(row.text, row.lo, row.hi, &v), row.error);
         EXPECT_EQ(v, row.error[0] ? 12345 : row.value);
+    }
+}
+
+TEST(ArgsParser, SecondsAreDecimalTextsToTheMillisecond) {
+    const struct {
+        const char* text;
+        long long lo_ms, hi_ms;
+        long long ms;       // when accepted
+        const char* error;  // "" when accepted
+    } rows[] = {
+        {"10", 1, 3600000, 10000, ""},
+        {"0.5", 1, 3600000, 500, ""},
+        {"1.25", 1, 3600000, 1250, ""},
+        {"0.001", 1, 3600000, 1, ""},
+        {"007.100", 1, 3600000, 7100, ""},
+        {"3600", 1, 3600000, 3600000, ""},
+        {"0", 0, 1000, 0, ""},
+        {"1.50000", 0, 5000, 1500, ""},
+        {"0", 1, 3600000, 0, "'0' is out of range 0.001-3600 s"},
+        {"0.0005", 1, 1500, 0, "'0.0005' is finer than a millisecond (expected 0.001-1.5 s)"},
+        {"3600.001", 1, 3600000, 0, "'3600.001' is out of range 0.001-3600 s"},
+        {"99999999999999999999", 0, 1000, 0, "'99999999999999999999' is out of range 0-1 s"},
+        {"1.", 0, 1000, 0, "'1.' is not a time in seconds (expected 0-1 s)"},
+        {".5", 0, 1000, 0, "'.5' is not a time in seconds (expected 0-1 s)"},
+        {"-1", 0, 1000, 0, "'-1' is not a time in seconds (expected 0-1 s)"},
+        {"+1", 0, 1000, 0, "'+1' is not a time in seconds (expected 0-1 s)"},
+        {" 1", 0, 1000, 0, "' 1' is not a time in seconds (expected 0-1 s)"},
+        {"1s", 0, 5000, 0, "'1s' is not a time in seconds (expected 0-5 s)"},
+        {"1e3", 0, 5000000, 0, "'1e3' is not a time in seconds (expected 0-5000 s)"},
+        {"12x", 0, 5000, 0, "'12x' is not a time in seconds (expected 0-5 s)"},
+        {"0.5.1", 0, 5000, 0, "'0.5.1' is not a time in seconds (expected 0-5 s)"},
+        {"", 0, 5000, 0, "'' is not a time in seconds (expected 0-5 s)"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text);
+        long long ms = 12345;
+        EXPECT_EQ(args::ParseSeconds(row.text, row.lo_ms, row.hi_ms, &ms), row.error);
+        EXPECT_EQ(ms, row.error[0] ? 12345 : row.ms);
     }
 }
 

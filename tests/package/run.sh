@@ -4,8 +4,7 @@
 #   - the layout (library and soname links, headers with version.h, CMake and
 #     pkg-config files, LICENSE and README with the docs);
 #   - every installed tool runs from there, and from a copy of the tree under
-#     another prefix (run path relative to the tool): --help, and --version
-#     where the tool has it;
+#     another prefix (run path relative to the tool): --help and --version;
 #   - two hosts built from outside the tree, one with find_package(linnet),
 #     one with pkg-config;
 #   - `make uninstall` removes every file it installed.
@@ -32,20 +31,22 @@ test -f "$libdir/cmake/linnet/linnet-config.cmake" || fail "no CMake package fil
 grep -qx 'Requires.private: zlib' "$libdir/pkgconfig/linnet.pc" || fail "linnet.pc does not name zlib"
 grep -q "LINNET_VERSION_MAJOR ${version%%.*}\$" "$p/include/linnet/version.h" || fail "version.h"
 
-# Tools that take --version (the others take --help).
-versioned=" linnet-ifaces linnet-echo-client "
+# Every installed tool answers --help and --version; the five below must be
+# there.
+tools="linnet-ifaces linnet-routes linnet-echo-server linnet-echo-client linnet-block-server"
 check_tools() {
     local bindir=$1 n=0 t name out
+    for name in $tools; do
+        [ -x "$bindir/$name" ] || fail "$name not installed in $bindir"
+    done
     for t in "$bindir"/linnet-*; do
         [ -e "$t" ] || continue
         name=$(basename "$t")
         readelf -d "$t" | grep -q 'RUNPATH.*\$ORIGIN/' || fail "$name has no relative RUNPATH"
         out=$("$t" --help) || fail "$name --help failed (exit $?)"
         [[ $out == "usage: $name"* ]] || fail "$name --help printed: $out"
-        if [[ $versioned == *" $name "* ]]; then
-            out=$("$t" --version) || fail "$name --version failed"
-            [ "$out" = "$name $version (liblinnet $version)" ] || fail "$name --version printed: $out"
-        fi
+        out=$("$t" --version) || fail "$name --version failed"
+        [ "$out" = "$name $version (liblinnet $version)" ] || fail "$name --version printed: $out"
         n=$((n + 1))
     done
     "$bindir/linnet-ifaces" >/dev/null || fail "linnet-ifaces did not run from $bindir"
