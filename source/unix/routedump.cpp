@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "logger/log.h"
+#include "results.h"
 #include "sockops.h"
 #include "unix/nldump.h"
 #include "unix/nlwalk.h"
@@ -79,7 +80,7 @@ void PrintAttr(std::ostream& os, const Attr& a) {
 
 // ---- RtnetlinkSocket ----
 
-RtnetlinkSocket::RtnetlinkSocket() : fd_(-1) {
+RtnetlinkSocket::RtnetlinkSocket() : fd_(linnet::kNoFd) {
     std::memset(&nladdr_, 0, sizeof nladdr_);
     // Owned here until every step has succeeded: a throw closes it.
     linnet::sys::ScopedFd owned(::socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE));
@@ -111,7 +112,7 @@ ssize_t RtnetlinkSocket::recvmsg(msghdr* msg) { return ::recvmsg(fd_, msg, 0); }
 void RtnetlinkSocket::close() {
     if (fd_ > 0) {
         ::close(fd_);
-        fd_ = -1;
+        fd_ = linnet::kNoFd;
     }
 }
 

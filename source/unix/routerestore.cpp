@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "logger/log.h"
+#include "results.h"
 #include "sockops.h"
 #include "unix/nlwalk.h"
 #include "unix/routeload.h"
@@ -109,11 +110,11 @@ void CRoutesDumpImp::restore() const {
         kernel.nl_family = AF_NETLINK;
         const ssize_t sent = ::sendto(fd.get(), req.data(), req.size(), 0,
                                       reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
-        const int verdict = sent < 0 ? -errno : Verdict(fd.get(), answer);
+        const int verdict = sent < 0 ? linnet::sys::failure() : Verdict(fd.get(), answer);
         LOG_STREAM(4) << "another route dumped into the kernel";
         if (verdict == 0) {
             ++put_back;
-        } else if (verdict == -EEXIST) {
+        } else if (verdict == linnet::result::kRouteExists) {
             ++present;
         } else {
             LOG_STREAM(1) << "kernel refused route " << Describe(saved).c_str() << " (errno "

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "logger/log.h"
+#include "results.h"
 #include "sockops.h"
 #include "unix/nldump.h"
 #include "unix/nlwalk.h"
@@ -177,16 +178,16 @@ int CRouteTable::Read(int filter, const std::map<unsigned int, unsigned int>& if
     const int fd = talk.fd();
     if (err != 0) {
         LOG_STREAM(1) << "Cannot open netlink socket (errno " << err << ")";
-        return -err;
+        return linnet::sys::failure(err);
     }
     LOG_STREAM(11) << "got netlink fd = " << fd;
     if ((err = talk.SetNonBlocking()) != 0) {
         LOG_STREAM(1) << "fd " << fd << " can't be set non-blocking (errno " << err << ")";
-        return -err;
+        return linnet::sys::failure(err);
     }
     if ((err = talk.Bind()) != 0) {
         LOG_STREAM(1) << "Cannot bind netlink fd " << fd << " (errno " << err << ")";
-        return -err;
+        return linnet::sys::failure(err);
     }
 
     DumpRequest req;
@@ -206,32 +207,32 @@ int CRouteTable::Read(int filter, const std::map<unsigned int, unsigned int>& if
                 LOG_STREAM(1) << "No room for data on fd " << fd;
             else
                 LOG_STREAM(1) << "Error write data to netlink fd " << fd << " (errno " << o.err << ")";
-            return -o.err;
+            return linnet::sys::failure(o.err);
         case nl::Failure::kShortSend:  // errno is whatever it was
             LOG_STREAM(1) << "The amount of sent data " << o.value << " isn't equal to origin "
                           << sizeof req;
-            return -o.err;
+            return linnet::sys::failure(o.err);
         case nl::Failure::kNoData:
             LOG_STREAM(1) << "No data available on netlink fd " << fd;
-            return -o.err;
+            return linnet::sys::failure(o.err);
         case nl::Failure::kEndOfFile:
             LOG_STREAM(1) << "EOF on netlink fd " << fd;
-            return -1;
+            return linnet::result::kStep1;
         case nl::Failure::kAddressLength:
             LOG_STREAM(1) << "Sender address length " << o.value << " isn't equal to origin "
                           << sizeof(sockaddr_nl);
-            return -2;
+            return linnet::result::kStep2;
         case nl::Failure::kTruncated:
             LOG_STREAM(1) << "Message truncated";
-            return -EMSGSIZE;
+            return linnet::result::kDumpTruncated;
         case nl::Failure::kChanging:
             LOG_STREAM(1) << "Route table changed during " << nl::kDumpAttempts
                           << " dumps on netlink fd " << fd;
-            return -EBUSY;
+            return linnet::result::kDumpChanging;
         default:  // kReceive; the open steps were taken above
             LOG_STREAM(1) << "Cannot recv message from netlink fd " << fd << " (errno " << o.err
                           << ")";
-            return o.err != 0 ? -o.err : -1;
+            return linnet::sys::failure(o.err);
     }
 }
 
@@ -257,7 +258,7 @@ int CRouteTable::HandleAnswer(nlmsghdr* h, long len, bool truncated, int filter,
                 LOG_STREAM(1) << "Got error netlink answer (errcode " << nl::error_of(h)->error << ")";
             else
                 LOG_STREAM(1) << "Message truncated";
-            result = -3;
+            result = linnet::result::kStep3;
             ended = true;
             break;
         }
@@ -270,7 +271,7 @@ int CRouteTable::HandleAnswer(nlmsghdr* h, long len, bool truncated, int filter,
         LOG_STREAM(1) << "Message truncated";
     } else if (!done && len > 0) {
         LOG_STREAM(1) << "Message rest size " << len;
-        return -4;
+        return linnet::result::kStep4;
     }
     return ended ? result : kMoreToRead;
 }
@@ -285,7 +286,7 @@ int CRouteTable::AddEntry(nlmsghdr* msg, int filter,
     long len = nl::route_payload_len(msg);
     if (len < 0) {
         LOG_STREAM(1) << "Wrong nlmsg len " << len;
-        return -1;
+        return linnet::result::kFailed;
     }
     rtmsg* rtm = nl::route_of(msg);
     // Raw characters, not numbers: the trace has always shown the bytes.
