@@ -74,7 +74,7 @@ bool is_name_or_alias(const char* full, const char* name) {
 }
 
 // The one level-1 line of a table that could not hold every interface.
-void ReportLeftOut(int left_out) {
+void report_left_out(int left_out) {
     if (left_out > 0)
         LOG_STREAM_AS("Read", 1) << "interface table full (" << kMaxIfaces << " entries): "
                                  << left_out << " interfaces left out";
@@ -163,12 +163,12 @@ void CNetworkInterfaceInfo::Read() {
     linnet::netif::LineReader dev(kProcNetDev);
     if (!dev.ok()) {
         LOG_FORMAT("CNetworkInterfaceInfo::Read", 1, "Can't open %s for read ", kProcNetDev);
-        ReportLeftOut(left_out);
+        report_left_out(left_out);
         return;
     }
     char line[kLineBytes];
     if (!dev.next(line, sizeof line) || !dev.next(line, sizeof line)) {
-        ReportLeftOut(left_out);
+        report_left_out(left_out);
         return;
     }
     while (dev.next(line, sizeof line)) {
@@ -183,7 +183,7 @@ void CNetworkInterfaceInfo::Read() {
         copy_name(rec->name, name);
         info_[count_++] = rec;
     }
-    ReportLeftOut(left_out);
+    report_left_out(left_out);
 }
 
 int CNetworkInterfaceInfo::GetCount() const { return count_; }
