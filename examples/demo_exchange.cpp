@@ -1,10 +1,10 @@
-// The loopback part of linnet-demo: a CSockGroup server echoing framed
+// The loopback part of linnet-demo: the library's block server echoing framed
 // blocks to several clients, plain then compressed, and a queued file
 // transfer.
 #include <arpa/inet.h>
+#include <linnet/blockserver.h>
 #include <linnet/compress.h>
 #include <linnet/qfiletransf.h>
-#include <linnet/sockgroup.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -42,63 +41,27 @@ double Seconds(Clock::time_point since) {
 }
 
 
-// Echo server on a socket group: one CompressedTCPSocket per client, switched
-// to compression when the client asks for it.
-void EchoServer(Listener* listener, int clients, std::atomic<bool>* failed) {
-    struct Conn {
-        std::unique_ptr<CompressedTCPSocket> sock;
-        std::unique_ptr<CompressedSockStream> stream;
-        bool compressed = false;
-    };
-    CSockGroup group;
-    group.Add(listener, POLL_READ);
-    std::map<NonBlockSocket*, Conn> conns;
-    int finished = 0;
-    const auto start = Clock::now();
-    while (finished < clients && Seconds(start) < 120) {
-        if (group.Poll(1, 0) <= 0) continue;
-        if (listener->GetState() & POLL_READ) {
-            const int fd = listener->Accept(nullptr, nullptr);
-            if (fd > 0) {
-                Conn c;
-                c.sock.reset(new CompressedTCPSocket);
-                c.sock->OpenFD(fd, 0);
-                c.sock->SetNoDelay(1);
-                c.stream.reset(new CompressedSockStream(c.sock.get(), 1000000, 10));
-                group.Add(c.sock.get(), POLL_READ);
-                conns[c.sock.get()] = std::move(c);
-            }
-        }
-        for (auto it = conns.begin(); it != conns.end();) {
-            Conn& c = it->second;
-            bool drop = false;
-            if (c.sock->GetState() & POLL_READ) {
-                unsigned char* body = nullptr;
-                unsigned size = 0;
-                if (c.stream->ReadBlock(&body, &size, kMaxBlock) != 0) {
-                    drop = true;  // the client is done (or broke the protocol)
-                } else if (size == sizeof kCompressRequest &&
-                           std::memcmp(body, kCompressRequest, size) == 0) {
-                    drop = c.stream->WriteBlock(body, size) != 0;
-                    c.compressed = c.sock->SwitchCompression(1) == 0;
-                } else {
-                    drop = c.stream->WriteBlock(body, size) != 0;
-                    // Push the compressor's output out: the client waits for it.
-                    if (c.compressed && c.sock->FullFlush() < 0) drop = true;
-                }
-                delete[] body;
-            }
-            if (drop) {
-                group.Remove(c.sock.get());
-                it = conns.erase(it);
-                ++finished;
-            } else {
-                ++it;
-            }
-        }
+// Echo server: the library's block server, switched to compression for a
+// client that asks for it (the answer to the request still goes out plain).
+struct EchoServer : CBlockServer {
+    using CBlockServer::CBlockServer;
+    int OnBlock(CBlockAssembler* conn, const unsigned char* body, unsigned size) override {
+        if (conn->ReplyBlock(body, size) < 0) return -3;
+        return size == sizeof kCompressRequest && std::memcmp(body, kCompressRequest, size) == 0 ? 1 : 0;
     }
-    if (finished < clients) *failed = true;
-    group.Clear();
+    void OnEnd(const CBlockRecord& r) override {
+        ++finished;
+        failed = failed || r.end != BlockEnd::kClosed;
+    }
+    int finished = 0;
+    bool failed = false;
+};
+
+void RunServer(EchoServer* server, int clients, std::atomic<bool>* failed) {
+    const auto start = Clock::now();
+    while (server->finished < clients && Seconds(start) < 120 && server->RunOnce(1000) >= 0) {
+    }
+    if (server->finished < clients || server->failed) *failed = true;
 }
 
 struct ClientResult {
@@ -166,16 +129,18 @@ void EchoClient(unsigned short port, int id, ClientResult* out) {
 namespace demo {
 
 bool RunEchoExchange(int clients) {
-    Listener listener;
-    if (!listener.Start(0, 16)) {
+    CBlockOptions options;
+    options.maxBlock = kMaxBlock;
+    EchoServer echo(options);
+    if (echo.Listen(htonl(INADDR_LOOPBACK), 0) != 0) {
         std::printf("  cannot listen on 127.0.0.1\n");
         return false;
     }
-    const unsigned short port = listener.LocalPort();
-    std::printf("  echo server on 127.0.0.1:%u (socket group), %d clients, TCP_NODELAY on\n", port,
+    const unsigned short port = echo.Port();
+    std::printf("  echo server on 127.0.0.1:%u (CBlockServer), %d clients, TCP_NODELAY on\n", port,
                 clients);
     std::atomic<bool> server_failed{false};
-    std::thread server(EchoServer, &listener, clients, &server_failed);
+    std::thread server(RunServer, &echo, clients, &server_failed);
     std::vector<ClientResult> results(static_cast<std::size_t>(clients));
     std::vector<std::thread> threads;
     const auto start = Clock::now();

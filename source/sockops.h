@@ -83,6 +83,22 @@ private:
     int fd_;
 };
 
+// Closing without the one-second linger: `reset` true drops unsent data and
+// sends RST; false lets the kernel deliver unsent data after close returns.
+// 0, or failure().
+inline int set_close_now(int fd, bool reset) {
+    const linger l{reset ? 1 : 0, 0};
+    return ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &l, sizeof l) == 0 ? 0 : failure();
+}
+
+// The local port of a bound IPv4 socket, host order; 0 when it cannot be read.
+inline unsigned short local_port(int fd) {
+    sockaddr_in sa{};
+    socklen_t len = sizeof sa;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) != 0) return 0;
+    return ntohs(sa.sin_port);
+}
+
 }  // namespace sys
 }  // namespace linnet
 

@@ -1,4 +1,4 @@
-// Echo clients of a block server (examples/block_server) on one poll loop:
+// Echo clients of a block server (linnet/blockserver.h) on one poll loop:
 // n non-blocking connections each send a block (4-byte host-order length,
 // then 0 to max_body bytes derived from the connection and sequence number),
 // check its echo byte for byte and send the next while more() holds; then

@@ -1,0 +1,329 @@
+#include <linnet/blockserver.h>
+
+#include <time.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+struct SlabPeek : CCompressorSlab {
+    static int Size(const CCompressorSlab& s) { return s.*(&SlabPeek::slabSize_); }
+};
+
+// The compressor's pending output of a compressed socket, read through a
+// pointer to the protected members (no object of this type is ever made).
+struct CompressorPeek : CompressedTCPSocket {
+    static int Pending(CompressedTCPSocket* s) {
+        int CompressedTCPSocket::*on = &CompressorPeek::compressionOn_;
+        CStreamCompressor* CompressedTCPSocket::*z = &CompressorPeek::compressor_;
+        if (!(s->*on) || (s->*z) == nullptr) return 0;
+        return (s->*z)->TryRead(nullptr);
+    }
+    // Plain bytes the decompressor can hold: one Read asking this much takes
+    // them all, so the next socket read never lands on compressed input the
+    // decompressor has not taken yet.
+    static int DecodedCapacity(CompressedTCPSocket* s) {
+        CStreamDecompressor* CompressedTCPSocket::*d = &CompressorPeek::decompressor_;
+        return (s->*d) == nullptr ? 0 : SlabPeek::Size(*(s->*d));
+    }
+    static bool On(CompressedTCPSocket* s) {
+        int CompressedTCPSocket::*on = &CompressorPeek::compressionOn_;
+        return (s->*on) != 0;
+    }
+};
+
+// Grows a malloc'd buffer to at least `need` bytes (doubling): false, the
+// buffer unchanged, when memory is short. Not zero-filled: pages are touched
+// only as bytes arrive, so idle connections cost little resident memory.
+bool Grow(unsigned char** buf, long long* cap, long long need) {
+    if (need <= *cap) return true;
+    if (need > INT_MAX) return false;
+    long long n = *cap > 0 ? *cap : 4096;
+    while (n < need) n *= 2;
+    if (n > INT_MAX) n = need;
+    void* p = std::realloc(*buf, static_cast<std::size_t>(n));
+    if (p == nullptr) return false;
+    *buf = static_cast<unsigned char*>(p);
+    *cap = n;
+    return true;
+}
+
+}  // namespace
+
+const char* BlockEndName(BlockEnd e) {
+    switch (e) {
+        case BlockEnd::kClosed: return "closed";
+        case BlockEnd::kCutHeader: return "closed in header";
+        case BlockEnd::kTooBig: return "too big";
+        case BlockEnd::kNoMemory: return "no memory";
+        case BlockEnd::kCutBody: return "closed in body";
+        case BlockEnd::kSendFailed: return "send failed";
+        case BlockEnd::kDeadline: return "block deadline";
+        case BlockEnd::kIdle: return "idle";
+        case BlockEnd::kStalledReader: return "stalled reader";
+        case BlockEnd::kRefused: return "refused";
+        case BlockEnd::kCorrupt: return "corrupt input";
+    }
+    return "?";
+}
+
+int BlockEndCode(BlockEnd e) {
+    switch (e) {
+        case BlockEnd::kClosed: return 0;
+        case BlockEnd::kCutHeader: return -1;
+        case BlockEnd::kTooBig: return -2;
+        case BlockEnd::kNoMemory: return -3;
+        case BlockEnd::kCutBody: return -4;
+        case BlockEnd::kSendFailed: return -14;
+        case BlockEnd::kRefused: return -22;
+        case BlockEnd::kCorrupt: return -5;
+        default: return -110;
+    }
+}
+
+CBlockAssembler::CBlockAssembler(const CBlockOptions& options) : options_(options) {
+    if (options_.readSize < 1024) options_.readSize = 1024;
+    const long long now = NowMs();
+    blockStart_ = lastInput_ = outProgress_ = now;
+}
+
+CBlockAssembler::~CBlockAssembler() {
+    std::free(in_);
+    std::free(out_);
+}
+
+long long CBlockAssembler::NowMs() {
+    timespec ts{};
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+void CBlockAssembler::Reset(long long now) {
+    inStart_ = inEnd_ = 0;
+    outStart_ = outEnd_ = 0;
+    length_ = 0;
+    haveHeader_ = refused_ = more_ = zPending_ = wasPending_ = false;
+    blockStart_ = lastInput_ = outProgress_ = now;
+}
+
+bool CBlockAssembler::Room(int n) {
+    if (inStart_ == inEnd_) inStart_ = inEnd_ = 0;
+    if (inCap_ - inEnd_ >= n) return true;
+    if (inStart_ > 0) {  // one move per read at most, never per block
+        std::memmove(in_, in_ + inStart_, static_cast<std::size_t>(inEnd_ - inStart_));
+        inEnd_ -= inStart_;
+        inStart_ = 0;
+        if (inCap_ - inEnd_ >= n) return true;
+    }
+    return Grow(&in_, &inCap_, static_cast<long long>(inEnd_) + n);
+}
+
+int CBlockAssembler::InputRoom(int size) const {
+    // One incomplete block (header included) and one read at most.
+    const long long cap = static_cast<long long>(options_.maxBlock) + 4 + size;
+    const long long room = cap - QueuedInput();
+    return static_cast<int>(room < size ? (room > 0 ? room : 0) : size);
+}
+
+void CBlockAssembler::Arrived(int before, long long now) {
+    if (before == 0 && !haveHeader_) blockStart_ = now;  // a new block begins
+    lastInput_ = now;
+}
+
+int CBlockAssembler::ReadFrom(NonBlockSocket* s, long long now) {
+    return ReadInto(s, false, options_.readSize, now);
+}
+
+int CBlockAssembler::ReadFrom(CompressedTCPSocket* s, long long now) {
+    const bool on = s != nullptr && CompressorPeek::On(s);
+    const int size = on ? CompressorPeek::DecodedCapacity(s) : 0;
+    return ReadInto(s, on, size > options_.readSize ? size : options_.readSize, now);
+}
+
+int CBlockAssembler::ReadInto(NonBlockSocket* s, bool compressed, int size, long long now) {
+    more_ = false;
+    if (s == nullptr) return -22;
+    const int want = InputRoom(size);
+    if (want == 0) {
+        more_ = true;  // the caller has blocks to take first
+        return 0;
+    }
+    if (!Room(want)) return -3;
+    const int before = QueuedInput();
+    const int r = s->Read(in_ + inEnd_, want);
+    if (r <= 0) return r;
+    inEnd_ += r;
+    Arrived(before, now);
+    more_ = r == want || compressed;
+    return r;
+}
+
+int CBlockAssembler::TakeQueued(QueuedTCPSocket* s, int status, long long now) {
+    if (s == nullptr) return -22;
+    const int before = QueuedInput();
+    int taken = 0;
+    for (int n; (n = s->Read(nullptr, 0)) > 0;) {
+        if (!Room(n)) return -3;
+        if (s->Read(in_ + inEnd_, n) != n) return -3;  // cannot happen: sized above
+        if ((status & 3) != 0 && n == QTCPSOCK_CLOSE_SIZE &&
+            std::memcmp(in_ + inEnd_, QTCPSOCK_CLOSE, QTCPSOCK_CLOSE_SIZE) == 0 && s->Read(nullptr, 0) == 0) {
+            if (taken > 0) Arrived(before, now);
+            return -32;  // the failure the marker reports; the marker itself is not data
+        }
+        inEnd_ += n;
+        taken += n;
+    }
+    if (taken > 0) Arrived(before, now);
+    return taken;
+}
+
+int CBlockAssembler::Feed(const void* data, int len, long long now) {
+    if (len < 0 || (data == nullptr && len > 0)) return -22;
+    if (len == 0) return 0;
+    if (!Room(len)) return -3;
+    const int before = QueuedInput();
+    std::memcpy(in_ + inEnd_, data, static_cast<std::size_t>(len));
+    inEnd_ += len;
+    Arrived(before, now);
+    return len;
+}
+
+int CBlockAssembler::Next(const unsigned char** body, unsigned* size, long long now) {
+    if (refused_) return -2;
+    if (inStart_ == inEnd_ && inCap_ > 2LL * options_.readSize) {  // all taken: give back a long block's room
+        std::free(in_);
+        in_ = nullptr;
+        inCap_ = inStart_ = inEnd_ = 0;
+    }
+    if (!haveHeader_) {
+        if (inEnd_ - inStart_ < 4) return 0;
+        std::memcpy(&length_, in_ + inStart_, 4);
+        inStart_ += 4;
+        if (length_ > options_.maxBlock) {  // refused before anything is allocated for it
+            refused_ = true;
+            return -2;
+        }
+        haveHeader_ = true;
+    }
+    if (static_cast<unsigned>(inEnd_ - inStart_) < length_) return 0;
+    if (body != nullptr) *body = in_ + inStart_;
+    if (size != nullptr) *size = length_;
+    inStart_ += static_cast<int>(length_);
+    haveHeader_ = false;
+    if (inStart_ < inEnd_) blockStart_ = now;  // the next block is under way
+    return 1;
+}
+
+int CBlockAssembler::Reply(const void* data, int len) {
+    if (len < 0 || (data == nullptr && len > 0)) return -22;
+    if (!OutRoom(len)) return -3;
+    if (len > 0) std::memcpy(out_ + outEnd_, data, static_cast<std::size_t>(len));
+    outEnd_ += len;
+    return len;
+}
+
+int CBlockAssembler::ReplyBlock(const void* body, unsigned size) {
+    if (size > INT_MAX - 4 || (body == nullptr && size > 0)) return -22;
+    if (!OutRoom(static_cast<int>(size) + 4)) return -3;
+    std::memcpy(out_ + outEnd_, &size, 4);
+    if (size > 0) std::memcpy(out_ + outEnd_ + 4, body, size);
+    outEnd_ += 4 + static_cast<long long>(size);
+    return static_cast<int>(size) + 4;
+}
+
+bool CBlockAssembler::OutRoom(int n) {
+    if (outStart_ == outEnd_) outStart_ = outEnd_ = 0;
+    if (outCap_ - outEnd_ >= n) return true;
+    if (outStart_ > 0) {
+        std::memmove(out_, out_ + outStart_, static_cast<std::size_t>(outEnd_ - outStart_));
+        outEnd_ -= outStart_;
+        outStart_ = 0;
+        if (outCap_ - outEnd_ >= n) return true;
+    }
+    return Grow(&out_, &outCap_, outEnd_ + n);
+}
+
+int CBlockAssembler::QueuedOutput() const { return static_cast<int>(outEnd_ - outStart_); }
+
+int CBlockAssembler::Sent(int w, bool progress, long long now) {
+    if (!wasPending_ || progress) outProgress_ = now;  // the stall clock starts, or restarts
+    wasPending_ = Pending();
+    if (!wasPending_ && outCap_ > 2LL * options_.readSize) {  // all sent: give back a reply burst's room
+        std::free(out_);
+        out_ = nullptr;
+        outCap_ = outStart_ = outEnd_ = 0;
+    }
+    return w;
+}
+
+int CBlockAssembler::Send(NonBlockSocket* s, long long now) {
+    if (s == nullptr) return -22;
+    const int n = QueuedOutput();
+    if (n == 0) return Sent(0, false, now);
+    const int w = s->Write(out_ + outStart_, n);
+    if (w < 0) return w;
+    outStart_ += w;
+    return Sent(w, w > 0, now);
+}
+
+int CBlockAssembler::Send(CompressedTCPSocket* s, long long now) {
+    if (s == nullptr) return -22;
+    if (!CompressorPeek::On(s)) {
+        zPending_ = false;
+        return Send(static_cast<NonBlockSocket*>(s), now);
+    }
+    int taken = 0;
+    while (QueuedOutput() > 0) {  // ends when the compressor is full
+        const int w = s->Write(out_ + outStart_, QueuedOutput());
+        if (w < 0) return w;
+        if (w == 0) break;
+        outStart_ += w;
+        taken += w;
+    }
+    int flushed = 0;
+    if (taken > 0 || zPending_) {
+        flushed = s->Flush();  // one attempt: the peer may not be reading
+        if (flushed < 0) return flushed;
+    }
+    zPending_ = CompressorPeek::Pending(s) > 0;
+    return Sent(taken, taken > 0 || flushed > 0, now);
+}
+
+bool CBlockAssembler::Paused() const {
+    return QueuedOutput() > 2LL * (static_cast<long long>(options_.maxBlock) + 4);
+}
+
+int CBlockAssembler::Wanted() const { return (Pending() ? POLL_WRITE : 0) | (Paused() ? 0 : POLL_READ); }
+
+bool CBlockAssembler::InBlock() const { return haveHeader_ || inEnd_ > inStart_; }
+
+int CBlockAssembler::Expired(long long now, BlockEnd* why) const {
+    const long long deadline = options_.deadlineMs;
+    BlockEnd e;
+    if (deadline > 0 && wasPending_ && now - outProgress_ > deadline) e = BlockEnd::kStalledReader;
+    else if (Paused()) return 0;  // the server is the one not reading
+    else if (deadline > 0 && InBlock() && now - blockStart_ > deadline) e = BlockEnd::kDeadline;
+    else if (options_.idleMs > 0 && !InBlock() && now - lastInput_ > options_.idleMs) e = BlockEnd::kIdle;
+    else return 0;
+    if (why != nullptr) *why = e;
+    return 1;
+}
+
+long long CBlockAssembler::NextDeadline() const {
+    long long t = -1;
+    const long long deadline = options_.deadlineMs;
+    if (deadline > 0 && wasPending_) t = outProgress_ + deadline + 1;
+    if (Paused()) return t;
+    long long u = -1;
+    if (deadline > 0 && InBlock()) u = blockStart_ + deadline + 1;
+    else if (options_.idleMs > 0 && !InBlock()) u = lastInput_ + options_.idleMs + 1;
+    if (u >= 0 && (t < 0 || u < t)) t = u;
+    return t;
+}
+
+BlockEnd CBlockAssembler::EndOnClose() const {
+    if (haveHeader_) return BlockEnd::kCutBody;
+    return inEnd_ > inStart_ ? BlockEnd::kCutHeader : BlockEnd::kClosed;
+}
