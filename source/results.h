@@ -26,6 +26,17 @@ constexpr int kEndOfStream = -EPIPE;
 constexpr int kTimedOut = -ETIMEDOUT;
 // A socket group with nothing to wait for, and no time limit.
 constexpr int kNothingToWaitFor = -EBADF;
+// An argument out of its range (a null socket, a negative length).
+constexpr int kBadArgument = -EINVAL;
+// Listen on a block server that already listens.
+constexpr int kAlreadyListening = -EINVAL;
+// Compressed input that inflate no longer takes.
+constexpr int kCorruptInput = -EIO;
+// An accept that failed for want of descriptors or memory.
+constexpr int kTooManyFiles = -EMFILE;
+constexpr int kFileTableFull = -ENFILE;
+constexpr int kNoBuffers = -ENOBUFS;
+constexpr int kNoMemory = -ENOMEM;
 // The compressed socket: a call that its compression state does not allow.
 constexpr int kWrongState = -255;
 
@@ -52,6 +63,10 @@ constexpr int kStep4 = -4;
 
 // The value of a descriptor member that holds none.
 constexpr int kNoFd = -1;
+// A time (milliseconds) that is not set: no deadline, no pause.
+constexpr long long kNoTime = -1;
+// The seconds of a wait without limit.
+constexpr int kWaitForever = -1;
 
 }  // namespace linnet
 
