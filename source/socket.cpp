@@ -5,31 +5,40 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstdio>
 
 #include "logger/log.h"
+#include "results.h"
 #include "sockops.h"
 
 static const char kLogFile[] = "source/socket";
 
 namespace {
 
+using linnet::kNoFd;
+namespace result = linnet::result;
+
 // Reads one decimal integer from a /proc file: the value, 0 when it holds no
 // number, -1 (with errno) when it cannot be opened.
 int read_proc_int(const char* path) {
-    std::FILE* f = std::fopen(path, "r");
-    if (f == nullptr) return -1;
+    linnet::sys::ScopedFd file(::open(path, O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0) return result::kFailed;
+    char text[32];
+    const ssize_t n = ::read(file.get(), text, sizeof text - 1);
+    if (n <= 0) return 0;
+    text[n] = '\0';
     int value = 0;
-    if (std::fscanf(f, "%d", &value) != 1) value = 0;
-    std::fclose(f);
+    if (std::sscanf(text, "%d", &value) != 1) value = 0;
     return value;
 }
 
 }  // namespace
 
 NonBlockSocket::NonBlockSocket(int events)
-    : fd_(-1), lastError_(0), state_(0), events_(events), initState_(0), addr_(0), port_(0) {}
+    : fd_(kNoFd), lastError_(0), state_(0), events_(events), initState_(0), addr_(0), port_(0) {}
 
 NonBlockSocket::~NonBlockSocket() { NonBlockSocket::Close(); }
 
@@ -37,14 +46,14 @@ int NonBlockSocket::Connect(unsigned int, unsigned short, int, int) { return 0; 
 
 int NonBlockSocket::Close() {
     if (fd_ > 0) ::close(fd_);
-    fd_ = -1;
+    fd_ = kNoFd;
     events_ = state_ = lastError_ = initState_ = 0;
     port_ = 0;
     return 0;
 }
 
 int NonBlockSocket::Bind(unsigned int ip, unsigned short port) {
-    if (fd_ < 0) return -22;
+    if (fd_ < 0) return result::kNoDescriptor;
     LOG_STREAM(11) << "binding fd_ " << fd_ << " to " << ip2sn(ip) << ":" << port;
     sockaddr_in sa = linnet::sys::ipv4_address(ip, port);
     if (::bind(fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0) {
@@ -63,7 +72,7 @@ int NonBlockSocket::Bind(unsigned int ip, unsigned short port) {
 int NonBlockSocket::Poll(int events, int sec, int usec) {
     if (fd_ < 0) {
         LOG_STREAM(11) << "poll on negative fd_ = " << fd_;
-        return -22;
+        return result::kNoDescriptor;
     }
     LOG_STREAM(11) << "polling fd_ " << fd_ << " (time " << sec << "/" << usec
                    << "), read: " << (events & POLL_READ) << ", write: " << (events & POLL_WRITE);
@@ -85,19 +94,20 @@ int NonBlockSocket::Poll(int events, int sec, int usec) {
         return 0;
     }
     const int err = errno;
+    const int failed = linnet::sys::failure();
     if (err == EINTR) {
         LOG_STREAM(11) << "interrupted system call (ignored)";
         lastError_ = EINTR;
         return 0;
     }
     LOG_STREAM(11) << "select failed on fd_ " << fd_ << " (code " << err << "), exiting";
-    return -err;
+    return failed;
 }
 
 int NonBlockSocket::Shutdown() {
     LOG_STREAM(11) << "shutting down fd_ = " << fd_;
     const int r = ::shutdown(fd_, SHUT_RDWR);
-    fd_ = -1;
+    fd_ = kNoFd;
     events_ = state_ = lastError_ = initState_ = 0;
     port_ = 0;
     return r;

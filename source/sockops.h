@@ -15,9 +15,11 @@
 namespace linnet {
 namespace sys {
 
-// The library's code for a failed call: -errno, or -1 when errno is 0 so
-// that a failure is never reported as success.
-inline int failure() { return errno != 0 ? -errno : -1; }
+// The library's code for a failed call: -errno (or the errno value saved
+// in `err`), or -1 when it is 0 so that a failure is never reported as
+// success. The one place where an errno becomes a result.
+inline int failure(int err) { return err != 0 ? -err : -1; }
+inline int failure() { return failure(errno); }
 
 // An IPv4 socket address: `ip` in network byte order, copied as it is;
 // `port` in host byte order.

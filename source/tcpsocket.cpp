@@ -10,9 +10,12 @@
 #include <cerrno>
 
 #include "logger/log.h"
+#include "results.h"
 #include "sockops.h"
 
 static const char kLogFile[] = "source/tcpsocket";
+
+namespace result = linnet::result;
 
 namespace {
 
@@ -77,13 +80,13 @@ int TCPSocket::Open() {
     if (::fcntl(fd_, F_SETFL, O_NONBLOCK) < 0) {
         const int err = errno;
         LOG_STREAM(1) << "fd_ = " << fd_ << " can't be set non-blocking (code " << err << "), exiting";
-        return -err;
+        return linnet::sys::failure(err);
     }
     if (::fcntl(fd_, F_SETFD, FD_CLOEXEC) < 0) {
         const int err = errno;
         LOG_STREAM(1) << "fd_ " << fd_ << " can't be set flag \"close-on-exec\" (code " << err
                       << "), exiting";
-        return -err;
+        return linnet::sys::failure(err);
     }
     const int one = 1;
     if (::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) < 0) {
@@ -101,17 +104,17 @@ int TCPSocket::Open() {
 }
 
 int TCPSocket::OpenFD(int fd, unsigned short port) {
-    if (fd_ >= 0) return -22;
+    if (fd_ >= 0) return result::kAlreadyOpen;
     if (::fcntl(fd, F_SETFL, O_NONBLOCK) < 0) {
         const int err = errno;
         LOG_STREAM(11) << "fd_ " << fd << " can't be set non-blocking (code " << err << "), exiting";
-        return -err;
+        return linnet::sys::failure(err);
     }
     if (::fcntl(fd, F_SETFD, FD_CLOEXEC) < 0) {
         const int err = errno;
         LOG_STREAM(1) << "fd_ " << fd << " can't be set flag \"close-on-exec\" (code " << err
                       << "), exiting";
-        return -err;
+        return linnet::sys::failure(err);
     }
     if (::setsockopt(fd, SOL_SOCKET, SO_LINGER, &kLingerOneSecond, sizeof kLingerOneSecond) < 0) {
         const int err = errno;
@@ -130,11 +133,11 @@ int TCPSocket::OpenFD(int fd, unsigned short port) {
 int TCPSocket::Read(void* buf, int len) {
     if (fd_ < 0) {
         LOG_STREAM(11) << "read on negative fd_ = " << fd_;
-        return -22;
+        return result::kNoDescriptor;
     }
     if (len < 0) {  // read() would take it as a huge count and overrun buf
         LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
-        return -22;
+        return result::kBadLength;
     }
     LOG_STREAM(11) << "trying to read on fd_ " << fd_ << " (" << len << " bytes to " << buf << ")";
     const ssize_t n = ::read(fd_, buf, static_cast<size_t>(len));
@@ -144,24 +147,24 @@ int TCPSocket::Read(void* buf, int len) {
     }
     if (n == 0) {
         LOG_STREAM(11) << "EOF occured when reading from fd_ " << fd_;
-        return -32;
+        return result::kEndOfStream;
     }
     if (errno == EAGAIN) {
         LOG_STREAM(11) << "no data available on fd_ " << fd_;
         return 0;
     }
     LOG_STREAM(11) << "ouch ! something strange !";
-    return -14;
+    return result::kUnexpected;
 }
 
 int TCPSocket::Write(void* buf, int len) {
     if (fd_ < 0) {
         LOG_STREAM(11) << "write on negative fd_ = " << fd_;
-        return -22;
+        return result::kNoDescriptor;
     }
     if (len < 0) {  // send() would take it as a huge count and send the heap
         LOG_STREAM(3) << "write of negative length " << len << " on fd_ " << fd_;
-        return -22;
+        return result::kBadLength;
     }
     LOG_STREAM(11) << "trying to write to fd_ " << fd_ << " (" << len << " bytes from " << buf << ")";
     // A reset peer, or a pipe without reader, costs -14, never SIGPIPE.
@@ -179,7 +182,7 @@ int TCPSocket::Write(void* buf, int len) {
         return 0;
     }
     LOG_STREAM(11) << "Ouch ! Something strange !";
-    return -14;
+    return result::kUnexpected;
 }
 
 int TCPSocket::SetSndBufSize(int size) {
@@ -195,7 +198,7 @@ int TCPSocket::SetRcvBufSize(int size) {
 }
 
 int TCPSocket::Listen(int backlog) {
-    if (fd_ < 0) return -22;
+    if (fd_ < 0) return result::kNoDescriptor;
     LOG_FORMAT("Listen", 11, "listening on fd_ = %d", fd_);
     if (::listen(fd_, backlog) < 0) {
         const int err = errno;
@@ -208,7 +211,7 @@ int TCPSocket::Listen(int backlog) {
 }
 
 int TCPSocket::Accept(unsigned int* ip, unsigned short* port) {
-    if (fd_ < 0) return -22;
+    if (fd_ < 0) return result::kNoDescriptor;
     LOG_FORMAT("Accept", 11, "trying to accept on fd_ = %d", fd_);
     sockaddr_in sa{};
     socklen_t len = sizeof sa;
@@ -216,7 +219,7 @@ int TCPSocket::Accept(unsigned int* ip, unsigned short* port) {
     if (fd < 0) {
         const int err = errno;
         LOG_FORMAT("Accept", 11, "accept failed on fd_ %d (code %d )", fd_, err);
-        return -err;
+        return linnet::sys::failure(err);
     }
     LOG_FORMAT("Accept", 11, "accept ok on fd_ %d new fd_ %d", fd_, fd);
     if (ip != nullptr) *ip = sa.sin_addr.s_addr;
@@ -259,7 +262,7 @@ bool TCPSocket::IsConnectionEstablished() { return PollSocket(0, 0) == 0; }
 int TCPSocket::StartConnecting(unsigned int ip, unsigned short port) {
     if (fd_ < 0) {
         LOG_STREAM(11) << "connect on negative fd_ = " << fd_;
-        return -22;
+        return result::kNoDescriptor;
     }
     sockaddr_in sa = linnet::sys::ipv4_address(ip, port);
     LOG_STREAM(11) << "connecting fd_ " << fd_ << " to " << ip2sn(ip) << ":" << port;
@@ -268,20 +271,20 @@ int TCPSocket::StartConnecting(unsigned int ip, unsigned short port) {
         LOG_STREAM(11) << "connected on fd_ " << fd_ << " (immediately)";
         return 0;
     }
-    if (r > 0) return -14;
+    if (r > 0) return result::kUnexpected;
     const int err = errno;
     if (err == EAGAIN || err == EINPROGRESS) {
         LOG_STREAM(11) << "connection started on fd_ " << fd_ << " (in progress)";
         return 1;
     }
     LOG_STREAM(11) << "connect failed on fd_ " << fd_ << " (code " << err << ")";
-    return -err;
+    return linnet::sys::failure(err);
 }
 
 int TCPSocket::ConnectNonBlocking(unsigned int ip, unsigned short port) {
     if (fd_ < 0) {
         LOG_STREAM(11) << "connect on negative fd_ = " << fd_;
-        return -22;
+        return result::kNoDescriptor;
     }
     LOG_STREAM(11) << "connecting fd_ " << fd_ << " to " << ip2sn(ip) << ":" << port;
     const int r = StartConnecting(ip, port);
@@ -294,17 +297,17 @@ int TCPSocket::ConnectNonBlocking(unsigned int ip, unsigned short port) {
 }
 
 int TCPSocket::PollSocket(int seconds, int microseconds) {
-    if (Poll(POLL_WRITE, seconds, microseconds) != POLL_WRITE) return -110;
+    if (Poll(POLL_WRITE, seconds, microseconds) != POLL_WRITE) return result::kTimedOut;
     int err = 0;
     socklen_t len = sizeof err;
     if (::getsockopt(fd_, SOL_SOCKET, SO_ERROR, &err, &len) < 0) {
         const int e = errno;
         LOG_STREAM(11) << "getsockopt() failed on fd_ " << fd_ << " (code " << e << "), exiting";
-        return -e;
+        return linnet::sys::failure(e);
     }
     if (err != 0) {
         LOG_STREAM(11) << "connection failed on fd_ " << fd_ << " (code " << err << ")";
-        return -err;
+        return linnet::sys::failure(err);
     }
     LOG_STREAM(11) << "connection successful on fd_ = " << fd_;
     return 0;
@@ -314,9 +317,9 @@ int TCPSocket::Connect(unsigned int ip, unsigned short port, int seconds, int mi
     int r = ConnectNonBlocking(ip, port);
     if (r < 0) return r;
     r = PollSocket(seconds, microseconds);
-    if (r == -110) {
+    if (r == result::kTimedOut) {
         LOG_STREAM(11) << "poll timed out on fd_ " << fd_ << ", exiting";
-        return -110;
+        return result::kTimedOut;
     }
     if (r < 0) {
         LOG_STREAM(11) << "error connecting on fd_ " << fd_ << ", exiting";

@@ -7,9 +7,12 @@
 #include <cerrno>
 
 #include "logger/log.h"
+#include "results.h"
 #include "sockops.h"
 
 static const char kLogFile[] = "source/udpsocket";
+
+namespace result = linnet::result;
 
 UDPSocket::UDPSocket() : NonBlockSocket(0) {}
 
@@ -23,13 +26,13 @@ int UDPSocket::Open() {
     if (fd_ < 0) {
         const int err = errno;
         LOG_FORMAT("Open", 1, "can't create UDP socket: error = %d", err);
-        return -err;
+        return linnet::sys::failure(err);
     }
     LOG_FORMAT("Open", 11, "Got fd_ = %d", fd_);
     if (::fcntl(fd_, F_SETFL, O_NONBLOCK) < 0) {
         const int err = errno;
         LOG_FORMAT("Open", 1, "fd_ %d can't be set non-blocking (code %d ), exiting", fd_, err);
-        return -err;
+        return linnet::sys::failure(err);
     }
     // Best effort: a socket without these still sends and receives.
     const int one = 1;
@@ -43,7 +46,7 @@ int UDPSocket::Open() {
 }
 
 int UDPSocket::OpenFD(int fd, unsigned short port) {
-    if (fd_ >= 0) return -22;
+    if (fd_ >= 0) return result::kAlreadyOpen;
     fd_ = fd;
     if (port != 0) port_ = port;
     return 0;
@@ -58,11 +61,11 @@ int UDPSocket::Connect(unsigned int ip, unsigned short port, int sec, int usec) 
 int UDPSocket::Write(unsigned int ip, unsigned short port, void* buf, int size) {
     if (fd_ < 0) {
         LOG_FORMAT("Write", 3, "write on negative fd_ = %d", fd_);
-        return -22;
+        return result::kNoDescriptor;
     }
     if (size < 0) {  // sendto() would take it as a huge count
         LOG_FORMAT("Write", 3, "write of negative length %d on fd_ %d", size, fd_);
-        return -22;
+        return result::kBadLength;
     }
     LOG_FORMAT("Write", 11, "trying to write to fd_ %d ( %d bytes from %p )", fd_, size, buf);
     const sockaddr_in peer = linnet::sys::ipv4_address(ip, port);
@@ -78,7 +81,7 @@ int UDPSocket::Write(unsigned int ip, unsigned short port, void* buf, int size) 
         return 0;
     }
     LOG_FORMAT("Write", 1, "write failed on fd_ %d (code %d) ", fd_, err);
-    return -err;
+    return linnet::sys::failure(err);
 }
 
 int UDPSocket::Write(void* buf, int size) { return Write(addr_, port_, buf, size); }
@@ -96,7 +99,7 @@ int UDPSocket::Read(void* buf, unsigned int size, unsigned int* ip, unsigned sho
                     int flags) {
     if (fd_ < 0) {
         LOG_STREAM(3) << "read on negative fd_ = " << fd_;
-        return -22;
+        return result::kNoDescriptor;
     }
     LOG_STREAM(11) << "trying to read on fd_ " << fd_ << " (" << size << " bytes to " << buf << ")";
     sockaddr_in from{};  // stays 0.0.0.0:0 when nothing is received
@@ -112,20 +115,20 @@ int UDPSocket::Read(void* buf, unsigned int size, unsigned int* ip, unsigned sho
     if (n == 0) {
         // An empty datagram is taken as end of stream, as on a TCP socket.
         LOG_STREAM(1) << "EOF occured when reading from fd_ " << fd_;
-        return -32;
+        return result::kEndOfStream;
     }
     if (err == EAGAIN) {
         LOG_STREAM(11) << "no data available on fd_ " << fd_;
         return 0;
     }
     LOG_STREAM(11) << "read failed on fd_ " << fd_ << " (code " << err;
-    return -err;
+    return linnet::sys::failure(err);
 }
 
 int UDPSocket::Read(void* buf, int size) {
     if (size < 0) {
         LOG_STREAM(3) << "read of negative length " << size << " on fd_ " << fd_;
-        return -22;
+        return result::kBadLength;
     }
     return Read(buf, static_cast<unsigned int>(size), &addr_, &port_, MSG_NOSIGNAL);
 }

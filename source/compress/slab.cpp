@@ -10,7 +10,7 @@
 
 namespace {
 
-z_stream* Z(void* stream) { return static_cast<z_stream*>(stream); }
+z_stream* zs(void* stream) { return static_cast<z_stream*>(stream); }
 
 }  // namespace
 
@@ -119,23 +119,23 @@ unsigned CCompressorSlab::GetBytesOut() { return bytesOut_; }
 CStreamCompressor::~CStreamCompressor() { Cleanup(); }
 
 int CStreamCompressor::InitCompressor(void* stream) {
-    return deflateInit(Z(stream), Z_DEFAULT_COMPRESSION);
+    return deflateInit(zs(stream), Z_DEFAULT_COMPRESSION);
 }
 
-int CStreamCompressor::CleanupCompressor(void* stream) { return deflateEnd(Z(stream)); }
+int CStreamCompressor::CleanupCompressor(void* stream) { return deflateEnd(zs(stream)); }
 
-int CStreamCompressor::DoCompression(void* stream) { return deflate(Z(stream), Z_NO_FLUSH); }
+int CStreamCompressor::DoCompression(void* stream) { return deflate(zs(stream), Z_NO_FLUSH); }
 
-int CStreamCompressor::DoCompressionFlush(void* stream) { return deflate(Z(stream), Z_SYNC_FLUSH); }
+int CStreamCompressor::DoCompressionFlush(void* stream) { return deflate(zs(stream), Z_SYNC_FLUSH); }
 
 CStreamDecompressor::~CStreamDecompressor() { Cleanup(); }
 
-int CStreamDecompressor::InitCompressor(void* stream) { return inflateInit(Z(stream)); }
+int CStreamDecompressor::InitCompressor(void* stream) { return inflateInit(zs(stream)); }
 
-int CStreamDecompressor::CleanupCompressor(void* stream) { return inflateEnd(Z(stream)); }
+int CStreamDecompressor::CleanupCompressor(void* stream) { return inflateEnd(zs(stream)); }
 
-int CStreamDecompressor::DoCompression(void* stream) { return inflate(Z(stream), Z_NO_FLUSH); }
+int CStreamDecompressor::DoCompression(void* stream) { return inflate(zs(stream), Z_NO_FLUSH); }
 
 int CStreamDecompressor::DoCompressionFlush(void* stream) {
-    return inflate(Z(stream), Z_SYNC_FLUSH);
+    return inflate(zs(stream), Z_SYNC_FLUSH);
 }

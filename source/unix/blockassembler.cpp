@@ -6,33 +6,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "results.h"
+#include "unix/peek.h"
+
 namespace {
 
-struct SlabPeek : CCompressorSlab {
-    static int Size(const CCompressorSlab& s) { return s.*(&SlabPeek::slabSize_); }
-};
-
-// The compressor's pending output of a compressed socket, read through a
-// pointer to the protected members (no object of this type is ever made).
-struct CompressorPeek : CompressedTCPSocket {
-    static int Pending(CompressedTCPSocket* s) {
-        int CompressedTCPSocket::*on = &CompressorPeek::compressionOn_;
-        CStreamCompressor* CompressedTCPSocket::*z = &CompressorPeek::compressor_;
-        if (!(s->*on) || (s->*z) == nullptr) return 0;
-        return (s->*z)->TryRead(nullptr);
-    }
-    // Plain bytes the decompressor can hold: one Read asking this much takes
-    // them all, so the next socket read never lands on compressed input the
-    // decompressor has not taken yet.
-    static int DecodedCapacity(CompressedTCPSocket* s) {
-        CStreamDecompressor* CompressedTCPSocket::*d = &CompressorPeek::decompressor_;
-        return (s->*d) == nullptr ? 0 : SlabPeek::Size(*(s->*d));
-    }
-    static bool On(CompressedTCPSocket* s) {
-        int CompressedTCPSocket::*on = &CompressorPeek::compressionOn_;
-        return (s->*on) != 0;
-    }
-};
+namespace result = linnet::result;
+using linnet::kNoTime;
+using linnet::peek::Compressed;
 
 // Grows a malloc'd buffer to at least `need` bytes (doubling): false, the
 // buffer unchanged, when memory is short. Not zero-filled: pages are touched
@@ -72,14 +53,14 @@ const char* BlockEndName(BlockEnd e) {
 int BlockEndCode(BlockEnd e) {
     switch (e) {
         case BlockEnd::kClosed: return 0;
-        case BlockEnd::kCutHeader: return -1;
-        case BlockEnd::kTooBig: return -2;
-        case BlockEnd::kNoMemory: return -3;
-        case BlockEnd::kCutBody: return -4;
-        case BlockEnd::kSendFailed: return -14;
-        case BlockEnd::kRefused: return -22;
-        case BlockEnd::kCorrupt: return -5;
-        default: return -110;
+        case BlockEnd::kCutHeader: return result::kStep1;
+        case BlockEnd::kTooBig: return result::kStep2;
+        case BlockEnd::kNoMemory: return result::kStep3;
+        case BlockEnd::kCutBody: return result::kStep4;
+        case BlockEnd::kSendFailed: return result::kUnexpected;
+        case BlockEnd::kRefused: return result::kBadArgument;
+        case BlockEnd::kCorrupt: return result::kCorruptInput;
+        default: return result::kTimedOut;
     }
 }
 
@@ -137,20 +118,20 @@ int CBlockAssembler::ReadFrom(NonBlockSocket* s, long long now) {
 }
 
 int CBlockAssembler::ReadFrom(CompressedTCPSocket* s, long long now) {
-    const bool on = s != nullptr && CompressorPeek::On(s);
-    const int size = on ? CompressorPeek::DecodedCapacity(s) : 0;
+    const bool on = s != nullptr && Compressed::On(*s);
+    const int size = on ? Compressed::DecodedCapacity(*s) : 0;
     return ReadInto(s, on, size > options_.readSize ? size : options_.readSize, now);
 }
 
 int CBlockAssembler::ReadInto(NonBlockSocket* s, bool compressed, int size, long long now) {
     more_ = false;
-    if (s == nullptr) return -22;
+    if (s == nullptr) return result::kBadArgument;
     const int want = InputRoom(size);
     if (want == 0) {
         more_ = true;  // the caller has blocks to take first
         return 0;
     }
-    if (!Room(want)) return -3;
+    if (!Room(want)) return result::kStep3;
     const int before = QueuedInput();
     const int r = s->Read(in_ + inEnd_, want);
     if (r <= 0) return r;
@@ -161,16 +142,16 @@ int CBlockAssembler::ReadInto(NonBlockSocket* s, bool compressed, int size, long
 }
 
 int CBlockAssembler::TakeQueued(QueuedTCPSocket* s, int status, long long now) {
-    if (s == nullptr) return -22;
+    if (s == nullptr) return result::kBadArgument;
     const int before = QueuedInput();
     int taken = 0;
     for (int n; (n = s->Read(nullptr, 0)) > 0;) {
-        if (!Room(n)) return -3;
-        if (s->Read(in_ + inEnd_, n) != n) return -3;  // cannot happen: sized above
+        if (!Room(n)) return result::kStep3;
+        if (s->Read(in_ + inEnd_, n) != n) return result::kStep3;  // cannot happen: sized above
         if ((status & 3) != 0 && n == QTCPSOCK_CLOSE_SIZE &&
             std::memcmp(in_ + inEnd_, QTCPSOCK_CLOSE, QTCPSOCK_CLOSE_SIZE) == 0 && s->Read(nullptr, 0) == 0) {
             if (taken > 0) Arrived(before, now);
-            return -32;  // the failure the marker reports; the marker itself is not data
+            return result::kEndOfStream;  // the failure the marker reports; the marker itself is not data
         }
         inEnd_ += n;
         taken += n;
@@ -180,9 +161,9 @@ int CBlockAssembler::TakeQueued(QueuedTCPSocket* s, int status, long long now) {
 }
 
 int CBlockAssembler::Feed(const void* data, int len, long long now) {
-    if (len < 0 || (data == nullptr && len > 0)) return -22;
+    if (len < 0 || (data == nullptr && len > 0)) return result::kBadArgument;
     if (len == 0) return 0;
-    if (!Room(len)) return -3;
+    if (!Room(len)) return result::kStep3;
     const int before = QueuedInput();
     std::memcpy(in_ + inEnd_, data, static_cast<std::size_t>(len));
     inEnd_ += len;
@@ -191,7 +172,7 @@ int CBlockAssembler::Feed(const void* data, int len, long long now) {
 }
 
 int CBlockAssembler::Next(const unsigned char** body, unsigned* size, long long now) {
-    if (refused_) return -2;
+    if (refused_) return result::kStep2;
     if (inStart_ == inEnd_ && inCap_ > 2LL * options_.readSize) {  // all taken: give back a long block's room
         std::free(in_);
         in_ = nullptr;
@@ -203,7 +184,7 @@ int CBlockAssembler::Next(const unsigned char** body, unsigned* size, long long 
         inStart_ += 4;
         if (length_ > options_.maxBlock) {  // refused before anything is allocated for it
             refused_ = true;
-            return -2;
+            return result::kStep2;
         }
         haveHeader_ = true;
     }
@@ -217,16 +198,16 @@ int CBlockAssembler::Next(const unsigned char** body, unsigned* size, long long 
 }
 
 int CBlockAssembler::Reply(const void* data, int len) {
-    if (len < 0 || (data == nullptr && len > 0)) return -22;
-    if (!OutRoom(len)) return -3;
+    if (len < 0 || (data == nullptr && len > 0)) return result::kBadArgument;
+    if (!OutRoom(len)) return result::kStep3;
     if (len > 0) std::memcpy(out_ + outEnd_, data, static_cast<std::size_t>(len));
     outEnd_ += len;
     return len;
 }
 
 int CBlockAssembler::ReplyBlock(const void* body, unsigned size) {
-    if (size > INT_MAX - 4 || (body == nullptr && size > 0)) return -22;
-    if (!OutRoom(static_cast<int>(size) + 4)) return -3;
+    if (size > INT_MAX - 4 || (body == nullptr && size > 0)) return result::kBadArgument;
+    if (!OutRoom(static_cast<int>(size) + 4)) return result::kStep3;
     std::memcpy(out_ + outEnd_, &size, 4);
     if (size > 0) std::memcpy(out_ + outEnd_ + 4, body, size);
     outEnd_ += 4 + static_cast<long long>(size);
@@ -259,7 +240,7 @@ int CBlockAssembler::Sent(int w, bool progress, long long now) {
 }
 
 int CBlockAssembler::Send(NonBlockSocket* s, long long now) {
-    if (s == nullptr) return -22;
+    if (s == nullptr) return result::kBadArgument;
     const int n = QueuedOutput();
     if (n == 0) return Sent(0, false, now);
     const int w = s->Write(out_ + outStart_, n);
@@ -269,8 +250,8 @@ int CBlockAssembler::Send(NonBlockSocket* s, long long now) {
 }
 
 int CBlockAssembler::Send(CompressedTCPSocket* s, long long now) {
-    if (s == nullptr) return -22;
-    if (!CompressorPeek::On(s)) {
+    if (s == nullptr) return result::kBadArgument;
+    if (!Compressed::On(*s)) {
         zPending_ = false;
         return Send(static_cast<NonBlockSocket*>(s), now);
     }
@@ -287,7 +268,7 @@ int CBlockAssembler::Send(CompressedTCPSocket* s, long long now) {
         flushed = s->Flush();  // one attempt: the peer may not be reading
         if (flushed < 0) return flushed;
     }
-    zPending_ = CompressorPeek::Pending(s) > 0;
+    zPending_ = Compressed::Pending(*s) > 0;
     return Sent(taken, taken > 0 || flushed > 0, now);
 }
 
@@ -312,11 +293,11 @@ int CBlockAssembler::Expired(long long now, BlockEnd* why) const {
 }
 
 long long CBlockAssembler::NextDeadline() const {
-    long long t = -1;
+    long long t = kNoTime;
     const long long deadline = options_.deadlineMs;
     if (deadline > 0 && wasPending_) t = outProgress_ + deadline + 1;
     if (Paused()) return t;
-    long long u = -1;
+    long long u = kNoTime;
     if (deadline > 0 && InBlock()) u = blockStart_ + deadline + 1;
     else if (options_.idleMs > 0 && !InBlock()) u = lastInput_ + options_.idleMs + 1;
     if (u >= 0 && (t < 0 || u < t)) t = u;

@@ -3,9 +3,15 @@
 #include <new>
 
 #include "logger/log.h"
+#include "results.h"
 #include "sockops.h"
+#include "unix/peek.h"
 
 static const char kLogFile[] = "source/unix/blockserver";
+
+namespace result = linnet::result;
+using linnet::kNoTime;
+using linnet::peek::Socket;
 
 namespace {
 
@@ -13,27 +19,9 @@ const int kAcceptsPerRound = 64;     // keeps one round short under a connect st
 const int kReadsPerRound = 8;        // per connection: the others get their turn
 const int kAcceptPauseMs = 100;      // listener left out after EMFILE and the like
 
-// A socket's descriptor, read through a pointer to the protected member.
-struct FdPeek : NonBlockSocket {
-    static int Fd(const NonBlockSocket& s) { return s.*(&FdPeek::fd_); }
-};
-
-// The compressed input a socket holds but cannot inflate. A full raw buffer
-// that gave no plain byte is stuck for good: the socket is no longer read,
-// so it stays readable, and polling it again would spin.
-struct SlabPeek : CCompressorSlab {
-    static int Size(const CCompressorSlab& s) { return s.*(&SlabPeek::slabSize_); }
-};
-struct RawPeek : CompressedTCPSocket {
-    static bool Stuck(const CompressedTCPSocket& s) {
-        if (!(s.*(&RawPeek::compressionOn_))) return false;
-        const CStreamDecompressor* d = s.*(&RawPeek::decompressor_);
-        return d != nullptr && s.*(&RawPeek::rawInFill_) >= SlabPeek::Size(*d) / 5;
-    }
-};
-
 bool OutOfDescriptors(int code) {
-    return code == -EMFILE || code == -ENFILE || code == -ENOBUFS || code == -ENOMEM;
+    return code == result::kTooManyFiles || code == result::kFileTableFull ||
+           code == result::kNoBuffers || code == result::kNoMemory;
 }
 
 }  // namespace
@@ -55,7 +43,7 @@ CBlockServer::CBlockServer(const CBlockOptions& options) : options_(options) {}
 CBlockServer::~CBlockServer() {
     for (Conn* c : conns_) {
         group_.Remove(&c->sock);
-        linnet::sys::set_close_now(FdPeek::Fd(c->sock), false);
+        linnet::sys::set_close_now(Socket::Fd(c->sock), false);
         c->sock.Close();  // closed first: the destructor's final flush then cannot wait
         delete c;
     }
@@ -64,11 +52,11 @@ CBlockServer::~CBlockServer() {
 }
 
 int CBlockServer::Listen(unsigned ip, unsigned short port, int backlog) {
-    if (listener_.GetInitState() & INIT_LISTENING) return -22;
+    if (listener_.GetInitState() & INIT_LISTENING) return result::kAlreadyListening;
     int r = listener_.Open();
     if (r == 0) r = listener_.Bind(ip, port);
     if (r == 0) r = listener_.Listen(backlog);
-    if (r == 0) r = group_.Add(&listener_, POLL_READ) == 0 ? 0 : -22;
+    if (r == 0) r = group_.Add(&listener_, POLL_READ) == 0 ? 0 : result::kBadArgument;
     if (r != 0) {
         group_.Remove(&listener_);
         listener_.Close();
@@ -77,7 +65,7 @@ int CBlockServer::Listen(unsigned ip, unsigned short port, int backlog) {
 }
 
 unsigned short CBlockServer::Port() const {
-    const int fd = FdPeek::Fd(listener_);
+    const int fd = Socket::Fd(listener_);
     return fd >= 0 ? linnet::sys::local_port(fd) : 0;
 }
 
@@ -91,19 +79,19 @@ int CBlockServer::RunOnce(int waitMs) {
     long long now = CBlockAssembler::NowMs();
     if (acceptResume_ >= 0 && now >= acceptResume_) {
         listener_.SetEvents(POLL_READ);
-        acceptResume_ = -1;
+        acceptResume_ = kNoTime;
     }
-    long long wait = waitMs < 0 ? -1 : waitMs;
+    long long wait = waitMs < 0 ? kNoTime : waitMs;
     const long long timers[] = {acceptResume_, nextDeadline_};
     for (long long t : timers)
         if (t >= 0 && (wait < 0 || t - now < wait)) wait = t > now ? t - now : 0;
     if (hot_) wait = 0;
-    const int r = wait < 0 ? group_.Poll(-1, 0)
+    const int r = wait < 0 ? group_.Poll(linnet::kWaitForever, 0)
                            : group_.Poll(static_cast<int>(wait / 1000), static_cast<int>(wait % 1000) * 1000);
     now = CBlockAssembler::NowMs();
     if (acceptResume_ < 0 && (listener_.GetState() & POLL_READ)) Accept(now);
     hot_ = false;
-    nextDeadline_ = -1;
+    nextDeadline_ = kNoTime;
     for (std::size_t i = 0; i < conns_.size();) {
         BlockEnd why = BlockEnd::kClosed;
         if (Serve(*conns_[i], now, &why)) ++i;
@@ -165,7 +153,7 @@ bool CBlockServer::Serve(Conn& c, long long now, BlockEnd* why) {
     if ((ready & POLL_READ) && (a.Wanted() & POLL_READ) && !c.switchPending) {
         for (int k = 0; k < kReadsPerRound; ++k) {
             const int r = a.ReadFrom(&c.sock, now);
-            if (r == -3) {
+            if (r == result::kStep3) {
                 *why = BlockEnd::kNoMemory;
                 return false;
             }
@@ -174,7 +162,7 @@ bool CBlockServer::Serve(Conn& c, long long now, BlockEnd* why) {
                 *why = a.EndOnClose();
                 return false;
             }
-            if (r == 0 && k == 0 && RawPeek::Stuck(c.sock)) {
+            if (r == 0 && k == 0 && linnet::peek::Compressed::Stuck(c.sock)) {
                 *why = BlockEnd::kCorrupt;
                 return false;
             }
@@ -221,7 +209,7 @@ bool CBlockServer::Dispatch(Conn& c, long long now, BlockEnd* why) {
         ++stats_.blocks;
         stats_.bytes += size;
         if (h < 0) {
-            *why = h == -3 ? BlockEnd::kNoMemory : BlockEnd::kRefused;
+            *why = h == result::kStep3 ? BlockEnd::kNoMemory : BlockEnd::kRefused;
             return false;
         }
         if (h == 1) {  // what follows is compressed: nothing more is read as plain
@@ -237,11 +225,11 @@ void CBlockServer::Finish(std::size_t index, BlockEnd why, long long now) {
     c->rec.end = why;
     c->rec.heldMs = static_cast<long>(now - c->accepted);
     ++stats_.ended[static_cast<int>(why)];
-    LOG_FORMAT("RunOnce", 11, "connection fd_ %d ended: %s", FdPeek::Fd(c->sock), BlockEndName(why));
+    LOG_FORMAT("RunOnce", 11, "connection fd_ %d ended: %s", Socket::Fd(c->sock), BlockEndName(why));
     OnEnd(c->rec);
     // Never the one-second linger, which would stop every connection: a
     // rule breaker gets a reset, a peer that closed gets what is in flight.
-    linnet::sys::set_close_now(FdPeek::Fd(c->sock), why != BlockEnd::kClosed);
+    linnet::sys::set_close_now(Socket::Fd(c->sock), why != BlockEnd::kClosed);
     c->sock.Close();  // before the destructor, whose final flush then cannot wait
     delete c;
     if (acceptResume_ > now) acceptResume_ = now;  // a descriptor came free: accept again next round
@@ -250,7 +238,7 @@ void CBlockServer::Finish(std::size_t index, BlockEnd why, long long now) {
 }
 
 int CBlockServer::OnBlock(CBlockAssembler* conn, const unsigned char* body, unsigned size) {
-    return conn->ReplyBlock(body, size) < 0 ? -3 : 0;
+    return conn->ReplyBlock(body, size) < 0 ? result::kStep3 : 0;
 }
 
 void CBlockServer::OnEnd(const CBlockRecord&) {}

@@ -5,6 +5,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace linnet {
@@ -52,7 +53,7 @@ int LineReader::get() {
         do {
             n = ::read(fd_.get(), chunk_, sizeof chunk_);
         } while (n < 0 && errno == EINTR);
-        if (n <= 0) return -1;
+        if (n <= 0) return EOF;
         pos_ = 0;
         len_ = static_cast<std::size_t>(n);
     }

@@ -42,7 +42,7 @@ public:
     bool next(char* buf, std::size_t size);
 
 private:
-    // The next byte of the file, or -1 at its end (or on an error).
+    // The next byte of the file, or EOF at its end (or on an error).
     int get();
 
     sys::ScopedFd fd_;

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "logger/log.h"
+#include "results.h"
 #include "sockops.h"
 #include "unix/devnames.h"
 
@@ -73,7 +74,7 @@ bool is_name_or_alias(const char* full, const char* name) {
 }
 
 // The one level-1 line of a table that could not hold every interface.
-void ReportLeftOut(int left_out) {
+void report_left_out(int left_out) {
     if (left_out > 0)
         LOG_STREAM_AS("Read", 1) << "interface table full (" << kMaxIfaces << " entries): "
                                  << left_out << " interfaces left out";
@@ -81,19 +82,19 @@ void ReportLeftOut(int left_out) {
 
 }  // namespace
 
-CNetworkInterfaceInfo::CNetworkInterfaceInfo() : count_(0), fd_(-1) {
+CNetworkInterfaceInfo::CNetworkInterfaceInfo() : count_(0), fd_(linnet::kNoFd) {
     for (int i = 0; i < kMaxIfaces; ++i) info_[i] = nullptr;
     linnet::sys::ScopedFd control(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (control.get() < 0)
         LOG_STREAM(1) << "can't create the interface control socket (errno " << errno << ")";
     fd_ = control.release();  // -1 when it failed; the destructor closes it
-    if (fd_ < 0) fd_ = -1;
+    if (fd_ < 0) fd_ = linnet::kNoFd;
     Read();
 }
 
 CNetworkInterfaceInfo::~CNetworkInterfaceInfo() {
     Clear();
-    if (fd_ != -1) ::close(fd_);
+    if (fd_ != linnet::kNoFd) ::close(fd_);
 }
 
 void CNetworkInterfaceInfo::Clear() {
@@ -106,7 +107,7 @@ void CNetworkInterfaceInfo::Clear() {
 
 void CNetworkInterfaceInfo::Read() {
     Clear();
-    if (fd_ == -1) return;
+    if (fd_ == linnet::kNoFd) return;
 
     // Pass 1: every configured IPv4 address, with what the kernel says about
     // its interface. A refused request leaves the previous answer in `req`,
@@ -162,12 +163,12 @@ void CNetworkInterfaceInfo::Read() {
     linnet::netif::LineReader dev(kProcNetDev);
     if (!dev.ok()) {
         LOG_FORMAT("CNetworkInterfaceInfo::Read", 1, "Can't open %s for read ", kProcNetDev);
-        ReportLeftOut(left_out);
+        report_left_out(left_out);
         return;
     }
     char line[kLineBytes];
     if (!dev.next(line, sizeof line) || !dev.next(line, sizeof line)) {
-        ReportLeftOut(left_out);
+        report_left_out(left_out);
         return;
     }
     while (dev.next(line, sizeof line)) {
@@ -182,7 +183,7 @@ void CNetworkInterfaceInfo::Read() {
         copy_name(rec->name, name);
         info_[count_++] = rec;
     }
-    ReportLeftOut(left_out);
+    report_left_out(left_out);
 }
 
 int CNetworkInterfaceInfo::GetCount() const { return count_; }
@@ -194,7 +195,7 @@ const char* CNetworkInterfaceInfo::GetName(int pos) const {
 
 int CNetworkInterfaceInfo::GetIndex(const char* name) const {
     const __NETIF_IFINFO* rec = Lookup(name);
-    return rec != nullptr ? rec->index : -1;
+    return rec != nullptr ? rec->index : linnet::result::kNotFound;
 }
 
 const char* CNetworkInterfaceInfo::GetNameByIndex(int index) const {
@@ -205,7 +206,7 @@ const char* CNetworkInterfaceInfo::GetNameByIndex(int index) const {
 int CNetworkInterfaceInfo::GetNumByIndex(int index) const {
     for (int i = 0; i < count_; ++i)
         if (info_[i] != nullptr && info_[i]->index == index) return i;
-    return -1;
+    return linnet::result::kNotFound;
 }
 
 __NETIF_IFINFO* CNetworkInterfaceInfo::Lookup(const char* name, int* pos) const {
@@ -220,8 +221,8 @@ __NETIF_IFINFO* CNetworkInterfaceInfo::Lookup(const char* name, int* pos) const 
 }
 
 int CNetworkInterfaceInfo::GetNum(const char* name) const {
-    int pos = -1;
-    return Lookup(name, &pos) != nullptr ? pos : -1;
+    int pos = linnet::result::kNotFound;
+    return Lookup(name, &pos) != nullptr ? pos : linnet::result::kNotFound;
 }
 
 void CNetworkInterfaceInfo::Lookup(const char* name, std::vector<int>& out) const {
@@ -303,7 +304,7 @@ unsigned int CNetworkInterfaceInfo::GetNetmaskOnIP(unsigned int ip) const {
 }
 
 int CNetworkInterfaceInfo::SetIP(__NETIF_IFINFO* rec, unsigned int ip) {
-    if (rec == nullptr || fd_ == -1) return -ENOENT;
+    if (rec == nullptr || fd_ == linnet::kNoFd) return linnet::result::kNoSuchInterface;
     // Deliberately unconverted: the value goes to the kernel as it came.
     const int r = set_address(fd_, SIOCSIFADDR, rec, ip);
     if (r == 0) rec->ip = ip;
@@ -311,7 +312,7 @@ int CNetworkInterfaceInfo::SetIP(__NETIF_IFINFO* rec, unsigned int ip) {
 }
 
 int CNetworkInterfaceInfo::SetFlags(__NETIF_IFINFO* rec, unsigned long long flags) {
-    if (rec == nullptr || fd_ == -1) return -ENOENT;
+    if (rec == nullptr || fd_ == linnet::kNoFd) return linnet::result::kNoSuchInterface;
     ifreq req;
     std::memset(&req, 0, sizeof req);
     copy_name(req.ifr_name, rec->name);
@@ -323,7 +324,7 @@ int CNetworkInterfaceInfo::SetFlags(__NETIF_IFINFO* rec, unsigned long long flag
 }
 
 int CNetworkInterfaceInfo::SetNetmask(__NETIF_IFINFO* rec, int mask) {
-    if (rec == nullptr || fd_ == -1) return -ENOENT;
+    if (rec == nullptr || fd_ == linnet::kNoFd) return linnet::result::kNoSuchInterface;
     LOG_STREAM(5) << "mask " << mask << " iface " << rec->name;
     const int r = set_address(fd_, SIOCSIFNETMASK, rec, htonl(static_cast<unsigned int>(mask)));
     if (r == 0) rec->netmask = static_cast<unsigned int>(mask);
@@ -331,7 +332,7 @@ int CNetworkInterfaceInfo::SetNetmask(__NETIF_IFINFO* rec, int mask) {
 }
 
 int CNetworkInterfaceInfo::SetBroadcast(__NETIF_IFINFO* rec, int bcast) {
-    if (rec == nullptr || fd_ == -1) return -ENOENT;
+    if (rec == nullptr || fd_ == linnet::kNoFd) return linnet::result::kNoSuchInterface;
     LOG_STREAM(5) << "bcast " << bcast << " iface " << rec->name;
     const int r = set_address(fd_, SIOCSIFBRDADDR, rec, htonl(static_cast<unsigned int>(bcast)));
     if (r == 0) rec->broadcast = static_cast<unsigned int>(bcast);

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "logger/log.h"
+#include "results.h"
 #include "sockops.h"
 #include "unix/nldump.h"
 #include "unix/nlwalk.h"
@@ -29,7 +30,7 @@ struct RouteRequest {
     rtmsg rtm;
 };
 
-nlmsghdr RequestHeader(unsigned short type, unsigned short flags) {
+nlmsghdr request_header(unsigned short type, unsigned short flags) {
     nlmsghdr h;
     std::memset(&h, 0, sizeof h);
     h.nlmsg_len = sizeof(RouteRequest);
@@ -42,7 +43,7 @@ nlmsghdr RequestHeader(unsigned short type, unsigned short flags) {
 
 // Every byte in decimal, dotted. An empty payload prints as one 0 byte
 // rather than reading a byte that is not there.
-void PrintDotted(std::ostream& os, const std::vector<unsigned char>& d) {
+void print_dotted(std::ostream& os, const std::vector<unsigned char>& d) {
     if (d.empty()) {
         os << 0;
         return;
@@ -53,24 +54,24 @@ void PrintDotted(std::ostream& os, const std::vector<unsigned char>& d) {
     }
 }
 
-uint32_t FirstWord(const std::vector<unsigned char>& d) {
+uint32_t first_word(const std::vector<unsigned char>& d) {
     uint32_t v = 0;
     if (!d.empty()) std::memcpy(&v, d.data(), d.size() < 4 ? d.size() : 4);
     return v;
 }
 
-void PrintAttr(std::ostream& os, const Attr& a) {
+void print_attr(std::ostream& os, const Attr& a) {
     switch (a.type) {
         case 0: return;
-        case RTA_DST: os << " is-to "; PrintDotted(os, a.data); return;
-        case RTA_SRC: os << " is-from "; PrintDotted(os, a.data); return;
-        case RTA_GATEWAY: os << " gw "; PrintDotted(os, a.data); return;
-        case RTA_PREFSRC: os << " source "; PrintDotted(os, a.data); return;
-        case RTA_IIF: os << " in iface " << FirstWord(a.data); return;
-        case RTA_OIF: os << " out iface " << FirstWord(a.data); return;
+        case RTA_DST: os << " is-to "; print_dotted(os, a.data); return;
+        case RTA_SRC: os << " is-from "; print_dotted(os, a.data); return;
+        case RTA_GATEWAY: os << " gw "; print_dotted(os, a.data); return;
+        case RTA_PREFSRC: os << " source "; print_dotted(os, a.data); return;
+        case RTA_IIF: os << " in iface " << first_word(a.data); return;
+        case RTA_OIF: os << " out iface " << first_word(a.data); return;
         // Type 8 is RTA_METRICS (a nested attribute), printed as a number
         // all the same: hosts parse this line as it has always been.
-        case RTA_METRICS: os << " metric " << FirstWord(a.data); return;
+        case RTA_METRICS: os << " metric " << first_word(a.data); return;
         default: os << " <attr " << a.type << ">"; return;
     }
 }
@@ -79,7 +80,7 @@ void PrintAttr(std::ostream& os, const Attr& a) {
 
 // ---- RtnetlinkSocket ----
 
-RtnetlinkSocket::RtnetlinkSocket() : fd_(-1) {
+RtnetlinkSocket::RtnetlinkSocket() : fd_(linnet::kNoFd) {
     std::memset(&nladdr_, 0, sizeof nladdr_);
     // Owned here until every step has succeeded: a throw closes it.
     linnet::sys::ScopedFd owned(::socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE));
@@ -111,7 +112,7 @@ ssize_t RtnetlinkSocket::recvmsg(msghdr* msg) { return ::recvmsg(fd_, msg, 0); }
 void RtnetlinkSocket::close() {
     if (fd_ > 0) {
         ::close(fd_);
-        fd_ = -1;
+        fd_ = linnet::kNoFd;
     }
 }
 
@@ -158,7 +159,7 @@ std::vector<unsigned char> LoadRequest(const Route& r) {
     std::vector<unsigned char> buf(static_cast<size_t>(nl::align(total)), 0);
 
     RouteRequest req;
-    req.hdr = RequestHeader(RTM_NEWROUTE, NLM_F_REQUEST | NLM_F_CREATE | NLM_F_EXCL);
+    req.hdr = request_header(RTM_NEWROUTE, NLM_F_REQUEST | NLM_F_CREATE | NLM_F_EXCL);
     req.rtm = r.rtm;
     long len = sizeof req;
     for (const Attr& a : r.attrs) {
@@ -262,7 +263,7 @@ CRoutesDump::CRoutesDump() : ok_(true), imp_(new CRoutesDumpImp) {
         }
         RouteRequest req;
         std::memset(&req, 0, sizeof req);
-        req.hdr = RequestHeader(RTM_GETROUTE, NLM_F_REQUEST | NLM_F_DUMP);
+        req.hdr = request_header(RTM_GETROUTE, NLM_F_REQUEST | NLM_F_DUMP);
         req.rtm.rtm_family = AF_INET;
         SnapshotReader reader(this, imp_);
         const nl::Outcome o = talk.Run(&req, sizeof req, reader);
@@ -331,7 +332,7 @@ void CRoutesDump::print(std::ostream& os) {
         os << "route:" << " table " << static_cast<unsigned>(r.rtm.rtm_table) << " scope "
            << static_cast<unsigned>(r.rtm.rtm_scope) << " dst_len "
            << static_cast<unsigned>(r.rtm.rtm_dst_len) << "; attributes:";
-        for (const Attr& a : r.attrs) PrintAttr(os, a);
+        for (const Attr& a : r.attrs) print_attr(os, a);
         os << std::endl;
     }
     os << "======" << std::endl;

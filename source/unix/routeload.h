@@ -7,6 +7,8 @@
 
 #include <vector>
 
+#include "results.h"
+
 namespace linnet {
 namespace route {
 
@@ -15,7 +17,7 @@ namespace route {
 struct HandOver : RtnetlinkSocket {
     int release() {
         const int f = fd_;
-        fd_ = -1;
+        fd_ = linnet::kNoFd;
         return f;
     }
 };

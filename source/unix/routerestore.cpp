@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "logger/log.h"
+#include "results.h"
 #include "sockops.h"
 #include "unix/nlwalk.h"
 #include "unix/routeload.h"
@@ -28,7 +29,7 @@ const unsigned kStateFlags = RTNH_F_DEAD | RTNH_F_LINKDOWN;
 
 // "198.51.100.0/24 table 254": the destination, prefix length and table of
 // a saved route (a table above 255 travels in RTA_TABLE).
-std::string Describe(const Route& r) {
+std::string describe(const Route& r) {
     unsigned char dst[4] = {0, 0, 0, 0};
     const Attr& d = r.attrs[RTA_DST];
     if (d.type == RTA_DST) std::memcpy(dst, d.data.data(), d.data.size() < 4 ? d.data.size() : 4);
@@ -43,7 +44,7 @@ std::string Describe(const Route& r) {
 
 // The route as it can be given back: the state flags the kernel refuses
 // (link down, dead) cleared, on the route and on each of its next hops.
-Route Loadable(const Route& saved) {
+Route loadable(const Route& saved) {
     Route r = saved;
     r.rtm.rtm_flags &= ~kStateFlags;
     Attr& mp = r.attrs[RTA_MULTIPATH];
@@ -59,7 +60,7 @@ Route Loadable(const Route& saved) {
 // The kernel's answer to one load request: 0 when it sent none or an
 // acknowledgement, its (negative) error otherwise. rtnetlink handles a
 // request inside sendmsg, so any answer is queued by the time this reads.
-int Verdict(int fd, std::vector<unsigned char>& buf) {
+int verdict_of(int fd, std::vector<unsigned char>& buf) {
     int verdict = 0;
     for (;;) {
         sockaddr_nl from;
@@ -97,26 +98,26 @@ void CRoutesDumpImp::restore() const {
         if (!lost.empty()) {
             // Loaded without them it would be a different route.
             auto line = LOG_STREAM(1);
-            line << "route " << Describe(saved).c_str() << " not restored: the snapshot lost its attribute";
+            line << "route " << describe(saved).c_str() << " not restored: the snapshot lost its attribute";
             for (unsigned short t : lost) line << " " << t;
             ++skipped;
             continue;
         }
         LOG_STREAM(11) << "loading routing table back into the kernel";
-        const std::vector<unsigned char> req = linnet::route::LoadRequest(Loadable(saved));
+        const std::vector<unsigned char> req = linnet::route::LoadRequest(loadable(saved));
         sockaddr_nl kernel;
         std::memset(&kernel, 0, sizeof kernel);
         kernel.nl_family = AF_NETLINK;
         const ssize_t sent = ::sendto(fd.get(), req.data(), req.size(), 0,
                                       reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
-        const int verdict = sent < 0 ? -errno : Verdict(fd.get(), answer);
+        const int verdict = sent < 0 ? linnet::sys::failure() : verdict_of(fd.get(), answer);
         LOG_STREAM(4) << "another route dumped into the kernel";
         if (verdict == 0) {
             ++put_back;
-        } else if (verdict == -EEXIST) {
+        } else if (verdict == linnet::result::kRouteExists) {
             ++present;
         } else {
-            LOG_STREAM(1) << "kernel refused route " << Describe(saved).c_str() << " (errno "
+            LOG_STREAM(1) << "kernel refused route " << describe(saved).c_str() << " (errno "
                           << -verdict << ")";
             ++refused;
         }

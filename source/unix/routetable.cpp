@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "logger/log.h"
+#include "results.h"
 #include "sockops.h"
 #include "unix/nldump.h"
 #include "unix/nlwalk.h"
@@ -35,13 +36,13 @@ static_assert(sizeof(DumpRequest) == 20, "the dump request is 20 bytes on the wi
 // Mask of a prefix length: 64-bit ones shifted, low 32 bits kept, so a
 // length of 0 gives 0. A length above 32 (only in a malformed message) is
 // taken as 32 rather than shifting by a negative count.
-unsigned int Mask(unsigned int n) {
+unsigned int mask_of(unsigned int n) {
     if (n > 32) n = 32;
     return static_cast<unsigned int>(~0ULL << (32 - n));
 }
 
 // Looks a kernel interface index up in the caller's map; false when absent.
-bool Translate(const std::map<unsigned int, unsigned int>& ifmap, const rtattr* a,
+bool translate(const std::map<unsigned int, unsigned int>& ifmap, const rtattr* a,
                unsigned int* out) {
     if (ifmap.empty()) return false;
     const auto it = ifmap.find(nl::attr_u32(a));
@@ -54,7 +55,7 @@ bool Translate(const std::map<unsigned int, unsigned int>& ifmap, const rtattr* 
 // interface is in the map: its interface and gateway become the entry's.
 // false when no hop is (the route is then dropped, like any route on an
 // unknown interface).
-bool PickNexthop(const std::map<unsigned int, unsigned int>& ifmap, const rtattr* multipath,
+bool pick_nexthop(const std::map<unsigned int, unsigned int>& ifmap, const rtattr* multipath,
                  CRouteEntry* e) {
     if (ifmap.empty()) return false;
     long len = nl::attr_data_len(multipath);
@@ -73,7 +74,7 @@ bool PickNexthop(const std::map<unsigned int, unsigned int>& ifmap, const rtattr
 }
 
 // The route type's own filter bit; 0 for a type that has none.
-int TypeBit(unsigned char type) {
+int type_bit(unsigned char type) {
     switch (type) {
         case 4: return 0x4;
         case 8: return 0x8;
@@ -85,7 +86,7 @@ int TypeBit(unsigned char type) {
 }
 
 // Appends " name=" + text, never past the 511 characters of the line.
-void Append(char* line, size_t room, const char* name, const char* text) {
+void append(char* line, size_t room, const char* name, const char* text) {
     std::strncat(line, name, room - 1 - std::strlen(line));
     std::strncat(line, text, room - 1 - std::strlen(line));
 }
@@ -97,27 +98,27 @@ void Append(char* line, size_t room, const char* name, const char* text) {
 void CRouteEntry::Dump() const {
     char line[512] = "";
     char num[33];
-    if (src != 0) Append(line, sizeof line, "src=", ip2sn(src));
+    if (src != 0) append(line, sizeof line, "src=", ip2sn(src));
     if (srcmask != 0) {
         std::snprintf(num, sizeof num, "%lx", static_cast<unsigned long>(srcmask));
-        Append(line, sizeof line, " srcmask=", num);
+        append(line, sizeof line, " srcmask=", num);
     }
     if (flags & ROUTE_ENTRY_DEFAULT)
-        Append(line, sizeof line, " dst=default", "");
+        append(line, sizeof line, " dst=default", "");
     else if (dst != 0)
-        Append(line, sizeof line, " dst=", ip2sn(dst));
+        append(line, sizeof line, " dst=", ip2sn(dst));
     if (dstmask != 0) {
         std::snprintf(num, sizeof num, "%lx", static_cast<unsigned long>(dstmask));
-        Append(line, sizeof line, " dstmask=", num);
+        append(line, sizeof line, " dstmask=", num);
     }
-    if (gw != 0) Append(line, sizeof line, " gw=", ip2sn(gw));
+    if (gw != 0) append(line, sizeof line, " gw=", ip2sn(gw));
     if (inif != 0) {
         std::snprintf(num, sizeof num, "%d", static_cast<int>(inif));
-        Append(line, sizeof line, " inif=", num);
+        append(line, sizeof line, " inif=", num);
     }
     if (outif != 0) {
         std::snprintf(num, sizeof num, "%d", static_cast<int>(outif));
-        Append(line, sizeof line, " outif=", num);
+        append(line, sizeof line, " outif=", num);
     }
     LOG_STREAM(11) << line;
 }
@@ -177,16 +178,16 @@ int CRouteTable::Read(int filter, const std::map<unsigned int, unsigned int>& if
     const int fd = talk.fd();
     if (err != 0) {
         LOG_STREAM(1) << "Cannot open netlink socket (errno " << err << ")";
-        return -err;
+        return linnet::sys::failure(err);
     }
     LOG_STREAM(11) << "got netlink fd = " << fd;
     if ((err = talk.SetNonBlocking()) != 0) {
         LOG_STREAM(1) << "fd " << fd << " can't be set non-blocking (errno " << err << ")";
-        return -err;
+        return linnet::sys::failure(err);
     }
     if ((err = talk.Bind()) != 0) {
         LOG_STREAM(1) << "Cannot bind netlink fd " << fd << " (errno " << err << ")";
-        return -err;
+        return linnet::sys::failure(err);
     }
 
     DumpRequest req;
@@ -206,32 +207,32 @@ int CRouteTable::Read(int filter, const std::map<unsigned int, unsigned int>& if
                 LOG_STREAM(1) << "No room for data on fd " << fd;
             else
                 LOG_STREAM(1) << "Error write data to netlink fd " << fd << " (errno " << o.err << ")";
-            return -o.err;
+            return linnet::sys::failure(o.err);
         case nl::Failure::kShortSend:  // errno is whatever it was
             LOG_STREAM(1) << "The amount of sent data " << o.value << " isn't equal to origin "
                           << sizeof req;
-            return -o.err;
+            return linnet::sys::failure(o.err);
         case nl::Failure::kNoData:
             LOG_STREAM(1) << "No data available on netlink fd " << fd;
-            return -o.err;
+            return linnet::sys::failure(o.err);
         case nl::Failure::kEndOfFile:
             LOG_STREAM(1) << "EOF on netlink fd " << fd;
-            return -1;
+            return linnet::result::kStep1;
         case nl::Failure::kAddressLength:
             LOG_STREAM(1) << "Sender address length " << o.value << " isn't equal to origin "
                           << sizeof(sockaddr_nl);
-            return -2;
+            return linnet::result::kStep2;
         case nl::Failure::kTruncated:
             LOG_STREAM(1) << "Message truncated";
-            return -EMSGSIZE;
+            return linnet::result::kDumpTruncated;
         case nl::Failure::kChanging:
             LOG_STREAM(1) << "Route table changed during " << nl::kDumpAttempts
                           << " dumps on netlink fd " << fd;
-            return -EBUSY;
+            return linnet::result::kDumpChanging;
         default:  // kReceive; the open steps were taken above
             LOG_STREAM(1) << "Cannot recv message from netlink fd " << fd << " (errno " << o.err
                           << ")";
-            return o.err != 0 ? -o.err : -1;
+            return linnet::sys::failure(o.err);
     }
 }
 
@@ -257,7 +258,7 @@ int CRouteTable::HandleAnswer(nlmsghdr* h, long len, bool truncated, int filter,
                 LOG_STREAM(1) << "Got error netlink answer (errcode " << nl::error_of(h)->error << ")";
             else
                 LOG_STREAM(1) << "Message truncated";
-            result = -3;
+            result = linnet::result::kStep3;
             ended = true;
             break;
         }
@@ -270,7 +271,7 @@ int CRouteTable::HandleAnswer(nlmsghdr* h, long len, bool truncated, int filter,
         LOG_STREAM(1) << "Message truncated";
     } else if (!done && len > 0) {
         LOG_STREAM(1) << "Message rest size " << len;
-        return -4;
+        return linnet::result::kStep4;
     }
     return ended ? result : kMoreToRead;
 }
@@ -285,7 +286,7 @@ int CRouteTable::AddEntry(nlmsghdr* msg, int filter,
     long len = nl::route_payload_len(msg);
     if (len < 0) {
         LOG_STREAM(1) << "Wrong nlmsg len " << len;
-        return -1;
+        return linnet::result::kFailed;
     }
     rtmsg* rtm = nl::route_of(msg);
     // Raw characters, not numbers: the trace has always shown the bytes.
@@ -306,23 +307,23 @@ int CRouteTable::AddEntry(nlmsghdr* msg, int filter,
     // length of 32 does. Hosts depend on this asymmetry.
     if (attrs[RTA_SRC] != nullptr) {
         e.src = nl::attr_u32(attrs[RTA_SRC]);
-        if (rtm->rtm_src_len != 32) e.srcmask = Mask(rtm->rtm_src_len);
+        if (rtm->rtm_src_len != 32) e.srcmask = mask_of(rtm->rtm_src_len);
     } else if (rtm->rtm_src_len != 0) {
-        e.srcmask = Mask(rtm->rtm_src_len);
+        e.srcmask = mask_of(rtm->rtm_src_len);
     }
     if (attrs[RTA_DST] != nullptr) {
         e.dst = nl::attr_u32(attrs[RTA_DST]);
-        if (rtm->rtm_dst_len != 32) e.dstmask = Mask(rtm->rtm_dst_len);
+        if (rtm->rtm_dst_len != 32) e.dstmask = mask_of(rtm->rtm_dst_len);
     } else if (rtm->rtm_dst_len == 0) {
         e.flags |= ROUTE_ENTRY_DEFAULT;
     } else {
-        e.dstmask = Mask(rtm->rtm_dst_len);
+        e.dstmask = mask_of(rtm->rtm_dst_len);
     }
     if (attrs[RTA_GATEWAY] != nullptr) e.gw = nl::attr_u32(attrs[RTA_GATEWAY]);
-    if (attrs[RTA_IIF] != nullptr && !Translate(ifmap, attrs[RTA_IIF], &e.inif)) return 0;
+    if (attrs[RTA_IIF] != nullptr && !translate(ifmap, attrs[RTA_IIF], &e.inif)) return 0;
     if (attrs[RTA_OIF] != nullptr) {
-        if (!Translate(ifmap, attrs[RTA_OIF], &e.outif)) return 0;
-    } else if (attrs[RTA_MULTIPATH] != nullptr && !PickNexthop(ifmap, attrs[RTA_MULTIPATH], &e)) {
+        if (!translate(ifmap, attrs[RTA_OIF], &e.outif)) return 0;
+    } else if (attrs[RTA_MULTIPATH] != nullptr && !pick_nexthop(ifmap, attrs[RTA_MULTIPATH], &e)) {
         return 0;
     }
     entries_.push_back(e);
@@ -345,7 +346,7 @@ bool CRouteTable::RejectEntry(rtmsg* rtm, int filter) {
     }
     if (filter & ROUTE_FILTER_TYPES) {
         // Type 4 maps to 0x4, outside the type group, so it never passes.
-        const int bit = TypeBit(rtm->rtm_type);
+        const int bit = type_bit(rtm->rtm_type);
         if (bit == 0 || !(filter & bit & ROUTE_FILTER_TYPES)) {
             LOG_STREAM(11) << "Type " << static_cast<char>(rtm->rtm_type) << " rejected by filter "
                            << filter;

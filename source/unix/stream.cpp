@@ -9,6 +9,7 @@
 #include <new>
 
 #include "logger/log.h"
+#include "results.h"
 
 static const char kLogFile[] = "source/unix/stream";
 
@@ -89,7 +90,7 @@ int SockStream::Read(void* buf, unsigned size) {
             if (static_cast<std::int64_t>(now - last_activity) >=
                 static_cast<std::int64_t>(finalTimeout_)) {
                 LOG_STREAM(11) << "final timeout expired, exiting";
-                return -110;
+                return linnet::result::kTimedOut;
             }
             continue;
         }
@@ -162,7 +163,7 @@ int SockStream::WriteBlock(void* data, unsigned size) {
     // time-out (Write's 0) included: a cut block is never reported sent.
     if (Write(&header, sizeof header) != static_cast<int>(sizeof header)) {
         LOG_STREAM(11) << "write failed, exiting";
-        return -1;
+        return linnet::result::kStep1;
     }
     LOG_STREAM(11) << "writing block body";
     unsigned char* const body = static_cast<unsigned char*>(data);
@@ -171,7 +172,7 @@ int SockStream::WriteBlock(void* data, unsigned size) {
         const unsigned piece = piece_len(size - done);
         if (Write(body + done, piece) != static_cast<int>(piece)) {
             LOG_STREAM(11) << "write failed, exiting";
-            return -2;
+            return linnet::result::kStep2;
         }
         done += piece;
     } while (done < size);
@@ -184,12 +185,12 @@ int SockStream::ReadBlock(unsigned char** body, unsigned* size_out, unsigned max
     std::uint32_t length = 0;
     if (Read(&length, sizeof length) < 0) {
         LOG_STREAM(11) << "error reading block size, exiting";
-        return -1;
+        return linnet::result::kStep1;
     }
     LOG_STREAM(11) << "got block size " << length;
     if (max_size != 0 && length > max_size) {
         LOG_STREAM(11) << "too big block size (" << length << " > " << max_size << ")";
-        return -2;
+        return linnet::result::kStep2;
     }
     if (length == 0) return 0;
     LOG_STREAM(11) << "trying to allocate memory";
@@ -198,7 +199,7 @@ int SockStream::ReadBlock(unsigned char** body, unsigned* size_out, unsigned max
         LOG_STREAM(11) << "error allocating memory";
         Flush();
         LOG_STREAM(11) << "flushed input stream, exiting";
-        return -3;
+        return linnet::result::kStep3;
     }
     LOG_STREAM(11) << "reading block body (size " << length << ")";
     unsigned done = 0;
@@ -207,7 +208,7 @@ int SockStream::ReadBlock(unsigned char** body, unsigned* size_out, unsigned max
         if (Read(buffer + done, piece) < 0) {
             LOG_STREAM(11) << "error reading block body, exiting";
             delete[] buffer;
-            return -4;
+            return linnet::result::kStep4;
         }
         done += piece;
     }

@@ -1,0 +1,19 @@
+#!/bin/bash
+# The library's negative results have names (source/results.h) and every
+# errno becomes a result through sys::failure(): a bare negative literal or
+# a hand-negated errno anywhere else in source/ fails this check.
+# Usage: result_codes.sh SOURCE_DIR
+set -u
+src=${1:?source directory}
+found=$(grep -rnE --include='*.cpp' --include='*.h' \
+          '([^A-Za-z0-9_]-[0-9]+|-errno|-err\b|-e\b)' "$src" |
+        grep -v "^$src/results.h:" |
+        grep -vE '^[^:]+:[0-9]+:\s*//' |
+        sed -E 's#//.*$##' |
+        grep -E '([^A-Za-z0-9_]-[0-9]+|-errno|-err\b|-e\b)')
+if [ -n "$found" ]; then
+    echo "bare result codes outside source/results.h:"
+    echo "$found"
+    exit 1
+fi
+echo "no bare result code in $src"
