@@ -260,7 +260,9 @@ TEST_P(HostilePeer, CostsOnlyItselfWhileGoodClientsLoseNothing) {
     // The header's bound: one incomplete block and one read of input; 2 x
     // (limit + 4) of replies and the answers to one read.
     EXPECT_LE(rec.peakQueued, h.end == BlockEnd::kTooBig ? 4 + read : 3 * (kMaxBlock + 4) + 2 * read);
-    EXPECT_LT(rec.heldMs, kDeadlineMs + 1500L * testnet::Scale());
+    // Generous: a stalled reader's clock restarts at every reply the kernel
+    // still takes, and a sanitizer build on a busy machine is slow to fill.
+    EXPECT_LT(rec.heldMs, 2 * kDeadlineMs + 1500L * testnet::Scale());
     EXPECT_EQ(n_good, good.connected);
     EXPECT_GT(good.echoed, 0);
     EXPECT_EQ(good.sent, good.echoed);
