@@ -5,6 +5,7 @@
 #define LINNET_SOURCE_SOCKOPS_H
 
 #include <netinet/in.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -39,23 +40,126 @@ ssize_t send_nosignal(int fd, const void* buf, std::size_t len);
 // The linger every socket of the library gets: on, one second.
 const linger kLingerOneSecond = {1, 1};
 
-// One descriptor of a readiness wait. `events` and `ready` use the bits
-// POLL_READ, POLL_WRITE and POLL_EXCEPT.
+// The readiness wait, select(2) with poll(2) beyond FD_SETSIZE, shared by a
+// single socket's Poll and by a socket group: one walk builds the wait, one
+// distributes its answer.
+//
+// An item is anything an Access reaches (a WaitItem, a group's member):
+//     int fd(const Item&)            descriptor; negative: skipped
+//     int events(const Item&)        POLL_READ | POLL_WRITE | POLL_EXCEPT
+//     void set_ready(Item&, int)     0 before the wait, then the bits found
+//
+// wait_ready fills every item's ready bits with what it asked for and got and
+// returns select's count (one per set a descriptor is ready in; a descriptor
+// named by two items still counts once per set), 0 on time-out, or -1 with
+// errno set (EINTR when interrupted, EBADF for a closed descriptor, EINVAL
+// for a negative time). A null timeout waits without limit; the timeout is
+// passed on unnormalised. Items with a negative fd, or asking for nothing,
+// take part in no wait. kNothingToWaitFor, without waiting, when there is no
+// time limit and no item has a descriptor and events: nothing could end it.
+// When every descriptor is below FD_SETSIZE the wait is one select();
+// otherwise one ppoll() with the same answers, so no fd_set is ever indexed
+// out of range. After a result <= 0 every item's ready is 0.
+const int kNothingToWaitFor = -2;
+
+// The three select sets of one wait.
+class SelectSets {
+public:
+    SelectSets();
+    // False, nothing added, for a descriptor the sets cannot hold.
+    bool add(int fd, int events) {
+        if (fd >= FD_SETSIZE) return false;
+        if (events & 0x1) FD_SET(fd, &rd_);
+        if (events & 0x2) FD_SET(fd, &wr_);
+        if (events & 0x4) FD_SET(fd, &ex_);
+        if (fd > largest_) largest_ = fd;
+        return true;
+    }
+    int wait(const timeval* timeout);
+    // The bits of `events` that the last wait found for fd.
+    int ready(int fd, int events) const {
+        int bits = 0;
+        if ((events & 0x1) && FD_ISSET(fd, &rd_)) bits |= 0x1;
+        if ((events & 0x2) && FD_ISSET(fd, &wr_)) bits |= 0x2;
+        if ((events & 0x4) && FD_ISSET(fd, &ex_)) bits |= 0x4;
+        return bits;
+    }
+
+private:
+    fd_set rd_, wr_, ex_;
+    int largest_;
+};
+
+// The poll(2) form of the same wait: one entry per item, in item order.
+class PollSet {
+public:
+    explicit PollSet(std::size_t expected);
+    ~PollSet();
+    PollSet(const PollSet&) = delete;
+    PollSet& operator=(const PollSet&) = delete;
+    // An item that takes part in no wait is added as fd -1.
+    void add(int fd, int events);
+    // -1 with EBADF (every answer dropped) when a descriptor is not open.
+    int wait(const timeval* timeout);
+    // The select bits of entry k for `events`, remembered for count().
+    int ready(std::size_t k, int events);
+    // select's count over every ready() answer so far.
+    int count();
+
+private:
+    struct Impl;
+    Impl* impl_;
+};
+
+template <class It, class Access>
+int wait_ready(It first, It last, Access& access, const timeval* timeout) {
+    const int kAll = 0x1 | 0x2 | 0x4;
+    SelectSets sets;
+    bool beyond = false, anything = false;
+    std::size_t count = 0;
+    for (It i = first; i != last; ++i, ++count) {
+        access.set_ready(*i, 0);
+        const int fd = access.fd(*i);
+        const int events = access.events(*i) & kAll;
+        if (fd < 0 || events == 0) continue;
+        anything = true;
+        if (!beyond && !sets.add(fd, events)) beyond = true;
+    }
+    if (!anything && timeout == nullptr) return kNothingToWaitFor;
+    if (!beyond) {
+        const int n = sets.wait(timeout);
+        if (n <= 0) return n;
+        for (It i = first; i != last; ++i) {
+            const int fd = access.fd(*i);
+            const int events = access.events(*i) & kAll;
+            if (fd >= 0 && events != 0) access.set_ready(*i, sets.ready(fd, events));
+        }
+        return n;
+    }
+    PollSet polls(count);
+    for (It i = first; i != last; ++i) {
+        const int events = access.events(*i) & kAll;
+        polls.add(events != 0 ? access.fd(*i) : -1, events);
+    }
+    const int n = polls.wait(timeout);
+    if (n <= 0) return n;
+    std::size_t k = 0;
+    for (It i = first; i != last; ++i, ++k) {
+        const int events = access.events(*i) & kAll;
+        const int bits = polls.ready(k, events);
+        if (bits != 0) access.set_ready(*i, bits);
+    }
+    return polls.count();
+}
+
+// One descriptor of a wait, for callers without items of their own.
 struct WaitItem {
     int fd;
     int events;
     int ready;
 };
 
-// Waits for the items as select(2) would and fills each item's `ready` with
-// the bits it asked for and got. Returns select's count (one per set a
-// descriptor is ready in), 0 on time-out, or -1 with errno set (EINTR when
-// interrupted). A null timeout waits without limit; the timeout is passed on
-// unnormalised. Items with a negative fd are skipped (on the poll path also
-// items asking for nothing). When every fd is below FD_SETSIZE this is one
-// select(); otherwise one ppoll() with the same answers and count (a
-// descriptor named by two items still counts once per set), so no fd_set is
-// ever indexed out of range.
+// wait_ready over an array of WaitItem.
 int wait_ready(WaitItem* items, std::size_t count, const timeval* timeout);
 
 // Owns a descriptor that one operation opened for its own use; closes it
