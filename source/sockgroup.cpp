@@ -69,7 +69,7 @@ int CSockGroup::Poll(int seconds, int microseconds) {
         int fd(const NonBlockSocket* s) const { return s->fd_; }
         int events(const NonBlockSocket* s) const { return s->events_; }
         void set_ready(NonBlockSocket* s, int bits) const {
-            s->state_ = bits;
+            if (s->state_ != bits) s->state_ = bits;  // most stay 0: leave their lines clean
             if (bits != 0)
                 LOG_STREAM_NAMED("Poll", 11) << "events on fd " << s->fd_ << ": read " << (bits & POLL_READ)
                                              << ", write " << (bits & POLL_WRITE) << ", exept "

@@ -8,24 +8,13 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <vector>
 
 namespace linnet {
 namespace sys {
 
 namespace {
-
-// The readiness select reports for a poll(2) answer (Linux's own mapping in
-// fs/select.c), restricted to what was asked.
-int select_bits(short revents, int asked) {
-    int bits = 0;
-    if ((asked & POLL_READ) && (revents & (POLLIN | POLLRDNORM | POLLRDBAND | POLLHUP | POLLERR)))
-        bits |= POLL_READ;
-    if ((asked & POLL_WRITE) && (revents & (POLLOUT | POLLWRNORM | POLLWRBAND | POLLERR)))
-        bits |= POLL_WRITE;
-    if ((asked & POLL_EXCEPT) && (revents & POLLPRI)) bits |= POLL_EXCEPT;
-    return bits;
-}
 
 // One (descriptor, set) pair that a wait found ready. A type of this file:
 // a vector of a built-in type would be an exported template instance.
@@ -34,10 +23,6 @@ struct SetHit {
     int bit;
     bool operator<(const SetHit& o) const { return fd != o.fd ? fd < o.fd : bit < o.bit; }
     bool operator==(const SetHit& o) const { return fd == o.fd && bit == o.bit; }
-};
-
-struct Entry {
-    pollfd p;
 };
 
 struct WaitItemAccess {
@@ -96,23 +81,20 @@ int SelectSets::wait(const timeval* timeout) {
     return ::select(largest_ + 1, &rd_, &wr_, &ex_, tvp);
 }
 
-struct PollSet::Impl {
-    std::vector<Entry> fds;
-    std::vector<SetHit> hits;
-};
+PollSet::PollSet() : fds_(nullptr), size_(0), capacity_(0) {}
 
-PollSet::PollSet(std::size_t expected) : impl_(new Impl) { impl_->fds.reserve(expected); }
+PollSet::~PollSet() { std::free(fds_); }
 
-PollSet::~PollSet() { delete impl_; }
-
-void PollSet::add(int fd, int events) {
-    short ev = 0;
-    if (events & POLL_READ) ev |= POLLIN;
-    if (events & POLL_WRITE) ev |= POLLOUT;
-    if (events & POLL_EXCEPT) ev |= POLLPRI;
-    // An entry asking for nothing is in no select set: poll ignores a
-    // negative fd, so it cannot report POLLNVAL or POLLHUP for it.
-    impl_->fds.push_back(Entry{pollfd{ev != 0 && fd >= 0 ? fd : -1, ev, 0}});
+bool PollSet::grow() {
+    const std::size_t capacity = capacity_ == 0 ? 1024 : 2 * capacity_;
+    void* more = std::realloc(fds_, capacity * sizeof(pollfd));
+    if (more == nullptr) {
+        errno = ENOMEM;
+        return false;
+    }
+    fds_ = static_cast<pollfd*>(more);
+    capacity_ = capacity;
+    return true;
 }
 
 int PollSet::wait(const timeval* timeout) {
@@ -127,30 +109,36 @@ int PollSet::wait(const timeval* timeout) {
         ts.tv_nsec = (timeout->tv_usec % 1000000) * 1000;
         tsp = &ts;
     }
-    static_assert(sizeof(Entry) == sizeof(pollfd), "entries are pollfds");
-    const int n = ppoll(&impl_->fds.data()->p, impl_->fds.size(), tsp, nullptr);
+    const int n = ppoll(fds_, size_, tsp, nullptr);
     if (n <= 0) return n;
-    for (const Entry& e : impl_->fds)
-        if (e.p.revents & POLLNVAL) {
+    for (std::size_t k = 0; k < size_; ++k)
+        if (fds_[k].revents & POLLNVAL) {
             errno = EBADF;  // select refuses a closed descriptor the same way
+            for (std::size_t j = 0; j < size_; ++j) fds_[j].revents = 0;
             return -1;
         }
     return n;
 }
 
-int PollSet::ready(std::size_t k, int events) {
-    const pollfd& p = impl_->fds[k].p;
-    if (p.fd < 0 || p.revents == 0) return 0;
-    const int bits = select_bits(p.revents, events);
-    for (int bit = POLL_READ; bit <= POLL_EXCEPT; bit <<= 1)
-        if (bits & bit) impl_->hits.push_back(SetHit{p.fd, bit});
+// The readiness select reports for a poll(2) answer (Linux's own mapping in
+// fs/select.c), restricted to what the entry asked.
+int PollSet::select_bits(const pollfd& p) {
+    int bits = 0;
+    if ((p.events & POLLIN) && (p.revents & (POLLIN | POLLRDNORM | POLLRDBAND | POLLHUP | POLLERR)))
+        bits |= POLL_READ;
+    if ((p.events & POLLOUT) && (p.revents & (POLLOUT | POLLWRNORM | POLLWRBAND | POLLERR)))
+        bits |= POLL_WRITE;
+    if ((p.events & POLLPRI) && (p.revents & POLLPRI)) bits |= POLL_EXCEPT;
     return bits;
 }
 
-int PollSet::count() {
-    // select counts one hit per (descriptor, set), however many items name
-    // the descriptor: count the distinct ones.
-    std::vector<SetHit>& hits = impl_->hits;
+int PollSet::count() const {
+    std::vector<SetHit> hits;
+    for (std::size_t k = 0; k < size_; ++k) {
+        const int bits = ready(k);
+        for (int bit = POLL_READ; bit <= POLL_EXCEPT; bit <<= 1)
+            if (bits & bit) hits.push_back(SetHit{fds_[k].fd, bit});
+    }
     std::sort(hits.begin(), hits.end());
     return static_cast<int>(std::unique(hits.begin(), hits.end()) - hits.begin());
 }

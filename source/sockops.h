@@ -5,6 +5,7 @@
 #define LINNET_SOURCE_SOCKOPS_H
 
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -93,37 +94,64 @@ private:
 // The poll(2) form of the same wait: one entry per item, in item order.
 class PollSet {
 public:
-    explicit PollSet(std::size_t expected);
+    PollSet();
     ~PollSet();
     PollSet(const PollSet&) = delete;
     PollSet& operator=(const PollSet&) = delete;
-    // An item that takes part in no wait is added as fd -1.
-    void add(int fd, int events);
+    // An item that takes part in no wait is added as fd -1. False when
+    // memory is short (nothing added).
+    bool add(int fd, int events) {
+        if (size_ == capacity_ && !grow()) return false;
+        short ev = 0;
+        if (events & 0x1) ev |= POLLIN;
+        if (events & 0x2) ev |= POLLOUT;
+        if (events & 0x4) ev |= POLLPRI;
+        // An entry asking for nothing is in no select set: poll ignores a
+        // negative fd, so it cannot report POLLNVAL or POLLHUP for it.
+        fds_[size_++] = pollfd{ev != 0 && fd >= 0 ? fd : -1, ev, 0};
+        return true;
+    }
     // -1 with EBADF (every answer dropped) when a descriptor is not open.
     int wait(const timeval* timeout);
-    // The select bits of entry k for `events`, remembered for count().
-    int ready(std::size_t k, int events);
-    // select's count over every ready() answer so far.
-    int count();
+    // The select bits the last wait found for entry k.
+    int ready(std::size_t k) const { return fds_[k].revents != 0 ? select_bits(fds_[k]) : 0; }
+    // select's count: one per (descriptor, set) found ready, however many
+    // entries name the descriptor.
+    int count() const;
 
 private:
-    struct Impl;
-    Impl* impl_;
+    static int select_bits(const pollfd& p);
+    bool grow();
+    pollfd* fds_;
+    std::size_t size_, capacity_;
 };
 
 template <class It, class Access>
 int wait_ready(It first, It last, Access& access, const timeval* timeout) {
     const int kAll = 0x1 | 0x2 | 0x4;
     SelectSets sets;
+    PollSet polls;
     bool beyond = false, anything = false;
-    std::size_t count = 0;
-    for (It i = first; i != last; ++i, ++count) {
+    // One walk builds the select sets; the first descriptor they cannot hold
+    // turns it into a poll walk, the items already passed added first.
+    bool short_of_memory = false;
+    for (It i = first; i != last; ++i) {
         access.set_ready(*i, 0);
         const int fd = access.fd(*i);
         const int events = access.events(*i) & kAll;
-        if (fd < 0 || events == 0) continue;
-        anything = true;
-        if (!beyond && !sets.add(fd, events)) beyond = true;
+        if (fd >= 0 && events != 0) anything = true;
+        if (!beyond && fd >= FD_SETSIZE && events != 0) {
+            beyond = true;
+            for (It j = first; j != i; ++j) short_of_memory |= !polls.add(access.fd(*j), access.events(*j) & kAll);
+        }
+        if (beyond)
+            short_of_memory |= !polls.add(fd, events);
+        else if (fd >= 0 && events != 0)
+            sets.add(fd, events);
+    }
+    if (short_of_memory) {
+        errno = ENOMEM;
+        return -1;
     }
     if (!anything && timeout == nullptr) return kNothingToWaitFor;
     if (!beyond) {
@@ -132,21 +160,18 @@ int wait_ready(It first, It last, Access& access, const timeval* timeout) {
         for (It i = first; i != last; ++i) {
             const int fd = access.fd(*i);
             const int events = access.events(*i) & kAll;
-            if (fd >= 0 && events != 0) access.set_ready(*i, sets.ready(fd, events));
+            if (fd >= 0 && events != 0) {
+                const int bits = sets.ready(fd, events);
+                if (bits != 0) access.set_ready(*i, bits);
+            }
         }
         return n;
-    }
-    PollSet polls(count);
-    for (It i = first; i != last; ++i) {
-        const int events = access.events(*i) & kAll;
-        polls.add(events != 0 ? access.fd(*i) : -1, events);
     }
     const int n = polls.wait(timeout);
     if (n <= 0) return n;
     std::size_t k = 0;
     for (It i = first; i != last; ++i, ++k) {
-        const int events = access.events(*i) & kAll;
-        const int bits = polls.ready(k, events);
+        const int bits = polls.ready(k);
         if (bits != 0) access.set_ready(*i, bits);
     }
     return polls.count();
