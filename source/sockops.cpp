@@ -65,7 +65,7 @@ ssize_t send_nosignal(int fd, const void* buf, std::size_t len) {
     return n;
 }
 
-SelectSets::SelectSets() : largest_(0) {
+SelectSets::SelectSets() : largest_(0), used_(0) {
     FD_ZERO(&rd_);
     FD_ZERO(&wr_);
     FD_ZERO(&ex_);
@@ -78,12 +78,14 @@ int SelectSets::wait(const timeval* timeout) {
         tv = *timeout;
         tvp = &tv;
     }
-    return ::select(largest_ + 1, &rd_, &wr_, &ex_, tvp);
+    return ::select(largest_ + 1, (used_ & POLL_READ) ? &rd_ : nullptr, (used_ & POLL_WRITE) ? &wr_ : nullptr,
+                    (used_ & POLL_EXCEPT) ? &ex_ : nullptr, tvp);
 }
 
-PollSet::PollSet() : fds_(nullptr), size_(0), capacity_(0) {}
-
-PollSet::~PollSet() { std::free(fds_); }
+void PollSet::release() {
+    std::free(fds_);
+    fds_ = nullptr;
+}
 
 bool PollSet::grow() {
     const std::size_t capacity = capacity_ == 0 ? 1024 : 2 * capacity_;

@@ -73,6 +73,7 @@ public:
         if (events & 0x1) FD_SET(fd, &rd_);
         if (events & 0x2) FD_SET(fd, &wr_);
         if (events & 0x4) FD_SET(fd, &ex_);
+        used_ |= events;
         if (fd > largest_) largest_ = fd;
         return true;
     }
@@ -89,13 +90,16 @@ public:
 private:
     fd_set rd_, wr_, ex_;
     int largest_;
+    int used_;  // the sets holding a descriptor: the others go to select as null
 };
 
 // The poll(2) form of the same wait: one entry per item, in item order.
 class PollSet {
 public:
-    PollSet();
-    ~PollSet();
+    PollSet() : fds_(nullptr), size_(0), capacity_(0) {}
+    ~PollSet() {
+        if (fds_ != nullptr) release();
+    }
     PollSet(const PollSet&) = delete;
     PollSet& operator=(const PollSet&) = delete;
     // An item that takes part in no wait is added as fd -1. False when
@@ -122,6 +126,7 @@ public:
 private:
     static int select_bits(const pollfd& p);
     bool grow();
+    void release();
     pollfd* fds_;
     std::size_t size_, capacity_;
 };

@@ -157,6 +157,20 @@ TEST(LogStyles, EachCallSiteKeepsItsOwnOriginExactlyAsRendered) {
         EXPECT_EQ(rec[3].origin.find(std::string(names[round % 2]) + ": [source/logger_test:"), 0u);
     }
 
+    // A '%' from a literal, a character or a run-time text: each is escaped.
+    capture::Start();
+    const std::string runtime = "at 5%";
+    LOG_STREAM(11) << "100% done";
+    LOG_STREAM(11) << "rate " << 7 << '%';
+    LOG_STREAM(11) << "load " << runtime;
+    LOG_STREAM(11) << "no percent " << 3;
+    const auto pct = capture::Records();
+    ASSERT_EQ(pct.size(), 4u);
+    EXPECT_EQ(pct[0].text, "100% done");
+    EXPECT_EQ(pct[1].text, "rate 7%");
+    EXPECT_EQ(pct[2].text, "load at 5%");
+    EXPECT_EQ(pct[3].text, "no percent 3");
+
     capture::Start();
     int line = 0;
     std::vector<std::thread> threads;

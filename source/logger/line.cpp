@@ -78,7 +78,7 @@ Origin::Origin(const char* function, const char* file, int line) : function_(fun
 Line::~Line() {
     text_[len_] = '\0';
     char escaped[2 * sizeof text_];
-    const char* format = as_format(text_, len_, escaped);
+    const char* format = has_percent_ ? as_format(text_, len_, escaped) : text_;
     if (origin_ != nullptr) {
         _debug(level_ <= 3 ? origin_->function() : origin_->located(), level_, format);
         return;

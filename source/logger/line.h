@@ -51,12 +51,12 @@ public:
             failed_ = true;  // as std::ostream sets badbit
             return *this;
         }
-        return append(s, __builtin_strlen(s));
+        return append_text(s, __builtin_strlen(s));
     }
     Line& operator<<(const signed char* s) { return *this << reinterpret_cast<const char*>(s); }
     Line& operator<<(const unsigned char* s) { return *this << reinterpret_cast<const char*>(s); }
-    Line& operator<<(const std::string& s) { return append(s.data(), s.size()); }
-    Line& operator<<(char c) { return append(&c, 1); }
+    Line& operator<<(const std::string& s) { return append_text(s.data(), s.size()); }
+    Line& operator<<(char c) { return append_text(&c, 1); }
     Line& operator<<(signed char c) { return *this << static_cast<char>(c); }
     Line& operator<<(unsigned char c) { return *this << static_cast<char>(c); }
     Line& operator<<(bool b) { return *this << static_cast<int>(b); }
@@ -71,6 +71,13 @@ public:
     Line& operator<<(const void* p);
 
 private:
+    // Text that may hold a '%' (for a literal both the length and the answer
+    // are known where it is streamed).
+    Line& append_text(const char* s, std::size_t n) {
+        if (__builtin_memchr(s, '%', n) != nullptr) has_percent_ = true;
+        return append(s, n);
+    }
+    // Digits and the like: never a '%'.
     Line& append(const char* s, std::size_t n) {
         if (failed_) return *this;
         const std::size_t room = sizeof text_ - 1 - len_;
@@ -88,6 +95,7 @@ private:
     int line_ = 0;
     int level_;
     bool failed_ = false;
+    bool has_percent_ = false;  // only then is the text escaped
     std::size_t len_ = 0;
     char text_[512];     // the message; longer texts are cut (library texts are short)
 };
