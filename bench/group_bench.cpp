@@ -1,8 +1,13 @@
 // CSockGroup::Poll over 1,000 idle sockets and one ready one, against a bare
-// select() over the same descriptors followed by the FD_ISSET scan.
+// select() over the same descriptors followed by the FD_ISSET scan; and over
+// 10,000 idle + 1 (the poll(2) path, the descriptors being above
+// FD_SETSIZE) against a bare poll() over the same descriptors and its
+// revents scan.
 #include <benchmark/benchmark.h>
 #include <linnet/sockgroup.h>
 #include <linnet/tcpsocket.h>
+#include <poll.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,15 +20,36 @@
 namespace {
 
 const int kIdle = 1000;
+const int kManyIdle = 10000;
+
+// Room for `n` more descriptors than the usual limit: false when the hard
+// limit does not allow it.
+bool RaiseFdLimit(rlim_t n) {
+    rlimit rl;
+    if (::getrlimit(RLIMIT_NOFILE, &rl) != 0) return false;
+    if (rl.rlim_cur >= n) return true;
+    if (rl.rlim_max != RLIM_INFINITY && rl.rlim_max < n) return false;
+    rl.rlim_cur = n;
+    return ::setrlimit(RLIMIT_NOFILE, &rl) == 0;
+}
 
 // Idle UDP sockets, then the readable end of a pair. `owned` false when
-// the descriptors were handed to sockets that close them.
+// the descriptors were handed to sockets that close them. `ok` false when
+// a descriptor could not be had.
 struct Sockets {
     std::vector<int> fds;
     int peer = -1;
     bool owned = true;
-    Sockets() {
-        for (int i = 0; i < kIdle; ++i) fds.push_back(::socket(AF_INET, SOCK_DGRAM, 0));
+    bool ok = true;
+    explicit Sockets(int idle = kIdle) {
+        for (int i = 0; i < idle; ++i) {
+            fds.push_back(::socket(AF_INET, SOCK_DGRAM, 0));
+            if (fds.back() < 0) {
+                fds.pop_back();
+                ok = false;
+                return;
+            }
+        }
         int sv[2];
         ::socketpair(AF_UNIX, SOCK_STREAM, 0, sv);
         fds.push_back(sv[0]);
@@ -34,32 +60,40 @@ struct Sockets {
     ~Sockets() {
         if (owned)
             for (int fd : fds) ::close(fd);
-        ::close(peer);
+        if (peer >= 0) ::close(peer);
+    }
+};
+
+// The group over `raw`'s descriptors, each member waiting for reading.
+struct Members {
+    std::vector<std::unique_ptr<TCPSocket>> socks;
+    CSockGroup group;
+    explicit Members(Sockets* raw) {
+        for (int fd : raw->fds) {
+            socks.emplace_back(new TCPSocket);
+            socks.back()->OpenFD(fd, 0);
+            group.Add(socks.back().get(), POLL_READ);
+        }
+        raw->owned = false;
+    }
+    ~Members() { group.Clear(); }
+    void PollOnce(benchmark::State& state) {
+        const int n = group.Poll(0, 0);
+        int ready = 0;
+        for (auto& m : socks) ready += m->GetState() != 0;
+        benchmark::DoNotOptimize(ready);
+        if (n != 1) state.SkipWithError("expected one ready member");
     }
 };
 
 void BM_GroupPoll_Linnet(benchmark::State& state) {
     Sockets raw;
-    if (raw.fds.back() >= FD_SETSIZE) {
+    if (!raw.ok || raw.fds.back() >= FD_SETSIZE) {
         state.SkipWithError("descriptors above the select limit");
         return;
     }
-    std::vector<std::unique_ptr<TCPSocket>> members;
-    CSockGroup group;
-    for (int fd : raw.fds) {
-        members.emplace_back(new TCPSocket);
-        members.back()->OpenFD(fd, 0);
-        group.Add(members.back().get(), POLL_READ);
-    }
-    raw.owned = false;
-    for (auto _ : state) {
-        const int n = group.Poll(0, 0);
-        int ready = 0;
-        for (auto& m : members) ready += m->GetState() != 0;
-        benchmark::DoNotOptimize(ready);
-        if (n != 1) state.SkipWithError("expected one ready member");
-    }
-    group.Clear();
+    Members members(&raw);
+    for (auto _ : state) members.PollOnce(state);
     bench::Rate(state);
 }
 BENCHMARK(BM_GroupPoll_Linnet);
@@ -85,9 +119,50 @@ void BM_GroupPoll_Select(benchmark::State& state) {
 }
 BENCHMARK(BM_GroupPoll_Select);
 
+void BM_GroupPoll10k_Linnet(benchmark::State& state) {
+    if (!RaiseFdLimit(kManyIdle + 256)) {
+        state.SkipWithError("cannot raise RLIMIT_NOFILE to 10,256 descriptors");
+        return;
+    }
+    Sockets raw(kManyIdle);
+    if (!raw.ok) {
+        state.SkipWithError("cannot open 10,000 sockets");
+        return;
+    }
+    Members members(&raw);
+    for (auto _ : state) members.PollOnce(state);
+    bench::Rate(state);
+}
+BENCHMARK(BM_GroupPoll10k_Linnet);
+
+void BM_GroupPoll10k_Poll(benchmark::State& state) {
+    if (!RaiseFdLimit(kManyIdle + 256)) {
+        state.SkipWithError("cannot raise RLIMIT_NOFILE to 10,256 descriptors");
+        return;
+    }
+    Sockets raw(kManyIdle);
+    if (!raw.ok) {
+        state.SkipWithError("cannot open 10,000 sockets");
+        return;
+    }
+    std::vector<pollfd> fds(raw.fds.size());
+    for (auto _ : state) {
+        for (size_t i = 0; i < fds.size(); ++i) fds[i] = pollfd{raw.fds[i], POLLIN, 0};
+        const int n = ::poll(fds.data(), fds.size(), 0);
+        int ready = 0;
+        for (const pollfd& p : fds) ready += p.revents != 0;
+        benchmark::DoNotOptimize(ready);
+        if (n != 1) state.SkipWithError("expected one ready descriptor");
+    }
+    bench::Rate(state);
+}
+BENCHMARK(BM_GroupPoll10k_Poll);
+
 const bool kFigures = [] {
     bench::Figure("group poll, 1,000 idle + 1 ready vs bare select", "BM_GroupPoll_Linnet",
                   "BM_GroupPoll_Select", "polls/s");
+    bench::Figure("group poll, 10,000 idle + 1 ready (poll path) vs bare poll", "BM_GroupPoll10k_Linnet",
+                  "BM_GroupPoll10k_Poll", "polls/s");
     return true;
 }();
 

@@ -8,57 +8,13 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <vector>
 
 namespace linnet {
 namespace sys {
 
 namespace {
-
-int wait_select(WaitItem* items, std::size_t count, const timeval* timeout) {
-    fd_set rd, wr, ex;
-    FD_ZERO(&rd);
-    FD_ZERO(&wr);
-    FD_ZERO(&ex);
-    int largest = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-        WaitItem& it = items[i];
-        it.ready = 0;
-        if (it.fd < 0) continue;
-        if (it.events & POLL_READ) FD_SET(it.fd, &rd);
-        if (it.events & POLL_WRITE) FD_SET(it.fd, &wr);
-        if (it.events & POLL_EXCEPT) FD_SET(it.fd, &ex);
-        if (it.fd > largest) largest = it.fd;
-    }
-    timeval tv;
-    timeval* tvp = nullptr;
-    if (timeout != nullptr) {
-        tv = *timeout;
-        tvp = &tv;
-    }
-    const int n = select(largest + 1, &rd, &wr, &ex, tvp);
-    if (n <= 0) return n;
-    for (std::size_t i = 0; i < count; ++i) {
-        WaitItem& it = items[i];
-        if (it.fd < 0) continue;
-        if ((it.events & POLL_READ) && FD_ISSET(it.fd, &rd)) it.ready |= POLL_READ;
-        if ((it.events & POLL_WRITE) && FD_ISSET(it.fd, &wr)) it.ready |= POLL_WRITE;
-        if ((it.events & POLL_EXCEPT) && FD_ISSET(it.fd, &ex)) it.ready |= POLL_EXCEPT;
-    }
-    return n;
-}
-
-// The readiness select reports for a poll(2) answer (Linux's own mapping in
-// fs/select.c), restricted to what was asked.
-int select_bits(short revents, int asked) {
-    int bits = 0;
-    if ((asked & POLL_READ) && (revents & (POLLIN | POLLRDNORM | POLLRDBAND | POLLHUP | POLLERR)))
-        bits |= POLL_READ;
-    if ((asked & POLL_WRITE) && (revents & (POLLOUT | POLLWRNORM | POLLWRBAND | POLLERR)))
-        bits |= POLL_WRITE;
-    if ((asked & POLL_EXCEPT) && (revents & POLLPRI)) bits |= POLL_EXCEPT;
-    return bits;
-}
 
 // One (descriptor, set) pair that a wait found ready. A type of this file:
 // a vector of a built-in type would be an exported template instance.
@@ -69,52 +25,11 @@ struct SetHit {
     bool operator==(const SetHit& o) const { return fd == o.fd && bit == o.bit; }
 };
 
-int wait_poll(WaitItem* items, std::size_t count, const timeval* timeout) {
-    timespec ts;
-    timespec* tsp = nullptr;
-    if (timeout != nullptr) {
-        if (timeout->tv_sec < 0 || timeout->tv_usec < 0) {
-            errno = EINVAL;  // as select answers a negative time-out
-            return -1;
-        }
-        ts.tv_sec = timeout->tv_sec + timeout->tv_usec / 1000000;
-        ts.tv_nsec = (timeout->tv_usec % 1000000) * 1000;
-        tsp = &ts;
-    }
-    std::vector<pollfd> fds;
-    fds.reserve(count);
-    for (std::size_t i = 0; i < count; ++i) {
-        items[i].ready = 0;
-        if (items[i].fd < 0) continue;
-        short ev = 0;
-        if (items[i].events & POLL_READ) ev |= POLLIN;
-        if (items[i].events & POLL_WRITE) ev |= POLLOUT;
-        if (items[i].events & POLL_EXCEPT) ev |= POLLPRI;
-        // An entry asking for nothing is in no select set: poll ignores a
-        // negative fd, so it cannot report POLLNVAL or POLLHUP for it.
-        fds.push_back(pollfd{ev != 0 ? items[i].fd : -1, ev, 0});
-    }
-    const int n = ppoll(fds.data(), fds.size(), tsp, nullptr);
-    if (n <= 0) return n;
-    // select counts one hit per (descriptor, set), however many items name
-    // the descriptor: collect the hits and count the distinct ones.
-    std::vector<SetHit> hits;
-    std::size_t k = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-        if (items[i].fd < 0) continue;
-        const pollfd& p = fds[k++];
-        if (p.revents & POLLNVAL) {
-            errno = EBADF;  // select refuses a closed descriptor the same way
-            for (std::size_t j = 0; j < count; ++j) items[j].ready = 0;
-            return -1;
-        }
-        items[i].ready = select_bits(p.revents, items[i].events);
-        for (int bit = POLL_READ; bit <= POLL_EXCEPT; bit <<= 1)
-            if (items[i].ready & bit) hits.push_back(SetHit{items[i].fd, bit});
-    }
-    std::sort(hits.begin(), hits.end());
-    return static_cast<int>(std::unique(hits.begin(), hits.end()) - hits.begin());
-}
+struct WaitItemAccess {
+    int fd(const WaitItem& i) const { return i.fd; }
+    int events(const WaitItem& i) const { return i.events; }
+    void set_ready(WaitItem& i, int bits) const { i.ready = bits; }
+};
 
 // write() to a non-socket with SIGPIPE kept from the process: blocked
 // around the call, and the one the call raised consumed before the mask
@@ -150,10 +65,89 @@ ssize_t send_nosignal(int fd, const void* buf, std::size_t len) {
     return n;
 }
 
+SelectSets::SelectSets() : largest_(0), used_(0) {
+    FD_ZERO(&rd_);
+    FD_ZERO(&wr_);
+    FD_ZERO(&ex_);
+}
+
+int SelectSets::wait(const timeval* timeout) {
+    timeval tv;
+    timeval* tvp = nullptr;
+    if (timeout != nullptr) {  // select may change it: the caller's stays
+        tv = *timeout;
+        tvp = &tv;
+    }
+    return ::select(largest_ + 1, (used_ & POLL_READ) ? &rd_ : nullptr, (used_ & POLL_WRITE) ? &wr_ : nullptr,
+                    (used_ & POLL_EXCEPT) ? &ex_ : nullptr, tvp);
+}
+
+void PollSet::release() {
+    std::free(fds_);
+    fds_ = nullptr;
+}
+
+bool PollSet::grow() {
+    const std::size_t capacity = capacity_ == 0 ? 1024 : 2 * capacity_;
+    void* more = std::realloc(fds_, capacity * sizeof(pollfd));
+    if (more == nullptr) {
+        errno = ENOMEM;
+        return false;
+    }
+    fds_ = static_cast<pollfd*>(more);
+    capacity_ = capacity;
+    return true;
+}
+
+int PollSet::wait(const timeval* timeout) {
+    timespec ts;
+    timespec* tsp = nullptr;
+    if (timeout != nullptr) {
+        if (timeout->tv_sec < 0 || timeout->tv_usec < 0) {
+            errno = EINVAL;  // as select answers a negative time-out
+            return -1;
+        }
+        ts.tv_sec = timeout->tv_sec + timeout->tv_usec / 1000000;
+        ts.tv_nsec = (timeout->tv_usec % 1000000) * 1000;
+        tsp = &ts;
+    }
+    const int n = ppoll(fds_, size_, tsp, nullptr);
+    if (n <= 0) return n;
+    for (std::size_t k = 0; k < size_; ++k)
+        if (fds_[k].revents & POLLNVAL) {
+            errno = EBADF;  // select refuses a closed descriptor the same way
+            for (std::size_t j = 0; j < size_; ++j) fds_[j].revents = 0;
+            return -1;
+        }
+    return n;
+}
+
+// The readiness select reports for a poll(2) answer (Linux's own mapping in
+// fs/select.c), restricted to what the entry asked.
+int PollSet::select_bits(const pollfd& p) {
+    int bits = 0;
+    if ((p.events & POLLIN) && (p.revents & (POLLIN | POLLRDNORM | POLLRDBAND | POLLHUP | POLLERR)))
+        bits |= POLL_READ;
+    if ((p.events & POLLOUT) && (p.revents & (POLLOUT | POLLWRNORM | POLLWRBAND | POLLERR)))
+        bits |= POLL_WRITE;
+    if ((p.events & POLLPRI) && (p.revents & POLLPRI)) bits |= POLL_EXCEPT;
+    return bits;
+}
+
+int PollSet::count() const {
+    std::vector<SetHit> hits;
+    for (std::size_t k = 0; k < size_; ++k) {
+        const int bits = ready(k);
+        for (int bit = POLL_READ; bit <= POLL_EXCEPT; bit <<= 1)
+            if (bits & bit) hits.push_back(SetHit{fds_[k].fd, bit});
+    }
+    std::sort(hits.begin(), hits.end());
+    return static_cast<int>(std::unique(hits.begin(), hits.end()) - hits.begin());
+}
+
 int wait_ready(WaitItem* items, std::size_t count, const timeval* timeout) {
-    for (std::size_t i = 0; i < count; ++i)
-        if (items[i].fd >= FD_SETSIZE) return wait_poll(items, count, timeout);
-    return wait_select(items, count, timeout);
+    WaitItemAccess access;
+    return wait_ready(items, items + count, access, timeout);
 }
 
 }  // namespace sys

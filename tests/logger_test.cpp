@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "capture_host.h"
 #include "logger/log.h"
@@ -96,4 +98,86 @@ TEST(LogStyles, StreamStyleTextIsSafeAsAFormat) {
         const std::string expect = i % 3 == 2 ? t : t.substr(0, 511);
         EXPECT_EQ(r[i].text, expect) << "record " << i;
     }
+}
+
+namespace {
+
+// What the public message class renders for the same place: the reference
+// each call site's kept origin must equal.
+std::string ReferenceOrigin(const char* function, int line, int level) {
+    capture::Start();
+    { logger::LinuxLogMessage m(function, kLogFile, line, level); }
+    const std::string origin = capture::Records().at(0).origin;
+    capture::Start();
+    return origin;
+}
+
+// Two call sites in one function, on lines of their own.
+void TwoSites(int round, int* first_line, int* second_line) {
+    *first_line = __LINE__ + 1;
+    LOG_STREAM(11) << "first " << round;
+    *second_line = __LINE__ + 1;
+    LOG_STREAM(4) << "second " << round;
+    LOG_STREAM(3) << "bare " << round;
+}
+
+// Hit for the first time by several threads at once.
+void FreshSite(int* line) {
+    *line = __LINE__ + 1;
+    LOG_STREAM(11) << "fresh";
+}
+
+}  // namespace
+
+// Each call site builds its origin once and keeps it: every message of a
+// site, in every round, carries that site's own function, file and line,
+// exactly as LinuxLogMessage renders them; a site never lends its origin
+// to another, and a run-time origin (LOG_STREAM_AS) is never frozen.
+TEST(LogStyles, EachCallSiteKeepsItsOwnOriginExactlyAsRendered) {
+    int first = 0, second = 0;
+    TwoSites(-1, &first, &second);  // learn the lines
+    const std::string want_first = ReferenceOrigin("TwoSites", first, 11);
+    const std::string want_second = ReferenceOrigin("TwoSites", second, 4);
+    EXPECT_NE(want_first, want_second);
+    capture::Scope scope;
+    const char* const names[] = {"SetSndBufSize", "SetRcvBufSize"};
+    for (int round = 0; round < 3; ++round) {
+        TwoSites(round, &first, &second);
+        LOG_STREAM_AS(names[round % 2], 11) << "as";
+    }
+    const auto r = capture::Records();
+    ASSERT_EQ(r.size(), 12u);
+    for (int round = 0; round < 3; ++round) {
+        const auto* rec = &r[size_t(round) * 4];
+        EXPECT_EQ(rec[0].origin, want_first) << "round " << round;
+        EXPECT_EQ(rec[0].text, "first " + std::to_string(round));
+        EXPECT_EQ(rec[1].origin, want_second) << "round " << round;
+        EXPECT_EQ(rec[1].level, 4);
+        EXPECT_EQ(rec[2].origin, "TwoSites");  // level 3: the bare function
+        EXPECT_EQ(rec[3].origin.find(std::string(names[round % 2]) + ": [source/logger_test:"), 0u);
+    }
+
+    // A '%' from a literal, a character or a run-time text: each is escaped.
+    capture::Start();
+    const std::string runtime = "at 5%";
+    LOG_STREAM(11) << "100% done";
+    LOG_STREAM(11) << "rate " << 7 << '%';
+    LOG_STREAM(11) << "load " << runtime;
+    LOG_STREAM(11) << "no percent " << 3;
+    const auto pct = capture::Records();
+    ASSERT_EQ(pct.size(), 4u);
+    EXPECT_EQ(pct[0].text, "100% done");
+    EXPECT_EQ(pct[1].text, "rate 7%");
+    EXPECT_EQ(pct[2].text, "load at 5%");
+    EXPECT_EQ(pct[3].text, "no percent 3");
+
+    capture::Start();
+    int line = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) threads.emplace_back(FreshSite, &line);
+    for (std::thread& t : threads) t.join();
+    const auto fresh = capture::Records();
+    const std::string want_fresh = ReferenceOrigin("FreshSite", line, 11);
+    ASSERT_EQ(fresh.size(), 4u);
+    for (const auto& rec : fresh) EXPECT_EQ(rec.origin, want_fresh);
 }

@@ -1,8 +1,11 @@
 #include <linnet/qfiletransf.h>
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -121,4 +124,60 @@ TEST(QueuedFileTransf, MovesTwentyMiBOfRandomBytesByteExactOverLoopback) {
     EXPECT_NE(sender.Close(), 0);
     EXPECT_TRUE(Slurp(dest) == bytes);
     std::printf("[ info     ] %zu bytes moved in %.3f s: %.1f MiB/s\n", kTotal, seconds, kTotal / seconds / (1 << 20));
+}
+
+// Send mode with one chunk far larger than the socket takes at once: every
+// Process() returns the bytes it sent, the first chunk then reports exactly
+// what is left, and the peer reads exactly those bytes. A reset peer then
+// costs the chunk being sent, and only that one.
+TEST(QueuedFileTransf, LargeChunkLeavesInPartialSendsEachCountedOnce) {
+    const size_t kTotal = (size_t(8) << 20) / size_t(testnet::Scale());
+    testnet::Pair p = testnet::MakeTcpPair();
+    CQueuedFileTransf sender(1, 1024);
+    ASSERT_EQ(sender.QueuedTCPSocket::OpenFD(p.client.release()), 0);
+    std::string big = testdata::RandomBytes(kTotal, 8), next = "after the big one";
+    // A writable pointer: the queue's own Write (a const one would reach the
+    // virtual Write, which is the file's here).
+    ASSERT_EQ(sender.QueuedTCPSocket::Write(&big[0], int(big.size())), int(big.size()));
+    ASSERT_EQ(sender.QueuedTCPSocket::Write(&next[0], int(next.size())), int(next.size()));
+    const timeval patience = {5, 0};  // a read of bytes never sent fails instead of hanging
+    ASSERT_EQ(::setsockopt(p.server.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience), 0);
+
+    std::string got;
+    std::vector<char> buf(1 << 16);
+    size_t sent = 0, step = 1;
+    int partial = 0;
+    const auto deadline = testnet::Clock::now() + std::chrono::seconds(60);
+    while (sent < kTotal / 2 && testnet::Clock::now() < deadline) {
+        ASSERT_EQ(sender.Poll(POLL_WRITE, 5, 0), POLL_WRITE);
+        const int r = sender.Process();
+        ASSERT_GT(r, 0);
+        sent += size_t(r);
+        ASSERT_LT(sent, kTotal);  // the socket cannot have taken it all
+        EXPECT_EQ(size_t(sender.IsQueuedData(2)), kTotal - sent);
+        ++partial;
+        const int quick = 1;  // acknowledge at once: the sender waits for room, not for a timer
+        ::setsockopt(p.server.get(), IPPROTO_TCP, TCP_QUICKACK, &quick, sizeof quick);
+        while (got.size() < sent) {  // 1 byte, then 10, then larger reads
+            const ssize_t n = ::recv(p.server.get(), buf.data(), std::min(step, sent - got.size()), 0);
+            ASSERT_GT(n, 0);
+            got.append(buf.data(), size_t(n));
+            step = step < 65536 ? step * 10 : 65536;
+        }
+        ASSERT_EQ(::recv(p.server.get(), buf.data(), 1, MSG_DONTWAIT), -1);  // nothing beyond
+    }
+    EXPECT_GT(partial, 1);
+    EXPECT_TRUE(got == big.substr(0, got.size()));
+
+    testnet::SetLingerZero(p.server.get());
+    p.server.reset();  // reset: the next send fails
+    capture::Scope log;
+    int r = 0;
+    for (int i = 0; i < 100 && r >= 0 && testnet::Clock::now() < deadline; ++i) {
+        sender.Poll(POLL_WRITE, 1, 0);
+        r = sender.Process();
+    }
+    EXPECT_LT(r, 0);
+    EXPECT_TRUE(capture::Contains("Can't write data to fd", 4));
+    EXPECT_EQ(sender.IsQueuedData(2), int(next.size()));  // the big chunk is lost, the next one kept
 }

@@ -1,8 +1,11 @@
 #include <linnet/qtcpsocket.h>
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <string>
@@ -208,4 +211,110 @@ TEST(QueuedTcpSocket, AConnectionEndQueuesOneCloseMarkerHoweverOftenProcessRuns)
     c.q.Process(POLL_READ, &status);
     EXPECT_EQ(c.q.Read(buf, sizeof buf), QTCPSOCK_CLOSE_SIZE);
     EXPECT_EQ(c.q.Read(buf, sizeof buf), 0);
+}
+
+// Cutting the front of a chunk keeps its array: every way the chunk can
+// leave the queue afterwards must still release (or hand over) that array.
+TEST(SocketQueue, DroppedFrontKeepsTheRestInPlaceForEveryWayOut) {
+    ProbeQueue q;
+    char text[] = "abcdefgh";
+    const unsigned char* front = nullptr;
+    EXPECT_EQ(q.Front(&front), 0);
+    EXPECT_TRUE(front == nullptr);
+    EXPECT_EQ(q.DropFront(3), 0);  // empty queue: nothing to drop
+    EXPECT_EQ(q.DropFront(-1), -22);
+
+    // One chunk cut: it is head and tail; a chunk appended later follows it.
+    q.PutBack(text, 8, 1);
+    EXPECT_EQ(q.DropFront(0), 8);
+    EXPECT_EQ(q.DropFront(3), 5);
+    EXPECT_EQ(q.DropFront(1), 4);  // a second cut of the same chunk
+    EXPECT_EQ(q.Front(&front), 4);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(front), 4), "efgh");
+    EXPECT_TRUE(q.head() == q.tail());
+    q.PutBack("xy", 2);
+    EXPECT_EQ(q.Size(), 6);
+    char out[8] = {};
+    void* at = out;
+    EXPECT_EQ(q.Get(&at, 1), 4);  // copied out, its whole array released
+    EXPECT_EQ(std::string(out, 4), "efgh");
+    EXPECT_EQ(q.Get(&at, 1), 2);
+    EXPECT_EQ(std::string(out, 2), "xy");
+    EXPECT_TRUE(q.head() == nullptr && q.tail() == nullptr);
+
+    // Handed over after a cut: an array the caller can delete[], rest first.
+    q.PutBack(text, 8, 1);
+    q.DropFront(5);
+    void* handed = nullptr;
+    EXPECT_EQ(q.Get(&handed, 0), 3);
+    EXPECT_EQ(std::string(static_cast<char*>(handed), 3), "fgh");
+    delete[] static_cast<unsigned char*>(handed);  // ASan: must be the array's start
+
+    // Cleared after a cut: the owned array freed (LeakSanitizer), the
+    // caller's own buffer left to the caller.
+    q.PutBack(text, 8, 1);
+    q.DropFront(2);
+    unsigned char* mine = new unsigned char[6]{1, 2, 3, 4, 5, 6};
+    q.PutBack(mine, 6, 0);
+    q.DropFront(8);  // drop more than the first chunk holds: the chunk only
+    EXPECT_EQ(q.Front(&front), 6);
+    q.DropFront(4);
+    EXPECT_EQ(q.Front(&front), 2);
+    EXPECT_EQ(front[0], 5);
+    q.Clear();
+    mine[0] = 9;  // still ours: ASan stops here on a use after free
+    delete[] mine;
+
+    // The caller's buffer cut and then taken with a copy is released by the
+    // queue, from its start, as an uncut one would be.
+    q.PutBack(new unsigned char[4]{7, 8, 9, 10}, 4, 0);
+    q.DropFront(1);
+    EXPECT_EQ(q.Get(&at, 1), 3);
+    EXPECT_EQ(out[0], 8);
+}
+
+// One chunk far larger than the socket takes at once: it leaves in many
+// partial sends, each sent from where the last one ended. After every
+// partial send the peer (reading 1 byte, then 10, then larger steps) gets
+// exactly the bytes the first chunk no longer reports, and the whole
+// arrives byte-exact, the next chunk after it.
+TEST(QueuedTcpSocket, LargeChunkLeavesInPartialSendsWithItsRestReportedExactly) {
+    const size_t total = (size_t(16) << 20) / size_t(testnet::Scale());
+    Connected c;
+    std::string big = testdata::RandomBytes(total, 17), tail = "next chunk";
+    ASSERT_EQ(c.q.Write(&big[0], int(big.size())), int(big.size()));
+    ASSERT_EQ(c.q.Write(&tail[0], int(tail.size())), int(tail.size()));
+    const timeval patience = {5, 0};  // a reader waiting for bytes never sent fails, not hangs
+    ASSERT_EQ(::setsockopt(c.p.server.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience), 0);
+    std::string got;
+    got.reserve(total + tail.size());
+    const size_t steps[] = {1, 10, 4096, 65536};
+    size_t step = 0;
+    int partial_sends = 0;
+    const auto deadline = testnet::Clock::now() + std::chrono::seconds(60);
+    char buf[65536];
+    while (c.q.IsQueuedData(2) == int(total - got.size()) && testnet::Clock::now() < deadline) {
+        int status = -1;
+        ASSERT_EQ(c.q.Poll(POLL_WRITE, 5, 0), POLL_WRITE);
+        c.q.Process(POLL_WRITE, &status);
+        ASSERT_EQ(status, 0);
+        const int rest = c.q.IsQueuedData(2);
+        if (rest == 0 || rest == int(tail.size())) break;  // the large chunk is gone
+        ++partial_sends;
+        // What left the queue is exactly what the peer can now read.
+        const size_t expect = total - size_t(rest);
+        const int quick = 1;  // acknowledge at once: the sender waits for room, not for a timer
+        ::setsockopt(c.p.server.get(), IPPROTO_TCP, TCP_QUICKACK, &quick, sizeof quick);
+        while (got.size() < expect && testnet::Clock::now() < deadline) {
+            const size_t want = std::min(steps[std::min(step++, size_t(3))], expect - got.size());
+            const ssize_t r = ::recv(c.p.server.get(), buf, want, 0);
+            ASSERT_GT(r, 0);
+            got.append(buf, size_t(r));
+        }
+        ASSERT_EQ(got.size(), expect);
+        ASSERT_EQ(::recv(c.p.server.get(), buf, 1, MSG_DONTWAIT), -1);  // and no byte more
+    }
+    EXPECT_GT(partial_sends, 1);
+    const std::string rest = SendAll(&c.q, c.p.server.get(), total + tail.size() - got.size());
+    EXPECT_TRUE(got + rest == big + tail);
 }

@@ -6,6 +6,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <map>
+#include <memory>
+#include <vector>
+
 #include <linnet/tcpsocket.h>
 
 #include "capture_host.h"
@@ -141,4 +145,87 @@ TEST(SockGroup, UnlimitedWaitWithNoDescriptorAtAllFailsAtOnce) {
     // A limited wait still takes its time and times out, as before.
     EXPECT_EQ(g.Poll(0, 100000), 0);
     EXPECT_GE(testnet::SecondsSince(t0), 0.09);
+}
+
+// One group of members on descriptors below FD_SETSIZE (select), one of
+// aliases on duplicates of the same descriptors above it (poll): the same
+// interests must give the same count and the same bits, member by member.
+TEST(SockGroup, SelectAndPollPathsGiveTheSameAnswersForTheSameMembers) {
+    if (!testnet::RaiseFdLimit(FD_SETSIZE + 400)) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE above the select limit";
+    Member readable(false), quiet(false), urgent(false);
+    readable.Send();
+    urgent.Send(MSG_OOB);
+    TCPSocket never_opened;
+    struct Interest {
+        int fd;
+        int events;
+    };
+    const Interest table[] = {
+        {readable.fd, POLL_READ},
+        {readable.fd, POLL_READ | POLL_WRITE},  // the same descriptor twice: counted once per set
+        {readable.fd, 0},                       // ready, but asks for nothing
+        {quiet.fd, POLL_READ},                  // nothing to read
+        {quiet.fd, POLL_WRITE | POLL_EXCEPT},
+        {urgent.fd, POLL_EXCEPT},
+        {urgent.fd, POLL_READ | POLL_WRITE | POLL_EXCEPT},
+        {-1, POLL_READ},                        // no descriptor
+    };
+    const size_t rows = sizeof table / sizeof table[0];
+    std::vector<std::unique_ptr<Alias>> low, high;
+    std::map<int, int> high_fds;  // one duplicate per descriptor
+    CSockGroup select_group, poll_group;
+    for (const Interest& row : table) {
+        int dup = -1;
+        if (row.fd >= 0) {
+            if (high_fds.count(row.fd) == 0)
+                high_fds[row.fd] = ::fcntl(row.fd, F_DUPFD_CLOEXEC, FD_SETSIZE + 100);
+            dup = high_fds[row.fd];
+            ASSERT_GE(dup, FD_SETSIZE);
+        }
+        low.emplace_back(new Alias(row.fd));
+        high.emplace_back(new Alias(dup));
+        ASSERT_EQ(select_group.Add(low.back().get(), row.events), 0);
+        ASSERT_EQ(poll_group.Add(high.back().get(), row.events), 0);
+    }
+    const int on_select = select_group.Poll(1, 0);
+    const int on_poll = poll_group.Poll(1, 0);
+    EXPECT_EQ(on_select, 5);  // per set: read 1, write 3, except 1
+    EXPECT_EQ(on_poll, on_select);
+    for (size_t i = 0; i < rows; ++i) {
+        EXPECT_EQ(high[i]->GetState(), low[i]->GetState()) << "row " << i;
+        EXPECT_EQ(low[i]->GetState() & ~table[i].events, 0) << "row " << i;
+    }
+    EXPECT_EQ(low[0]->GetState(), POLL_READ);
+    EXPECT_EQ(low[1]->GetState(), POLL_READ | POLL_WRITE);
+    EXPECT_EQ(low[3]->GetState(), 0);
+    EXPECT_EQ(low[5]->GetState(), POLL_EXCEPT);
+    for (const auto& fds : high_fds) ::close(fds.second);
+}
+
+// Members that have descriptors but all ask for nothing leave nothing that
+// could end an unlimited wait: -9 at once, on either path; a limited wait
+// still takes its time.
+TEST(SockGroup, UnlimitedWaitWithNoEventAskedFailsAtOnce) {
+    const bool high_ok = testnet::RaiseFdLimit(FD_SETSIZE + 400);
+    for (bool high : {false, true}) {
+        if (high && !high_ok) continue;
+        Member a(high), b(high);
+        a.Send();  // readable, but nobody asks
+        CSockGroup g;
+        g.Add(&a.sock, 0);
+        g.Add(&b.sock, 0);
+        capture::Scope log;
+        const auto t0 = testnet::Clock::now();
+        EXPECT_EQ(g.Poll(-1, 0), -9) << (high ? "poll path" : "select path");
+        EXPECT_LT(testnet::SecondsSince(t0), 1.0);
+        EXPECT_TRUE(capture::Contains("nothing to wait for in socket group", 3));
+        EXPECT_EQ(a.sock.GetState(), 0);
+        const auto t1 = testnet::Clock::now();
+        EXPECT_EQ(g.Poll(0, 100000), 0);
+        EXPECT_GE(testnet::SecondsSince(t1), 0.09);
+        // One member asking for something is enough to wait on.
+        g.Add(&a.sock, POLL_READ);
+        EXPECT_EQ(g.Poll(-1, 0), 1);
+        EXPECT_EQ(a.sock.GetState(), POLL_READ);
+    }
 }

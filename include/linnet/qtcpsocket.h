@@ -34,12 +34,16 @@ const int QTCPSOCK_CLOSE_SIZE = 15;
 class LINNET_API SocketQueue {
 public:
     // One chunk; nodes are allocated with malloc and released with free.
+    // A chunk whose front was dropped (DropFront) keeps its array: data then
+    // points inside it, owned has the bit kFrontDropped, and the array's
+    // start is kept by the queue beside the node.
     struct Node {
         unsigned char* data;
         std::int32_t size;
-        std::uint8_t owned;  // 1 when the queue allocated data (array new)
+        std::uint8_t owned;  // bit 1: the queue allocated data (array new)
         Node* next;
     };
+    enum : std::uint8_t { kOwned = 1, kFrontDropped = 2 };  // bits of Node::owned
 
     SocketQueue();
     // Clear().
@@ -63,6 +67,16 @@ public:
     // pointer and the caller owns it. Either way the head is then removed.
     // -1, nothing taken, when copy is asked into a null *out while n > 0.
     int Get(void** out, int copy);
+    // The first chunk, left queued: its size (0 when empty), and *data (when
+    // data is not null) its bytes, or null when the queue is empty.
+    int Front(const unsigned char** data) const;
+    // Drops the first n bytes of the first chunk without copying the rest,
+    // which stays the first chunk (Get, Size and a peek see only the rest;
+    // Get(out, 0) hands the chunk's own array with the rest moved to its
+    // start). n at or above the chunk's size takes the whole chunk, its data
+    // array-deleted as Get(out, 1) does. Returns what is left of the first
+    // chunk (0 when it was taken or the queue is empty); -22 for a negative n.
+    int DropFront(int n);
     // Sum of the chunk sizes (0 when empty; at most INT_MAX).
     int Size();
     // True when no chunk is queued (a queue of empty chunks is not empty).
@@ -109,18 +123,20 @@ public:
     // Adopts a connected descriptor like TCPSocket::OpenFD(fd, 0), then sets
     // the kernel buffers as Open does: 0 or OpenFD's negative code.
     int OpenFD(int fd);
-    // Takes exactly len bytes across chunk borders; a chunk cut in two has
-    // its rest put back at the front. Returns len; the total queued when it
-    // is 0 or buf is null; -1 when fewer than len bytes are queued, -22 for
-    // a negative len, nothing taken; -2 when the scratch buffer for a cut chunk
-    // cannot be had (the whole chunks already copied stay taken).
+    // Takes exactly len bytes across chunk borders; a chunk cut in two keeps
+    // its rest first in the queue (not copied again). Returns len; the total
+    // queued when it is 0 or buf is null; -1 when fewer than len bytes are
+    // queued, -22 for a negative len, nothing taken.
+    // Stricter: a cut needs no scratch buffer, so there is no -2 (it used to
+    // come when that buffer could not be had, whole chunks already taken).
     int ReadBlock(void* buf, int len);
     // which 1: size of the first input chunk; 2: of the first output chunk;
     // otherwise 0. Chunk sizes, not totals.
     int IsQueuedData(int which);
     // One transfer step. events 2 (POLL_WRITE): send the output queue
     // through TCPSocket::Write until it is empty or the socket takes only
-    // part of a chunk, whose unsent tail goes back to the front. events 1
+    // part of a chunk, whose unsent tail stays first (sent from in place, its
+    // sent front dropped: a large chunk costs linear time). events 1
     // (POLL_READ): one TCPSocket::Read of up to rcvSize_ bytes, queued as
     // one input chunk. *status (when not null) is set to 0, then gets 2 when
     // the send failed (the chunk being sent is lost, the receive phase is

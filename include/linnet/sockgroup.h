@@ -44,10 +44,13 @@ public:
     // readable and writable counts 2); 0 on time-out, on an interrupted wait
     // and for an empty group (no wait at all); -errno when the wait fails
     // (-9 for a closed descriptor, -22 for a negative time). With seconds -1
-    // and no member holding a descriptor, -9 at once (level-3 line) instead
-    // of a wait nothing can end. A member only ever gets the bits it asked
-    // for; after a 0 or failure all state_ are 0.
-    // Stricter: Poll(-1, ...) with no descriptor is -9; it used to wait for ever.
+    // and nothing to wait for (no member that has a descriptor asks for
+    // any event), -9 at once (level-3 line) instead of a wait nothing can
+    // end. A member only ever gets the bits it asked for; after a 0 or
+    // failure all state_ are 0. The wait is the one a single socket's Poll
+    // makes: select below FD_SETSIZE, poll(2) above, the same answers.
+    // Stricter: Poll(-1, ...) with nothing to wait for is -9; it used to
+    // wait for ever.
     int Poll(int seconds, int microseconds);
     // s's state_ from the last poll; -1 when the group is empty; -2 when s
     // is not a member (a null s is simply not found).

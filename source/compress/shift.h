@@ -4,20 +4,14 @@
 #define LINNET_SOURCE_COMPRESS_SHIFT_H
 
 #include <cstring>
-#include <memory>
 
 namespace linnet {
 namespace compress {
 
 // Moves the `rest` bytes that follow the first `taken` bytes of `buf` to its
-// start, through a temporary copy (made even when the rest is empty) rather
-// than an overlapping move.
+// start: one move within the buffer (the ranges may overlap), no allocation.
 inline void shift_to_front(char* buf, int taken, int rest) {
-    std::unique_ptr<char[]> tmp(new char[rest > 0 ? rest : 0]);
-    if (rest > 0) {
-        std::memcpy(tmp.get(), buf + taken, static_cast<size_t>(rest));
-        std::memcpy(buf, tmp.get(), static_cast<size_t>(rest));
-    }
+    if (rest > 0 && taken > 0) std::memmove(buf, buf + taken, static_cast<size_t>(rest));
 }
 
 }  // namespace compress

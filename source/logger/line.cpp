@@ -44,53 +44,52 @@ const char* as_format(const char* text, std::size_t len, char* out) {
     return out;
 }
 
+namespace {
+
+// "function: [file:line]" into out (256 bytes), cut at 255 characters.
+// Built by hand: snprintf costs more than the rest of a message.
+void locate(const char* function, const char* file, int line, char* out) {
+    const std::size_t cap = 255;
+    std::size_t n = 0;
+    auto put = [out, &n](const char* s, std::size_t len) {
+        const std::size_t room = cap - n;
+        if (len > room) len = room;
+        std::memcpy(out + n, s, len);
+        n += len;
+    };
+    put(function, std::strlen(function));
+    put(": [", 3);
+    put(file, std::strlen(file));
+    put(":", 1);
+    char digits[24];
+    char* const end = digits + sizeof digits;
+    const char* start = render_signed(line, end);
+    put(start, static_cast<std::size_t>(end - start));
+    put("]", 1);
+    out[n] = '\0';
+}
+
+}  // namespace
+
+Origin::Origin(const char* function, const char* file, int line) : function_(function) {
+    locate(function, file, line, located_);
+}
+
 Line::~Line() {
     text_[len_] = '\0';
     char escaped[2 * sizeof text_];
-    const char* format = as_format(text_, len_, escaped);
+    const char* format = has_percent_ ? as_format(text_, len_, escaped) : text_;
+    if (origin_ != nullptr) {
+        _debug(level_ <= 3 ? origin_->function() : origin_->located(), level_, format);
+        return;
+    }
     if (level_ <= 3) {
         _debug(function_, level_, format);
         return;
     }
-    // "function: [file:line]", cut at 255 characters. Built by hand: this
-    // runs for every trace message, and snprintf costs more than the rest
-    // of the message.
     char origin[256];
-    std::size_t n = 0;
-    auto put = [&origin, &n](const char* s, std::size_t len) {
-        const std::size_t room = sizeof origin - 1 - n;
-        if (len > room) len = room;
-        std::memcpy(origin + n, s, len);
-        n += len;
-    };
-    put(function_, std::strlen(function_));
-    put(": [", 3);
-    put(file_, std::strlen(file_));
-    put(":", 1);
-    char digits[24];
-    char* const end = digits + sizeof digits;
-    const char* start = render_signed(line_, end);
-    put(start, static_cast<std::size_t>(end - start));
-    put("]", 1);
-    origin[n] = '\0';
+    locate(function_, file_, line_, origin);
     _debug(origin, level_, format);
-}
-
-Line& Line::append(const char* s, std::size_t n) {
-    if (failed_) return *this;
-    const std::size_t room = sizeof text_ - 1 - len_;
-    if (n > room) n = room;
-    std::memcpy(text_ + len_, s, n);
-    len_ += n;
-    return *this;
-}
-
-Line& Line::operator<<(const char* s) {
-    if (s == nullptr) {
-        failed_ = true;  // as std::ostream sets badbit
-        return *this;
-    }
-    return append(s, std::strlen(s));
 }
 
 Line& Line::signed_value(long long v) {

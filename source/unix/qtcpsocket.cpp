@@ -105,21 +105,15 @@ int QueuedTCPSocket::ReadBlock(void* buf, int len) {
 
     unsigned char* dest = static_cast<unsigned char*>(buf);
     int got = 0;
-    int chunk = inQueue_->Get(nullptr, 0);
-    while (got + chunk <= len) {
-        void* at = dest + got;
-        got += inQueue_->Get(&at, 1);
-        if (got == len) return len;
-        chunk = inQueue_->Get(nullptr, 0);
+    while (got < len) {
+        const unsigned char* data = nullptr;
+        const int chunk = inQueue_->Front(&data);
+        // A chunk longer than what is missing is cut: its rest stays first.
+        const int take = chunk < len - got ? chunk : len - got;
+        if (take > 0 && data != nullptr) std::memcpy(dest + got, data, static_cast<size_t>(take));
+        got += take;
+        inQueue_->DropFront(take);
     }
-    // The first chunk is longer than what is missing: cut it.
-    void* scratch = std::malloc(static_cast<size_t>(chunk));
-    if (scratch == nullptr) return -2;
-    inQueue_->Get(&scratch, 1);
-    const int missing = len - got;
-    std::memcpy(dest + got, scratch, static_cast<size_t>(missing));
-    inQueue_->PutFront(static_cast<unsigned char*>(scratch) + missing, chunk - missing, 1);
-    std::free(scratch);
     return len;
 }
 
@@ -136,35 +130,31 @@ int QueuedTCPSocket::Close() {
 }
 
 int QueuedTCPSocket::SendQueued(std::int32_t now, int* sent) {
-    while (!outQueue_->Empty()) {
-        const int n = outQueue_->Get(nullptr, 0);
+    // Straight from the first chunk; what the socket did not take stays
+    // there, its sent front dropped without copying the rest.
+    for (;;) {
+        const unsigned char* data = nullptr;
+        const int n = outQueue_->Front(&data);
+        if (outQueue_->Empty()) return 0;
         if (n == 0) {  // an empty chunk: nothing to send, drop it
-            unsigned char none = 0;
-            void* at = &none;
-            outQueue_->Get(&at, 1);
+            outQueue_->DropFront(0);
             continue;
         }
-        void* buffer = std::malloc(static_cast<size_t>(n));
-        if (buffer == nullptr) return 0;  // the chunk stays queued for a later call
-        outQueue_->Get(&buffer, 1);
-        const int w = TCPSocket::Write(buffer, n);
+        // The plain socket's write itself (a const pointer would reach
+        // the template, whose virtual call queues the bytes again).
+        const int w = TCPSocket::Write(const_cast<unsigned char*>(data), n);
         if (w < 0) {
             LOG_STREAM_AS("Process", 4) << "Can't write data to fd " << fd_;
-            std::free(buffer);  // the chunk is lost
+            outQueue_->DropFront(n);  // the chunk is lost
             return w;
         }
         if (w > 0) {
             lastWriteTime_ = now;
             *sent = *sent > INT_MAX - w ? INT_MAX : *sent + w;
         }
-        if (w < n) {
-            outQueue_->PutFront(static_cast<unsigned char*>(buffer) + w, n - w, 1);
-            std::free(buffer);
-            return 0;
-        }
-        std::free(buffer);
+        outQueue_->DropFront(w);
+        if (w < n) return 0;
     }
-    return 0;
 }
 
 bool QueuedTCPSocket::ReceiveOnce(std::int32_t now, int* result) {

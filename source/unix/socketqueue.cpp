@@ -29,6 +29,20 @@ SocketQueue::Node* MakeNode(void* data, int size, int copy) {
     return node;
 }
 
+// A chunk whose front was dropped: the node as hosts see it, then the start
+// of its array (what delete[] needs). Only ever reached through a node whose
+// owned has kFrontDropped, so nodes a derived class made itself are never
+// read beyond their end.
+struct CutNode {
+    SocketQueue::Node node;
+    unsigned char* base;
+};
+
+unsigned char* ArrayOf(const SocketQueue::Node* node) {
+    if (node->owned & SocketQueue::kFrontDropped) return reinterpret_cast<const CutNode*>(node)->base;
+    return node->data;
+}
+
 }  // namespace
 
 SocketQueue::SocketQueue() : head_(nullptr), tail_(nullptr) {}
@@ -67,7 +81,13 @@ int SocketQueue::Get(void** out, int copy) {
         if (n > 0 && node->data != nullptr) std::memcpy(*out, node->data, static_cast<size_t>(n));
         // Released whoever allocated it: a chunk put without copying is
         // taken to be an array-new buffer handed over to the queue.
-        delete[] node->data;
+        delete[] ArrayOf(node);
+    } else if (node->owned & kFrontDropped) {
+        // The caller gets an array it can delete[]: the chunk's own, with
+        // the rest moved to its start (once, when the chunk leaves).
+        unsigned char* base = ArrayOf(node);
+        if (n > 0) std::memmove(base, node->data, static_cast<size_t>(n));
+        *out = base;
     } else {
         *out = node->data;
     }
@@ -75,6 +95,50 @@ int SocketQueue::Get(void** out, int copy) {
     if (head_ == nullptr) tail_ = nullptr;
     std::free(node);
     return n;
+}
+
+int SocketQueue::Front(const unsigned char** data) const {
+    if (data != nullptr) *data = head_ != nullptr ? head_->data : nullptr;
+    return head_ != nullptr ? head_->size : 0;
+}
+
+int SocketQueue::DropFront(int n) {
+    if (n < 0) return -22;
+    Node* node = head_;
+    if (node == nullptr) return 0;
+    if (n >= node->size) {
+        head_ = node->next;
+        if (head_ == nullptr) tail_ = nullptr;
+        delete[] ArrayOf(node);  // as Get(out, 1) releases a chunk
+        std::free(node);
+        return 0;
+    }
+    if (n == 0) return node->size;
+    if (node->data == nullptr) {  // a chunk put without bytes has none to keep
+        node->size -= n;
+        return node->size;
+    }
+    if (!(node->owned & kFrontDropped)) {
+        // First cut of this chunk: the node grows by the array's start.
+        CutNode* cut = static_cast<CutNode*>(std::malloc(sizeof(CutNode)));
+        if (cut == nullptr) {
+            // No room for the larger node: move the rest to the array's
+            // start instead (a copy, but nothing lost and nothing leaked).
+            std::memmove(node->data, node->data + n, static_cast<size_t>(node->size - n));
+            node->size -= n;
+            return node->size;
+        }
+        cut->node = *node;
+        cut->node.owned = static_cast<std::uint8_t>(node->owned | kFrontDropped);
+        cut->base = node->data;
+        if (tail_ == node) tail_ = &cut->node;
+        head_ = &cut->node;
+        std::free(node);
+        node = head_;
+    }
+    node->data += n;
+    node->size -= n;
+    return node->size;
 }
 
 int SocketQueue::Size() {
@@ -87,7 +151,7 @@ void SocketQueue::Clear() {
     while (head_ != nullptr) {
         Node* node = head_;
         head_ = node->next;
-        if (node->owned) delete[] node->data;
+        if (node->owned & kOwned) delete[] ArrayOf(node);
         std::free(node);
     }
     tail_ = nullptr;
