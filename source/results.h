@@ -61,6 +61,9 @@ constexpr int kStep4 = -4;
 
 }  // namespace result
 
+// A raw system call's own failure value, which comes with errno.
+constexpr int kSystemFailure = -1;
+
 // The value of a descriptor member that holds none.
 constexpr int kNoFd = -1;
 // A time (milliseconds) that is not set: no deadline, no pause.

@@ -7,18 +7,21 @@
 #include <vector>
 
 #include "logger/log.h"
+#include "results.h"
 #include "sockops.h"
 
 static const char kLogFile[] = "source/sockgroup";
 
+namespace result = linnet::result;
+
 int CSockGroup::Add(NonBlockSocket* s) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return -1;
+        return result::kStep1;
     }
     if (std::find(socks_.begin(), socks_.end(), s) != socks_.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " exists in group";
-        return -2;
+        return result::kStep2;
     }
     socks_.push_back(s);
     return 0;
@@ -27,7 +30,7 @@ int CSockGroup::Add(NonBlockSocket* s) {
 int CSockGroup::Add(NonBlockSocket* s, int events) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return -1;
+        return result::kStep1;
     }
     s->SetEvents(events);
     return Add(s);
@@ -36,12 +39,12 @@ int CSockGroup::Add(NonBlockSocket* s, int events) {
 int CSockGroup::Remove(NonBlockSocket* s) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return -1;
+        return result::kStep1;
     }
     const auto it = std::find(socks_.begin(), socks_.end(), s);
     if (it == socks_.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " not found in group";
-        return -2;
+        return result::kStep2;
     }
     socks_.erase(it);
     return 0;
@@ -57,7 +60,7 @@ int CSockGroup::Poll(int seconds, int microseconds) {
     timeval tv;
     tv.tv_sec = seconds;
     tv.tv_usec = microseconds;
-    const timeval* timeout = seconds == -1 ? nullptr : &tv;
+    const timeval* timeout = seconds == linnet::kWaitForever ? nullptr : &tv;
     if (timeout == nullptr)
         LOG_STREAM(11) << "polling socket group (time unlimited)";
     else
@@ -79,7 +82,7 @@ int CSockGroup::Poll(int seconds, int microseconds) {
     const int n = linnet::sys::wait_ready(socks_.begin(), socks_.end(), members, timeout);
     if (n == linnet::sys::kNothingToWaitFor) {
         LOG_STREAM(3) << "nothing to wait for in socket group: no member with a descriptor asks for events";
-        return -9;
+        return result::kNothingToWaitFor;
     }
     if (n < 0) {
         const int err = errno;
@@ -88,7 +91,7 @@ int CSockGroup::Poll(int seconds, int microseconds) {
             return 0;
         }
         LOG_STREAM(11) << "select failed (errno " << err << "), exiting";
-        return err != 0 ? -err : -1;
+        return linnet::sys::failure(err);
     }
     if (n == 0) LOG_STREAM(11) << "nothing is ready in socket group";
     return n;
@@ -97,12 +100,12 @@ int CSockGroup::Poll(int seconds, int microseconds) {
 int CSockGroup::GetState(NonBlockSocket* s) {
     if (socks_.empty()) {
         LOG_STREAM(11) << "socket group empty";
-        return -1;
+        return result::kStep1;
     }
     const auto it = std::find(socks_.begin(), socks_.end(), s);
     if (it == socks_.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " not found in group";
-        return -2;
+        return result::kStep2;
     }
     return (*it)->state_;
 }

@@ -1,3 +1,4 @@
+#include "results.h"
 #include "sockops.h"
 
 #include <linnet/socket.h>
@@ -105,7 +106,7 @@ int PollSet::wait(const timeval* timeout) {
     if (timeout != nullptr) {
         if (timeout->tv_sec < 0 || timeout->tv_usec < 0) {
             errno = EINVAL;  // as select answers a negative time-out
-            return -1;
+            return kSystemFailure;
         }
         ts.tv_sec = timeout->tv_sec + timeout->tv_usec / 1000000;
         ts.tv_nsec = (timeout->tv_usec % 1000000) * 1000;
@@ -117,7 +118,7 @@ int PollSet::wait(const timeval* timeout) {
         if (fds_[k].revents & POLLNVAL) {
             errno = EBADF;  // select refuses a closed descriptor the same way
             for (std::size_t j = 0; j < size_; ++j) fds_[j].revents = 0;
-            return -1;
+            return kSystemFailure;
         }
     return n;
 }

@@ -9,10 +9,12 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
+#include "results.h"
 
 namespace linnet {
 namespace sys {
@@ -20,8 +22,16 @@ namespace sys {
 // The library's code for a failed call: -errno (or the errno value saved
 // in `err`), or -1 when it is 0 so that a failure is never reported as
 // success. The one place where an errno becomes a result.
-inline int failure(int err) { return err != 0 ? -err : -1; }
+inline int failure(int err) { return err != 0 ? -err : result::kFailed; }
 inline int failure() { return failure(errno); }
+
+// Microseconds on the monotonic clock: what the library's own time-outs
+// measure, unmoved by changes of the wall clock.
+inline long long monotonic_us() {
+    timespec ts;
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
 
 // An IPv4 socket address: `ip` in network byte order, copied as it is;
 // `port` in host byte order.
@@ -63,7 +73,7 @@ const linger kLingerOneSecond = {1, 1};
 // When every descriptor is below FD_SETSIZE the wait is one select();
 // otherwise one ppoll() with the same answers, so no fd_set is ever indexed
 // out of range. After a result <= 0 every item's ready is 0.
-const int kNothingToWaitFor = -2;
+const int kNothingToWaitFor = result::kStep2;
 
 // The three select sets of one wait.
 class SelectSets {
@@ -114,7 +124,7 @@ public:
         if (events & 0x4) ev |= POLLPRI;
         // An entry asking for nothing is in no select set: poll ignores a
         // negative fd, so it cannot report POLLNVAL or POLLHUP for it.
-        fds_[size_++] = pollfd{ev != 0 && fd >= 0 ? fd : -1, ev, 0};
+        fds_[size_++] = pollfd{ev != 0 && fd >= 0 ? fd : kNoFd, ev, 0};
         return true;
     }
     // -1 with EBADF (every answer dropped) when a descriptor is not open.
@@ -158,7 +168,7 @@ int wait_ready(It first, It last, Access& access, const timeval* timeout) {
     }
     if (short_of_memory) {
         errno = ENOMEM;
-        return -1;
+        return kSystemFailure;
     }
     if (!anything && timeout == nullptr) return kNothingToWaitFor;
     if (!beyond) {
@@ -198,17 +208,17 @@ int wait_ready(WaitItem* items, std::size_t count, const timeval* timeout);
 // once, on every exit.
 class ScopedFd {
 public:
-    explicit ScopedFd(int fd = -1) : fd_(fd) {}
+    explicit ScopedFd(int fd = kNoFd) : fd_(fd) {}
     ~ScopedFd() { reset(); }
     ScopedFd(const ScopedFd&) = delete;
     ScopedFd& operator=(const ScopedFd&) = delete;
     int get() const { return fd_; }
     int release() {
         const int f = fd_;
-        fd_ = -1;
+        fd_ = kNoFd;
         return f;
     }
-    void reset(int fd = -1) {
+    void reset(int fd = kNoFd) {
         if (fd_ >= 0) ::close(fd_);
         fd_ = fd;
     }

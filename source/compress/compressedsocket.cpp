@@ -4,24 +4,22 @@
 #include <climits>
 #include "compress/shift.h"
 #include "logger/log.h"
+#include "results.h"
+#include "sockops.h"
 
 static const char kLogFile[] = "source/compress/compressedsocket";
+
+namespace result = linnet::result;
 
 namespace {
 
 // -255: this class's own code for a call made in the wrong state.
-const int kWrongState = -255;
+const int kWrongState = linnet::result::kWrongState;
 
 // How long a flush may go without a byte leaving before it gives up: a
 // user's FullFlush, and the final flush of switching off (the linger time).
 const long long kFullFlushWaitUs = 5000000;
 const long long kFinalFlushWaitUs = 1000000;
-
-long long monotonic_us() {
-    timespec ts;
-    ::clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
-}
 
 // Sync-flushes `c` and sends its output through s's plain TCP write,
 // waiting for room in s's own descriptor Poll (a real wait, never a
@@ -30,7 +28,7 @@ long long monotonic_us() {
 // or Poll's negative code.
 int drain(CompressedTCPSocket* s, CStreamCompressor* c, long long limit_us) {
     c->Flush();
-    long long deadline = monotonic_us() + limit_us;
+    long long deadline = linnet::sys::monotonic_us() + limit_us;
     for (;;) {
         char* p = nullptr;
         const int pending = c->TryRead(&p);
@@ -39,11 +37,11 @@ int drain(CompressedTCPSocket* s, CStreamCompressor* c, long long limit_us) {
         if (w < 0) return w;
         if (w > 0) {
             c->ConfirmRead(w);
-            deadline = monotonic_us() + limit_us;
+            deadline = linnet::sys::monotonic_us() + limit_us;
             continue;
         }
-        const long long left = deadline - monotonic_us();
-        if (left <= 0) return -110;
+        const long long left = deadline - linnet::sys::monotonic_us();
+        if (left <= 0) return linnet::result::kTimedOut;
         const int r = s->NonBlockSocket::Poll(POLL_WRITE, static_cast<int>(left / 1000000),
                                               static_cast<int>(left % 1000000));
         if (r < 0) return r;
@@ -118,7 +116,7 @@ int CompressedTCPSocket::Write(void* buf, int len) {
     if (!compressionOn_) return TCPSocket::Write(buf, len);
     if (len < 0) {
         LOG_STREAM(3) << "write of negative length " << len << " on fd_ " << fd_;
-        return -22;
+        return result::kBadLength;
     }
     const int accepted = compressor_->Write(static_cast<char*>(buf), len);
     // Send straight from the slab while the socket takes anything.
@@ -138,7 +136,7 @@ int CompressedTCPSocket::Read(void* buf, int len) {
     if (!compressionOn_) return TCPSocket::Read(buf, len);
     if (len < 0) {
         LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
-        return -22;
+        return result::kBadLength;
     }
     // The fill count never lies outside the buffer.
     const int capacity = RawCapacity();
@@ -217,7 +215,7 @@ int CompressedTCPSocket::FullFlush() {
         return kWrongState;
     }
     const int r = drain(this, compressor_, kFullFlushWaitUs);
-    if (r == -110) LOG_STREAM(11) << "full flush made no progress on fd_ " << fd_ << ", exiting";
+    if (r == result::kTimedOut) LOG_STREAM(11) << "full flush made no progress on fd_ " << fd_ << ", exiting";
     return r;
 }
 

@@ -8,17 +8,20 @@
 #include <string>
 
 #include "logger/log.h"
+#include "results.h"
 
 static const char kLogFile[] = "source/unix/qfiletransf";
+
+namespace result = linnet::result;
 
 CQueuedFileTransf::CQueuedFileTransf(unsigned char mode, unsigned buf_size)
     : QueuedTCPSocket(buf_size, buf_size), mode_(mode), path_(), file_() {}
 
 CQueuedFileTransf::~CQueuedFileTransf() { file_.close(); }
 
-int CQueuedFileTransf::Open() { return -1; }
+int CQueuedFileTransf::Open() { return result::kFailed; }
 
-int CQueuedFileTransf::OpenFD(int, unsigned short) { return -1; }
+int CQueuedFileTransf::OpenFD(int, unsigned short) { return result::kFailed; }
 
 int CQueuedFileTransf::Open(const char* path) {
     const std::ios_base::openmode how =
@@ -36,19 +39,19 @@ int CQueuedFileTransf::Open(const char* path) {
 int CQueuedFileTransf::Write(void* buf, int len) {
     if (len < 0) {
         LOG_STREAM(3) << "write of negative length " << len << " to " << std::string(path_, strnlen(path_, sizeof path_));
-        return -22;
+        return result::kBadLength;
     }
-    if (buf == nullptr && len > 0) return -1;
-    return file_.sputn(static_cast<const char*>(buf), len) == len ? 0 : -1;
+    if (buf == nullptr && len > 0) return result::kFailed;
+    return file_.sputn(static_cast<const char*>(buf), len) == len ? 0 : result::kFailed;
 }
 
 int CQueuedFileTransf::Read(void* buf, int len) {
     if (len < 0) {
         LOG_STREAM(3) << "read of negative length " << len << " from " << std::string(path_, strnlen(path_, sizeof path_));
-        return -22;
+        return result::kBadLength;
     }
-    if (buf == nullptr && len > 0) return -1;
-    return file_.sgetn(static_cast<char*>(buf), len) == len ? 0 : -1;
+    if (buf == nullptr && len > 0) return result::kFailed;
+    return file_.sgetn(static_cast<char*>(buf), len) == len ? 0 : result::kFailed;
 }
 
 int CQueuedFileTransf::Close() { return file_.close() != nullptr ? 1 : 0; }
@@ -61,8 +64,8 @@ int CQueuedFileTransf::Process() {
         return w < 0 ? w : sent;
     }
     int r = 0;
-    if (!ReceiveOnce(now, &r)) return -1;
-    if (r < 0 && r != -32) {  // -32 is the end of stream: not an error here
+    if (!ReceiveOnce(now, &r)) return result::kFailed;
+    if (r < 0 && r != result::kEndOfStream) {  // -32 is the end of stream: not an error here
         LOG_STREAM(4) << "Can't read data from FD " << fd_;
         return r;
     }

@@ -7,19 +7,22 @@
 #include <new>
 
 #include "logger/log.h"
+#include "results.h"
 
 static const char kLogFile[] = "source/unix/qtcpsocket";
+
+namespace result = linnet::result;
 
 namespace {
 
 const unsigned kMinBufSize = 1024;
 
-unsigned AtLeastMin(unsigned size) { return size < kMinBufSize ? kMinBufSize : size; }
+unsigned at_least_min(unsigned size) { return size < kMinBufSize ? kMinBufSize : size; }
 
-std::int32_t Now() { return static_cast<std::int32_t>(std::time(nullptr)); }
+std::int32_t now_seconds() { return static_cast<std::int32_t>(std::time(nullptr)); }
 
 // Sizes are kept unsigned; the kernel and read() take an int.
-int AsInt(std::uint32_t size) { return size > INT_MAX ? INT_MAX : static_cast<int>(size); }
+int as_int(std::uint32_t size) { return size > INT_MAX ? INT_MAX : static_cast<int>(size); }
 
 // A life-cycle bit of the library's own in initState_: the close marker of
 // the current connection has been queued. Cleared with the other bits by
@@ -28,7 +31,7 @@ const int kCloseQueued = 0x100;
 
 // Queues the close marker once per connection end, however often the end
 // is met again.
-void QueueCloseMarker(SocketQueue* queue, int* init_state) {
+void queue_close_marker(SocketQueue* queue, int* init_state) {
     if (*init_state & kCloseQueued) return;
     if (queue->PutBack(const_cast<char*>(QTCPSOCK_CLOSE), QTCPSOCK_CLOSE_SIZE, 1) < 0) return;
     *init_state |= kCloseQueued;
@@ -42,10 +45,10 @@ QueuedTCPSocket::QueuedTCPSocket(unsigned rcv_buf_size, unsigned snd_buf_size)
       inQueue_(new SocketQueue),
       sndSize_(0),
       rcvSize_(0),
-      lastReadTime_(Now()),
+      lastReadTime_(now_seconds()),
       lastWriteTime_(lastReadTime_) {
-    rcvSize_ = AtLeastMin(rcv_buf_size);
-    sndSize_ = AtLeastMin(snd_buf_size);
+    rcvSize_ = at_least_min(rcv_buf_size);
+    sndSize_ = at_least_min(snd_buf_size);
 }
 
 QueuedTCPSocket::~QueuedTCPSocket() {
@@ -58,8 +61,8 @@ int QueuedTCPSocket::Open() {
     const int r = TCPSocket::Open();
     if (r < 0) return r;
     initState_ &= ~kCloseQueued;
-    SetSndBufSize(AsInt(sndSize_));
-    SetRcvBufSize(AsInt(rcvSize_));
+    SetSndBufSize(as_int(sndSize_));
+    SetRcvBufSize(as_int(rcvSize_));
     return 0;
 }
 
@@ -67,8 +70,8 @@ int QueuedTCPSocket::OpenFD(int fd) {
     const int r = TCPSocket::OpenFD(fd, 0);
     if (r < 0) return r;
     initState_ &= ~kCloseQueued;
-    SetSndBufSize(AsInt(sndSize_));
-    SetRcvBufSize(AsInt(rcvSize_));
+    SetSndBufSize(as_int(sndSize_));
+    SetRcvBufSize(as_int(rcvSize_));
     return 0;
 }
 
@@ -77,7 +80,7 @@ int QueuedTCPSocket::GetInitState() const { return initState_ & ~kCloseQueued; }
 int QueuedTCPSocket::Write(void* buf, int len) {
     if (len < 0) {
         LOG_STREAM(3) << "write of negative length " << len << " on fd_ " << fd_;
-        return -22;
+        return result::kBadLength;
     }
     return outQueue_->PutBack(buf, len, 1);
 }
@@ -85,22 +88,22 @@ int QueuedTCPSocket::Write(void* buf, int len) {
 int QueuedTCPSocket::Read(void* buf, int len) {
     if (len < 0) {
         LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
-        return -22;
+        return result::kBadLength;
     }
     const int first = inQueue_->Get(nullptr, 0);
     if (buf == nullptr) return first;
-    if (first > len) return -1;
+    if (first > len) return result::kFailed;
     return inQueue_->Get(&buf, 1);
 }
 
 int QueuedTCPSocket::ReadBlock(void* buf, int len) {
     if (len < 0) {
         LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
-        return -22;
+        return result::kBadLength;
     }
     const int total = inQueue_->Size();
     if (total == 0 || buf == nullptr) return total;
-    if (total < len) return -1;
+    if (total < len) return result::kFailed;
     if (len == 0) return 0;
 
     unsigned char* dest = static_cast<unsigned char*>(buf);
@@ -158,7 +161,7 @@ int QueuedTCPSocket::SendQueued(std::int32_t now, int* sent) {
 }
 
 bool QueuedTCPSocket::ReceiveOnce(std::int32_t now, int* result) {
-    int size = AsInt(rcvSize_);
+    int size = as_int(rcvSize_);
     unsigned char* buffer = new (std::nothrow) unsigned char[static_cast<size_t>(size)];
     if (buffer == nullptr) {
         LOG_STREAM_AS("Process", 4) << "Can't allocate " << size << " bytes of memory. Use default buffer.";
@@ -177,16 +180,16 @@ bool QueuedTCPSocket::ReceiveOnce(std::int32_t now, int* result) {
 
 bool QueuedTCPSocket::Process(int events, int* status) {
     if (status != nullptr) *status = 0;
-    const std::int32_t now = Now();
+    const std::int32_t now = now_seconds();
     int sent = 0;
 
     if (events & POLL_WRITE) {
         if (SendQueued(now, &sent) < 0) {
-            QueueCloseMarker(inQueue_, &initState_);
+            queue_close_marker(inQueue_, &initState_);
             if (status != nullptr) *status |= 2;
             return true;  // the receive phase is skipped
         }
-        if (lastWriteTime_ == now) lastWriteTime_ = Now();
+        if (lastWriteTime_ == now) lastWriteTime_ = now_seconds();
     }
     if (!(events & POLL_READ)) return sent > 0;
 
@@ -194,7 +197,7 @@ bool QueuedTCPSocket::Process(int events, int* status) {
     if (!ReceiveOnce(now, &r)) return false;
     if (r < 0) {
         LOG_STREAM(4) << "Can't read data from FD " << fd_;
-        QueueCloseMarker(inQueue_, &initState_);
+        queue_close_marker(inQueue_, &initState_);
         if (status != nullptr) *status |= 1;
     }
     return r != 0 || sent > 0;

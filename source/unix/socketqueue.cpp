@@ -5,11 +5,15 @@
 #include <cstring>
 #include <new>
 
+#include "results.h"
+
 namespace {
+
+namespace result = linnet::result;
 
 // A node for `data`: copied into a new array when `copy` is set. Null when
 // the size is negative or memory is short; nothing is then allocated.
-SocketQueue::Node* MakeNode(void* data, int size, int copy) {
+SocketQueue::Node* make_node(void* data, int size, int copy) {
     if (size < 0) return nullptr;
     unsigned char* bytes = static_cast<unsigned char*>(data);
     if (copy) {
@@ -50,9 +54,9 @@ SocketQueue::SocketQueue() : head_(nullptr), tail_(nullptr) {}
 SocketQueue::~SocketQueue() { Clear(); }
 
 int SocketQueue::PutBack(void* data, int size, int copy) {
-    if (size < 0) return -22;
-    Node* node = MakeNode(data, size, copy);
-    if (node == nullptr) return -1;
+    if (size < 0) return result::kBadLength;
+    Node* node = make_node(data, size, copy);
+    if (node == nullptr) return result::kFailed;
     if (tail_ != nullptr)
         tail_->next = node;
     else
@@ -62,9 +66,9 @@ int SocketQueue::PutBack(void* data, int size, int copy) {
 }
 
 int SocketQueue::PutFront(void* data, int size, int copy) {
-    if (size < 0) return -22;
-    Node* node = MakeNode(data, size, copy);
-    if (node == nullptr) return -1;
+    if (size < 0) return result::kBadLength;
+    Node* node = make_node(data, size, copy);
+    if (node == nullptr) return result::kFailed;
     node->next = head_;
     head_ = node;
     if (tail_ == nullptr) tail_ = node;
@@ -77,7 +81,7 @@ int SocketQueue::Get(void** out, int copy) {
     const int n = node->size;
     if (out == nullptr) return n;
     if (copy) {
-        if (n > 0 && *out == nullptr) return -1;
+        if (n > 0 && *out == nullptr) return result::kFailed;
         if (n > 0 && node->data != nullptr) std::memcpy(*out, node->data, static_cast<size_t>(n));
         // Released whoever allocated it: a chunk put without copying is
         // taken to be an array-new buffer handed over to the queue.
@@ -103,7 +107,7 @@ int SocketQueue::Front(const unsigned char** data) const {
 }
 
 int SocketQueue::DropFront(int n) {
-    if (n < 0) return -22;
+    if (n < 0) return result::kBadLength;
     Node* node = head_;
     if (node == nullptr) return 0;
     if (n >= node->size) {

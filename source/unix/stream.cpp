@@ -10,6 +10,7 @@
 
 #include "logger/log.h"
 #include "results.h"
+#include "sockops.h"
 
 static const char kLogFile[] = "source/unix/stream";
 
@@ -28,12 +29,6 @@ unsigned piece_len(unsigned remaining) {
     return remaining > kBlockPiece ? kBlockPiece : remaining;
 }
 
-long long monotonic_us() {
-    timespec ts;
-    ::clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
-}
-
 // One step of waiting: the socket's Poll for `events` with the step
 // time-out. A wait that a signal interrupted (Poll gives 0 with LastError()
 // 4) is resumed for what is left of the step, so a 0 from here is a step
@@ -41,11 +36,11 @@ long long monotonic_us() {
 // early nor stretches a step.
 int step_poll(TCPSocket* sock, int events, unsigned sec, unsigned usec) {
     int s = static_cast<int>(sec), u = static_cast<int>(usec);
-    const long long end = monotonic_us() + static_cast<long long>(s) * 1000000 + u;
+    const long long end = linnet::sys::monotonic_us() + static_cast<long long>(s) * 1000000 + u;
     for (;;) {
         const int r = sock->Poll(events, s, u);
         if (r != 0 || sock->LastError() != EINTR) return r;
-        const long long left = end - monotonic_us();
+        const long long left = end - linnet::sys::monotonic_us();
         if (left <= 0) return 0;
         s = static_cast<int>(left / 1000000);
         u = static_cast<int>(left % 1000000);
