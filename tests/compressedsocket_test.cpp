@@ -29,6 +29,8 @@ public:
     int Fill() const { return rawInFill_; }
     int RcvBuf() const { return rcvBufSize_; }
     const void* Compressor() const { return compressor_; }
+    // Puts text into the compressor without sending it.
+    int CompressOnly(char* p, int n) { return compressor_->Write(p, n); }
 };
 
 // Two compressed-capable ends of one loopback connection.
@@ -126,6 +128,36 @@ void RoundTrip(size_t total, unsigned seed) {
 }
 
 }  // namespace
+
+// After the peer reset the connection, each operation that reaches the
+// socket hands its negative code back, compression on.
+TEST(CompressedTCPSocket, EveryOperationPassesTheSocketErrorOfAResetPeerOn) {
+    struct Row {
+        const char* op;
+        int expected;
+    } rows[] = {{"Write", -14}, {"Flush", -14}, {"FullFlush", -14}, {"Read", -14}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.op);
+        testnet::Pair p = testnet::MakeTcpPair();
+        Probe a;
+        ASSERT_EQ(a.OpenFD(p.client.release(), 0), 0);
+        ASSERT_EQ(a.SwitchCompression(1), 0);
+        testnet::SetLingerZero(p.server.get());
+        p.server.reset();
+        ASSERT_EQ(a.NonBlockSocket::Poll(POLL_READ, 5, 0), POLL_READ);  // the reset has arrived
+        char data[64] = "some text for the compressor";
+        int r = 0;
+        if (std::strcmp(row.op, "Write") == 0) {
+            r = a.Write(data, sizeof data);
+        } else if (std::strcmp(row.op, "Read") == 0) {
+            r = a.Read(data, sizeof data);
+        } else {
+            a.CompressOnly(data, sizeof data);
+            r = std::strcmp(row.op, "Flush") == 0 ? a.Flush() : a.FullFlush();
+        }
+        EXPECT_EQ(r, row.expected);
+    }
+}
 
 TEST(CompressedTCPSocket, TextArrivesByteExactAcrossRandomFlushPoints) {
     for (size_t size : {size_t(1), size_t(64 << 10), size_t(10 << 20) / testnet::Scale()}) {

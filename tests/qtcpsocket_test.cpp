@@ -48,6 +48,31 @@ std::string SendAll(ProbeSocket* q, int peer, size_t n) {
 
 }  // namespace
 
+// An exact-count read that ends on a chunk boundary takes whole chunks and
+// leaves the next chunk, whole, at the front of the input queue.
+TEST(QueuedTcpSocket, ReadBlockEndingOnAChunkBoundaryLeavesTheNextChunkWhole) {
+    struct Row {
+        int take;
+        const char* taken;
+        int front_after;  // IsQueuedData(1) afterwards
+    } rows[] = {{3, "abc", 4}, {7, "abcdefg", 2}, {9, "abcdefghi", 0}, {5, "abcde", 2}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE("ReadBlock of " + std::to_string(row.take));
+        Connected c;
+        int status = -1;
+        for (const char* part : {"abc", "defg", "hi"}) {
+            ASSERT_TRUE(testnet::WriteAll(c.p.server.get(), part, std::strlen(part)));
+            ASSERT_EQ(c.q.Poll(POLL_READ, 5, 0), POLL_READ);
+            ASSERT_TRUE(c.q.Process(POLL_READ, &status));
+        }
+        char buf[16] = {};
+        ASSERT_EQ(c.q.ReadBlock(buf, row.take), row.take);
+        EXPECT_EQ(std::string(buf, size_t(row.take)), row.taken);
+        EXPECT_EQ(c.q.IsQueuedData(1), row.front_after);
+        EXPECT_EQ(c.q.ReadBlock(nullptr, 0), 9 - row.take);  // what is left, in all
+    }
+}
+
 TEST(SocketQueue, KeepsOrderAndFollowsTheOwnershipRules) {
     ProbeQueue q;
     char abc[] = "abc", defg[] = "defg", xy[] = "xy", out[8] = {};

@@ -452,3 +452,30 @@ TEST(RoutingDescriptors, AFullDescriptorTableFailsEveryReaderAndLeaksNothing) {
     EXPECT_TRUE(capture::Contains("Cannot open netlink socket (errno 24)", 1));
     EXPECT_EQ(testnet::CountOpenFds(), before);
 }
+
+TEST(RoutingDescriptors, EveryReaderAndRestoreCloseTheirSocketWhenTheyWork) {
+    capture::Scope log;
+    const int before = testnet::CountOpenFds();
+    {
+        SCOPED_TRACE("CRouteTable::Read");
+        EXPECT_GE(CRouteTable().Read(0, map), 0);
+        EXPECT_EQ(testnet::CountOpenFds(), before);
+    }
+    {
+        SCOPED_TRACE("ReadRoutes");
+        std::vector<Route> routes;
+        EXPECT_GE(ReadRoutes(routes), 0);
+        EXPECT_EQ(testnet::CountOpenFds(), before);
+    }
+    {
+        SCOPED_TRACE("snapshot");
+        CRoutesDump snapshot;
+        EXPECT_EQ(testnet::CountOpenFds(), before);
+    }
+    {
+        SCOPED_TRACE("restore of nothing");
+        CRoutesDumpImp nothing;  // loads no route: the machine's table stays as it is
+        nothing.restore();
+        EXPECT_EQ(testnet::CountOpenFds(), before);
+    }
+}

@@ -4,6 +4,9 @@
 #include <linnet/compress.h>
 #include <linnet/qfiletransf.h>
 #include <linnet/udpsocket.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -54,6 +57,58 @@ int ProcValue(const char* path) {
 }
 
 }  // namespace
+
+// A quiet connection waits out the whole time-out, given in seconds or in
+// microseconds, below the select limit (select) and above it (poll).
+TEST(NonBlockSocketTimeOut, QuietSocketWaitsTheWholeTimeOutOnBothWaitPaths) {
+    if (!testnet::RaiseFdLimit(1200)) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE to 1200";
+    struct Row {
+        int sec, usec;
+        double at_least;
+    } rows[] = {{0, 250000, 0.2}, {1, 0, 0.9}, {0, 1100000, 1.0}};
+    for (bool high : {false, true}) {
+        testnet::Pair pair = testnet::MakeTcpPair();
+        RawSocket s;
+        s.OpenFD(high ? ::fcntl(pair.server.get(), F_DUPFD_CLOEXEC, 1100) : pair.server.release(), 0);
+        for (const Row& r : rows) {
+            SCOPED_TRACE(std::string(high ? "poll path, " : "select path, ") + std::to_string(r.sec) + " s " +
+                         std::to_string(r.usec) + " us");
+            const auto t0 = testnet::Clock::now();
+            EXPECT_EQ(s.Poll(POLL_READ, r.sec, r.usec), 0);
+            const double waited = testnet::SecondsSince(t0);
+            EXPECT_GE(waited, r.at_least);
+            EXPECT_LT(waited, r.at_least + 5.0);
+        }
+    }
+}
+
+// Each maximum is read from its own file: in a child with a private mount
+// namespace, two files with different values are bound over the kernel's.
+TEST(SocketBuffers, EachKernelMaximumComesFromItsOwnProcFile) {
+    char wpath[] = "/tmp/linnet-wmem-XXXXXX", rpath[] = "/tmp/linnet-rmem-XXXXXX";
+    testnet::Fd w(::mkstemp(wpath)), r(::mkstemp(rpath));
+    ASSERT_GE(w.get(), 0);
+    ASSERT_GE(r.get(), 0);
+    ASSERT_EQ(::write(w.get(), "271828\n", 7), 7);
+    ASSERT_EQ(::write(r.get(), "314159\n", 7), 7);
+    const long kRefused = -1000;
+    std::string why;
+    const std::vector<long> got = testnet::InChild([&]() -> std::vector<long> {
+        if (::unshare(CLONE_NEWNS) < 0) return {kRefused};
+        if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0) return {kRefused};
+        if (::mount(wpath, "/proc/sys/net/core/wmem_max", nullptr, MS_BIND, nullptr) < 0) return {kRefused};
+        if (::mount(rpath, "/proc/sys/net/core/rmem_max", nullptr, MS_BIND, nullptr) < 0) return {kRefused};
+        RawSocket probe;
+        return {probe.GetMaxSndBufSize(), probe.GetMaxRcvBufSize()};
+    }, &why);
+    ::unlink(wpath);
+    ::unlink(rpath);
+    ASSERT_FALSE(got.empty()) << why;
+    if (got[0] == kRefused) GTEST_SKIP() << "a private mount namespace is refused here";
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0], 271828);
+    EXPECT_EQ(got[1], 314159);
+}
 
 TEST(NonBlockSocket, CloseTwiceIsHarmlessAndKeepsTheAddress) {
     RawSocket s;

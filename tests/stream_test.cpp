@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -143,6 +144,38 @@ TEST(SockStream, SilentPeerCostsFinalTimeoutAndBlockedWriteReturnsZero) {
     t0 = testnet::Clock::now();
     EXPECT_EQ(s.Write(big.data(), big.size()), 0);
     EXPECT_LT(SecondsSince(t0), 5.0);
+}
+
+// The final time-out counts from the last time the socket was ready, not
+// from the start: a peer that sends a byte every half second for 3.5 s is
+// read whole under a 2 s final time-out. Each step waits its own time-out.
+TEST(SockStream, SlowSteadyPeerIsNeverCutOffAndEachStepWaitsItsTimeOut) {
+    Link l;
+    SockStream s(&l.sock, 200000, 2);
+    const char kSlow[] = "0123456";
+    std::thread peer([&l, &kSlow] {
+        for (int i = 0; i < 7; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));  // the peer's pace
+            if (::send(l.peer(), kSlow + i, 1, MSG_NOSIGNAL) != 1) return;
+        }
+    });
+    char got[7] = {};
+    const auto t0 = testnet::Clock::now();
+    const int r = s.Read(got, sizeof got);
+    peer.join();
+    ASSERT_EQ(r, 7);
+    EXPECT_EQ(std::string(got, 7), "0123456");
+    EXPECT_GE(SecondsSince(t0), 3.0);
+
+    s.SetTimeouts(300000, 0);  // one step of 0.3 s, then the end
+    auto t1 = testnet::Clock::now();
+    EXPECT_EQ(s.Read(got, 1), -110);
+    EXPECT_GE(SecondsSince(t1), 0.25);
+    l.sock.SetSndBufSize(4096);
+    std::vector<char> big(16 << 20);
+    t1 = testnet::Clock::now();
+    EXPECT_EQ(s.Write(big.data(), big.size()), 0);  // the peer never reads
+    EXPECT_GE(SecondsSince(t1), 0.25);
 }
 
 TEST(SockStream, FlushDrainsWithoutPolling) {

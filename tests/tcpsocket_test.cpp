@@ -1,5 +1,6 @@
 #include <linnet/tcpsocket.h>
 
+#include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -11,6 +12,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <linnet/udpsocket.h>
 
 #include "capture_host.h"
 #include "net_helpers.h"
@@ -76,6 +79,56 @@ void WriteToWidowedPipeInChild() {
 }
 
 }  // namespace
+
+// A failed system call comes back as its negated errno from every setup
+// step, never as a bare -1.
+TEST(TcpSocket, SetupStepsReturnTheNegatedErrnoOfTheirCall) {
+    TCPSocket first, second, idle;
+    ASSERT_EQ(first.Open(), 0);
+    ASSERT_EQ(second.Open(), 0);
+    ASSERT_EQ(first.Bind(testnet::Loopback(), 0), 0);
+    const unsigned short port = testnet::LocalPort(Members::fd(first));
+    ASSERT_EQ(second.Bind(testnet::Loopback(), port), 0);  // both reuse the address
+    ASSERT_EQ(first.Listen(4), 0);
+    EXPECT_EQ(second.Listen(4), -EADDRINUSE);
+    TCPSocket third;
+    ASSERT_EQ(third.Open(), 0);
+    EXPECT_EQ(third.Bind(testnet::Loopback(), port), -EADDRINUSE);  // a listener holds it
+    EXPECT_EQ(first.Accept(nullptr, nullptr), -EAGAIN);  // nothing pending
+    ASSERT_EQ(idle.Open(), 0);
+    EXPECT_EQ(idle.Accept(nullptr, nullptr), -EINVAL);  // not listening
+    EXPECT_EQ(idle.Bind(0x01020304, 0), -EADDRNOTAVAIL);  // 4.3.2.1 is not ours
+}
+
+// With no descriptor left, opening and accepting fail with -EMFILE and
+// close nothing; the pending connection stays queued.
+TEST(TcpSocket, FullDescriptorTableFailsOpenAndAcceptWithMinusEmfile) {
+    TCPSocket listener;
+    const unsigned short port = ListenOnLoopback(listener);
+    testnet::Fd client = testnet::Dial(port);
+    std::string why;
+    const std::vector<long> got = testnet::InChild([&]() -> std::vector<long> {
+        if (!testnet::FillFdTable()) return {};
+        TCPSocket tcp;
+        UDPSocket udp;
+        const long tcp_open = tcp.Open();
+        const long udp_open = udp.Open();
+        const long accepted = listener.Accept(nullptr, nullptr);
+        TCPSocket* object = listener.Accept();
+        const long object_null = object == nullptr;
+        delete object;
+        const long still_full = ::dup(2) < 0 && errno == EMFILE;  // nothing closed by mistake
+        return {tcp_open, udp_open, accepted, object_null, still_full};
+    }, &why);
+    ASSERT_EQ(got.size(), 5u) << why;
+    EXPECT_EQ(got[0], -EMFILE);
+    EXPECT_EQ(got[1], -EMFILE);
+    EXPECT_EQ(got[2], -EMFILE);
+    EXPECT_EQ(got[3], 1);
+    EXPECT_EQ(got[4], 1);
+    testnet::Fd pending(listener.Accept(nullptr, nullptr));
+    EXPECT_GE(pending.get(), 0);  // still queued for the parent
+}
 
 TEST(TcpSocket, AcceptedSocketGetsTheOptionTableAndThePeer) {
     TCPSocket listener;
