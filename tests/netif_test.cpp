@@ -2,7 +2,10 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <net/if.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <initializer_list>
@@ -16,7 +19,51 @@ namespace {
 const unsigned int kLoopbackHost = 0x7f000001u;  // 127.0.0.1
 const unsigned int kNobodyHost = 0xc00002feu;    // 192.0.2.254, on no interface here
 
+// Takes CAP_NET_ADMIN out of this process's effective set; true when the
+// process then lacks it (also when it never had it).
+bool DropNetAdmin() {
+    __user_cap_header_struct head{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2] = {};
+    if (::syscall(SYS_capget, &head, data) < 0) return false;
+    data[CAP_NET_ADMIN / 32].effective &= ~(1u << (CAP_NET_ADMIN % 32));
+    if (::syscall(SYS_capset, &head, data) < 0) return false;
+    __user_cap_data_struct now[2] = {};
+    if (::syscall(SYS_capget, &head, now) < 0) return false;
+    return (now[CAP_NET_ADMIN / 32].effective & (1u << (CAP_NET_ADMIN % 32))) == 0;
+}
+
 }  // namespace
+
+// Without the right to change interfaces every setter hands the kernel's
+// refusal back as -EPERM and leaves its record as it was. The values asked
+// for are the ones the loopback already has, so nothing could change anyway.
+TEST(NetworkInterfaceInfo, SettersPassTheKernelsRefusalOnAndKeepTheRecord) {
+    const long kNoDrop = -1000;
+    std::string why;
+    const std::vector<long> got = testnet::InChild([]() -> std::vector<long> {
+        if (!DropNetAdmin()) return {kNoDrop};
+        CNetworkInterfaceInfo table;
+        const int pos = table.GetNum("lo");
+        if (pos < 0) return {kNoDrop};
+        const unsigned int ip = table.GetIP(pos), mask = table.GetNetmask(pos);
+        const unsigned long long flags = table.GetFlags(pos);
+        return {table.SetIP(pos, htonl(ip)),
+                table.SetFlags(pos, flags),
+                table.SetNetmask(pos, static_cast<int>(mask)),
+                table.SetBroadcast(pos, static_cast<int>(table.GetBroadcast(pos))),
+                table.GetIP(pos) == ip,
+                table.GetNetmask(pos) == mask,
+                table.GetFlags(pos) == flags};
+    }, &why);
+    ASSERT_FALSE(got.empty()) << why;
+    if (got[0] == kNoDrop) GTEST_SKIP() << "cannot give up CAP_NET_ADMIN here";
+    ASSERT_EQ(got.size(), 7u);
+    const char* what[] = {"SetIP", "SetFlags", "SetNetmask", "SetBroadcast"};
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(got[size_t(i)], -EPERM) << what[i];
+    EXPECT_EQ(got[4], 1) << "ip kept";
+    EXPECT_EQ(got[5], 1) << "netmask kept";
+    EXPECT_EQ(got[6], 1) << "flags kept";
+}
 
 TEST(NetworkInterfaceInfo, LoopbackIsListedWithItsAddressInHostOrder) {
     CNetworkInterfaceInfo table;
