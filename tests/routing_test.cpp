@@ -414,6 +414,23 @@ TEST(DumpConversation, OnlyTheKernelsWholeUninterruptedAnswerIsHandedOver) {
     }
 }
 
+TEST(DumpConversation, ARequestTooBigToSendFailsTheSendStepWithItsErrno) {
+    Peer kernel;
+    nl::DumpConversation talk(128, kernel.port);
+    ASSERT_EQ(talk.Open().failure, nl::Failure::kNone);
+    Recorder r;
+    long len;
+    // Larger than the socket's send buffer: refused before it is delivered.
+    const int small = 4096;
+    ASSERT_EQ(setsockopt(talk.fd(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+    auto request = Datagram({Msg(RTM_GETROUTE).Rt(0, 0).Attr(RTA_DST, std::vector<unsigned char>(60000, 1))}, &len);
+    const nl::Outcome o = talk.Run(request.get(), len, r);
+    if (o.err == EPERM) GTEST_SKIP() << "netlink unicast between sockets needs CAP_NET_ADMIN";
+    EXPECT_EQ(static_cast<int>(o.failure), static_cast<int>(nl::Failure::kSend));
+    EXPECT_EQ(o.err, EMSGSIZE);
+    EXPECT_EQ(kernel.Requests(), 0);
+}
+
 TEST(RoutingDescriptors, AFullDescriptorTableFailsEveryReaderAndLeaksNothing) {
     capture::Scope log;
     CRoutesDump snapshot;  // made while descriptors are free

@@ -84,6 +84,7 @@ TEST(NonBlockSocketTimeOut, QuietSocketWaitsTheWholeTimeOutOnBothWaitPaths) {
 
 // Each maximum is read from its own file: in a child with a private mount
 // namespace, two files with different values are bound over the kernel's.
+// Neither read leaves its file open.
 TEST(SocketBuffers, EachKernelMaximumComesFromItsOwnProcFile) {
     char wpath[] = "/tmp/linnet-wmem-XXXXXX", rpath[] = "/tmp/linnet-rmem-XXXXXX";
     testnet::Fd w(::mkstemp(wpath)), r(::mkstemp(rpath));
@@ -99,15 +100,18 @@ TEST(SocketBuffers, EachKernelMaximumComesFromItsOwnProcFile) {
         if (::mount(wpath, "/proc/sys/net/core/wmem_max", nullptr, MS_BIND, nullptr) < 0) return {kRefused};
         if (::mount(rpath, "/proc/sys/net/core/rmem_max", nullptr, MS_BIND, nullptr) < 0) return {kRefused};
         RawSocket probe;
-        return {probe.GetMaxSndBufSize(), probe.GetMaxRcvBufSize()};
+        const long before = testnet::CountOpenFds();
+        const long snd = probe.GetMaxSndBufSize(), rcv = probe.GetMaxRcvBufSize();
+        return {snd, rcv, testnet::CountOpenFds() - before};
     }, &why);
     ::unlink(wpath);
     ::unlink(rpath);
     ASSERT_FALSE(got.empty()) << why;
     if (got[0] == kRefused) GTEST_SKIP() << "a private mount namespace is refused here";
-    ASSERT_EQ(got.size(), 2u);
+    ASSERT_EQ(got.size(), 3u);
     EXPECT_EQ(got[0], 271828);
     EXPECT_EQ(got[1], 314159);
+    EXPECT_EQ(got[2], 0) << "descriptors left open by the two reads";
 }
 
 TEST(NonBlockSocket, CloseTwiceIsHarmlessAndKeepsTheAddress) {

@@ -322,6 +322,20 @@ TEST(SockStreamSignals, PeriodicTimerNeitherCutsWritesNorEndsReads) {
     late.join();
     EXPECT_EQ(read, 4);
     EXPECT_EQ(std::memcmp(buf, "late", 4), 0);
+
+    // A quiet peer: the step of half a second is resumed after every tick
+    // for what is left of it, so the read ends after the whole step.
+    Link quiet;
+    double waited = 0;
+    {
+        IntervalTimer timer(10000);
+        const auto t0 = testnet::Clock::now();
+        read = SockStream(&quiet.sock, 500000, 0).Read(buf, 4);
+        waited = SecondsSince(t0);
+    }
+    EXPECT_EQ(read, -110);
+    EXPECT_GE(waited, 0.45);
+    EXPECT_LT(waited, 5.0);
 }
 
 TEST(SockStreamBlock, BlockCutShortByTheStepTimeOutIsAFailureOfThatStep) {

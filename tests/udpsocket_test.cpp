@@ -104,3 +104,30 @@ TEST(UdpSocket, EspecialTimeToLiveIsPutBackAlsoWhenTheSendFails) {
     EXPECT_EQ(a.GetValueTimeToLive(), 33);
 }
 
+
+// An adopted UDP descriptor that the kernel connected to a closed port: the
+// refusal (ICMP port unreachable on loopback) comes back from Read as
+// -ECONNREFUSED, not as "nothing yet".
+TEST(UdpSocket, AdoptedConnectedDescriptorReportsARefusedPort) {
+    unsigned short closed = 0;
+    {
+        testnet::Fd probe(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_addr.s_addr = testnet::Loopback();
+        ASSERT_EQ(::bind(probe.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
+        closed = testnet::LocalPort(probe.get());
+    }  // the port is free again
+    testnet::Fd raw(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(closed);
+    to.sin_addr.s_addr = testnet::Loopback();
+    ASSERT_EQ(::connect(raw.get(), reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+    UDPSocket s;
+    ASSERT_EQ(s.OpenFD(raw.release(), 0), 0);
+    char data[8] = "knock";
+    ASSERT_EQ(s.Write(testnet::Loopback(), closed, data, 5), 5);
+    ASSERT_EQ(s.Poll(POLL_READ, 2, 0), POLL_READ);  // the error is pending
+    EXPECT_EQ(s.Read(data, sizeof data), -ECONNREFUSED);
+}
