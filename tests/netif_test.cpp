@@ -1,16 +1,21 @@
 #include <linnet/netif.h>
 
 #include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <net/if.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <initializer_list>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -21,6 +26,19 @@ namespace {
 const unsigned int kLoopbackHost = 0x7f000001u;  // 127.0.0.1
 const unsigned int kNobodyHost = 0xc00002feu;    // 192.0.2.254, on no interface here
 
+// The descriptors open in this process, in ascending order.
+std::vector<int> OpenFds() {
+    std::vector<int> fds;
+    DIR* d = ::opendir("/proc/self/fd");
+    if (d == nullptr) return fds;
+    const int own = ::dirfd(d);
+    while (const dirent* e = ::readdir(d))
+        if (e->d_name[0] != '.' && std::atoi(e->d_name) != own) fds.push_back(std::atoi(e->d_name));
+    ::closedir(d);
+    std::sort(fds.begin(), fds.end());
+    return fds;
+}
+
 // True when this process may change interfaces (CAP_NET_ADMIN effective).
 bool HasNetAdmin() {
     __user_cap_header_struct head{_LINUX_CAPABILITY_VERSION_3, 0};
@@ -30,6 +48,20 @@ bool HasNetAdmin() {
 }
 
 }  // namespace
+
+// The table holds one descriptor, its control socket, closed on exec and
+// closed with the table.
+TEST(NetworkInterfaceInfo, ControlSocketIsClosedOnExecAndWithTheTable) {
+    const std::vector<int> before = OpenFds();
+    {
+        CNetworkInterfaceInfo table;
+        std::vector<int> now = OpenFds(), added;
+        std::set_difference(now.begin(), now.end(), before.begin(), before.end(), std::back_inserter(added));
+        ASSERT_EQ(added.size(), 1u);
+        EXPECT_EQ(::fcntl(added[0], F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    }
+    EXPECT_EQ(OpenFds(), before);
+}
 
 // A record whose interface has gone: each setter hands the kernel's
 // refusal back as its negated errno (-ENODEV; -EPERM without the right to

@@ -4,7 +4,9 @@
 #include <sys/socket.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "capture_host.h"
@@ -23,6 +25,8 @@ struct ProbeSocket : QueuedTCPSocket {
     unsigned rcvSize() const { return rcvSize_; }
     unsigned sndSize() const { return sndSize_; }
     unsigned sndBuf() const { return sndBufSize_; }
+    std::int32_t& lastRead() { return lastReadTime_; }
+    std::int32_t& lastWrite() { return lastWriteTime_; }
 };
 
 // A queued socket on one end of a connected loopback pair (peer: p.server).
@@ -70,7 +74,28 @@ TEST(QueuedTcpSocket, ReadBlockEndingOnAChunkBoundaryLeavesTheNextChunkWhole) {
         EXPECT_EQ(std::string(buf, size_t(row.take)), row.taken);
         EXPECT_EQ(c.q.IsQueuedData(1), row.front_after);
         EXPECT_EQ(c.q.ReadBlock(nullptr, 0), 9 - row.take);  // what is left, in all
+        if (row.front_after > 0) {
+            EXPECT_EQ(c.q.Read(buf, row.front_after), row.front_after);  // room for exactly the chunk
+        }
     }
+}
+
+// Process stamps the time of the last send and of the last receive.
+TEST(QueuedTcpSocket, ProcessStampsItsLastSendAndItsLastReceive) {
+    Connected c;
+    c.q.lastRead() = c.q.lastWrite() = 0;
+    const std::int32_t start = static_cast<std::int32_t>(std::time(nullptr));
+    char data[4] = "abc";
+    ASSERT_EQ(c.q.Write(data, 3), 3);
+    int status = -1;
+    ASSERT_EQ(c.q.Poll(POLL_WRITE, 5, 0), POLL_WRITE);
+    EXPECT_TRUE(c.q.Process(POLL_WRITE, &status));
+    EXPECT_GE(c.q.lastWrite(), start);
+    EXPECT_EQ(c.q.lastRead(), 0);  // nothing received yet
+    ASSERT_TRUE(testnet::WriteAll(c.p.server.get(), data, 3));
+    ASSERT_EQ(c.q.Poll(POLL_READ, 5, 0), POLL_READ);
+    EXPECT_TRUE(c.q.Process(POLL_READ, &status));
+    EXPECT_GE(c.q.lastRead(), start);
 }
 
 TEST(SocketQueue, KeepsOrderAndFollowsTheOwnershipRules) {

@@ -178,6 +178,16 @@ TEST(SockStream, SlowSteadyPeerIsNeverCutOffAndEachStepWaitsItsTimeOut) {
     EXPECT_GE(SecondsSince(t1), 0.25);
 }
 
+// The socket's own code of a failed write comes back from the stream.
+TEST(SockStream, WriteToAResetPeerReturnsTheSocketsCode) {
+    Link l;
+    testnet::SetLingerZero(l.peer());
+    l.pair.server.reset();
+    ASSERT_EQ(l.sock.Poll(POLL_READ, 5, 0), POLL_READ);  // the reset has arrived
+    char data[16] = {};
+    EXPECT_EQ(SockStream(&l.sock, 200000, 1).Write(data, sizeof data), -14);
+}
+
 TEST(SockStream, FlushDrainsWithoutPolling) {
     Link l;
     SockStream s(&l.sock, 100000, 1);

@@ -98,6 +98,7 @@ TEST(TcpSocket, SetupStepsReturnTheNegatedErrnoOfTheirCall) {
     ASSERT_EQ(idle.Open(), 0);
     EXPECT_EQ(idle.Accept(nullptr, nullptr), -EINVAL);  // not listening
     EXPECT_EQ(idle.Bind(0x01020304, 0), -EADDRNOTAVAIL);  // 4.3.2.1 is not ours
+    EXPECT_EQ(TCPSocket().SetNoDelay(1), -EBADF);          // no descriptor for the option
 }
 
 // With no descriptor left, opening and accepting fail with -EMFILE and
