@@ -150,13 +150,15 @@ TEST(CRouteTable, AddEntryMasksDefaultsInterfacesAndMalformedMessages) {
     std::vector<CRouteEntry> e(t.Entries().begin(), t.Entries().end());
     ASSERT_EQ(e.size(), 7u);
     EXPECT_EQ(e[0].dst, inet_addr("192.0.2.0"));
-    EXPECT_EQ(e[0].dstmask + e[0].outif, 0xffffff00u + 7);
+    EXPECT_EQ(e[0].dstmask, 0xffffff00u);
+    EXPECT_EQ(e[0].outif, 7u);
     EXPECT_EQ(e[1].src, inet_addr("192.0.2.1"));
     EXPECT_EQ(e[1].srcmask | e[1].dstmask, 0u);
     EXPECT_EQ(e[2].srcmask & e[2].dstmask, 0xffffffffu);
     EXPECT_EQ(e[3].flags, ROUTE_ENTRY_DEFAULT);
     EXPECT_EQ(e[3].dstmask, 0u);
-    EXPECT_EQ(e[3].inif + e[3].outif, 8u + 7);
+    EXPECT_EQ(e[3].inif, 8u);
+    EXPECT_EQ(e[3].outif, 7u);
     EXPECT_EQ(e[4].dstmask, 0xffffffffu);
     EXPECT_EQ(e[5].outif, 0u);
     EXPECT_EQ(e[6].gw, 1u);  // a 1-byte payload reads as that byte alone

@@ -196,7 +196,8 @@ TEST(SockStream, FlushDrainsWithoutPolling) {
     ASSERT_EQ(l.sock.Poll(POLL_READ, 2, 0), POLL_READ);
     l.sock.reads = l.sock.polls = 0;
     s.Flush();
-    EXPECT_TRUE(l.sock.reads == 11 && l.sock.polls == 0) << l.sock.reads << " reads";
+    EXPECT_EQ(l.sock.reads, 11);
+    EXPECT_EQ(l.sock.polls, 0);
 }
 
 TEST(SockStreamBlock, HeaderIsTheLengthInHostByteOrderAndAnEmptyBlockIsThatAlone) {
@@ -209,7 +210,8 @@ TEST(SockStreamBlock, HeaderIsTheLengthInHostByteOrderAndAnEmptyBlockIsThatAlone
     unsigned char header[4];
     const bool ok = testnet::ReadAll(l.peer(), header, 4) && testnet::ReadAll(l.peer(), got.data(), kLen);
     writer.join();
-    ASSERT_TRUE(ok && result == 0);
+    ASSERT_TRUE(ok);
+    ASSERT_EQ(result, 0);
     EXPECT_EQ(std::vector<unsigned char>(header, header + 4), (std::vector<unsigned char>{4, 3, 2, 1}));
     EXPECT_TRUE(got == body);
 
@@ -224,7 +226,8 @@ TEST(SockStreamBlock, HeaderIsTheLengthInHostByteOrderAndAnEmptyBlockIsThatAlone
     unsigned char sentinel = 0, *out = &sentinel;
     unsigned size = 77;
     EXPECT_EQ(s.ReadBlock(&out, &size, 0), 0);
-    EXPECT_TRUE(out == &sentinel && size == 77u);
+    EXPECT_EQ(out, &sentinel);
+    EXPECT_EQ(size, 77u);
 }
 
 TEST(SockStreamBlock, LimitAcceptsItsOwnSizeAndLeavesABiggerBodyUnread) {
@@ -238,7 +241,9 @@ TEST(SockStreamBlock, LimitAcceptsItsOwnSizeAndLeavesABiggerBodyUnread) {
     unsigned char* body = nullptr;
     unsigned size = 0;
     ASSERT_EQ(s.ReadBlock(&body, &size, 100), 0);
-    EXPECT_TRUE(size == 100u && body[0] + body[99] == 200);
+    ASSERT_EQ(size, 100u);
+    EXPECT_EQ(body[0], 100);
+    EXPECT_EQ(body[99], 100);
     delete[] body;
     body = nullptr;
     capture::Scope log;
