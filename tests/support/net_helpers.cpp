@@ -11,6 +11,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
@@ -102,6 +104,21 @@ bool RaiseFdLimit(unsigned long n) {
     if (rl.rlim_max < n) rl.rlim_max = n;  // needs CAP_SYS_RESOURCE
     rl.rlim_cur = n;
     return setrlimit(RLIMIT_NOFILE, &rl) == 0;
+}
+
+void ExpectQuietWaitsTheirWholeTime(const std::function<int(int sec, int usec)>& wait) {
+    const struct {
+        int sec, usec;
+        double at_least;
+    } rows[] = {{0, 250000, 0.2}, {1, 0, 0.9}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(std::to_string(r.sec) + " s " + std::to_string(r.usec) + " us");
+        const auto t0 = Clock::now();
+        EXPECT_EQ(wait(r.sec, r.usec), 0);
+        const double waited = SecondsSince(t0);
+        EXPECT_GE(waited, r.at_least);
+        EXPECT_LT(waited, r.at_least + 5.0);
+    }
 }
 
 bool FillFdTable() {

@@ -63,6 +63,10 @@ bool IsOpen(int fd);
 int CountOpenFds();
 // Raises RLIMIT_NOFILE to at least n; false when not allowed.
 bool RaiseFdLimit(unsigned long n);
+// Calls wait(sec, usec) for a quarter second in microseconds, then for one
+// second in seconds; each call on a quiet descriptor must give 0 after its
+// whole time, within a generous upper bound (gtest failures, one per check).
+void ExpectQuietWaitsTheirWholeTime(const std::function<int(int sec, int usec)>& wait);
 // Lowers RLIMIT_NOFILE to 256 and takes every free descriptor below it, so
 // the next open of any kind fails with EMFILE. For forked children only: the
 // descriptors are never given back.
