@@ -75,6 +75,19 @@ TEST(NonBlockSocketTimeOut, QuietSocketWaitsTheWholeTimeOutOnBothWaitPaths) {
     }
 }
 
+// A TCP socket that was never connected is hung up: select reports it
+// readable and writable, and so does the poll path above the select limit.
+TEST(NonBlockSocketTimeOut, UnconnectedSocketIsReadableAndWritableOnBothWaitPaths) {
+    if (!testnet::RaiseFdLimit(1200)) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE to 1200";
+    for (bool high : {false, true}) {
+        SCOPED_TRACE(high ? "poll path" : "select path");
+        testnet::Fd fresh(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        RawSocket s;
+        s.OpenFD(high ? ::fcntl(fresh.get(), F_DUPFD_CLOEXEC, 1100) : fresh.release(), 0);
+        EXPECT_EQ(s.Poll(POLL_READ | POLL_WRITE, 1, 0), POLL_READ | POLL_WRITE);
+    }
+}
+
 // Each maximum is read from its own file: in a child with a private mount
 // namespace, two files with different values are bound over the kernel's.
 // Neither read leaves its file open.

@@ -132,3 +132,14 @@ TEST(UdpSocket, AdoptedConnectedDescriptorReportsARefusedPort) {
     ASSERT_EQ(s.Poll(POLL_READ, 2, 0), POLL_READ);  // the error is pending
     EXPECT_EQ(s.Read(data, sizeof data), -ECONNREFUSED);
 }
+
+// OpenFD keeps the peer port unless it is given one.
+TEST(UdpSocket, OpenFDKeepsThePortUnlessGivenOne) {
+    for (unsigned short given : {static_cast<unsigned short>(0), static_cast<unsigned short>(77)}) {
+        SCOPED_TRACE(given);
+        UDPSocket s;
+        EXPECT_EQ(s.Connect(testnet::Loopback(), 4242, 0, 0), 0);
+        EXPECT_EQ(s.OpenFD(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), given), 0);
+        EXPECT_EQ(Members::port(s), given != 0 ? given : 4242);
+    }
+}
