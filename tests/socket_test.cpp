@@ -102,9 +102,9 @@ TEST(SocketBuffers, EachKernelMaximumComesFromItsOwnProcFile) {
     std::string why;
     const std::vector<long> got = testnet::InChild([&]() -> std::vector<long> {
         if (::unshare(CLONE_NEWNS) < 0) return {kRefused};
-        if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0) return {kRefused};
-        if (::mount(wpath, "/proc/sys/net/core/wmem_max", nullptr, MS_BIND, nullptr) < 0) return {kRefused};
-        if (::mount(rpath, "/proc/sys/net/core/rmem_max", nullptr, MS_BIND, nullptr) < 0) return {kRefused};
+        if (::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) < 0) return {kRefused};
+        if (::mount(wpath, "/proc/sys/net/core/wmem_max", "none", MS_BIND, nullptr) < 0) return {kRefused};
+        if (::mount(rpath, "/proc/sys/net/core/rmem_max", "none", MS_BIND, nullptr) < 0) return {kRefused};
         RawSocket probe;
         const long before = testnet::CountOpenFds();
         const long snd = probe.GetMaxSndBufSize(), rcv = probe.GetMaxRcvBufSize();
