@@ -38,14 +38,17 @@ TEST(NetworkInterfaceInfoNetns, InterfaceWithoutAddressIsListedAfterAddressedOne
     {
         CNetworkInterfaceInfo table;
         const int a = table.GetNum("nva"), b = table.GetNum("nvb");
-        ASSERT_TRUE(a >= 0 && b >= 0);
+        ASSERT_GE(a, 0);
+        ASSERT_GE(b, 0);
         for (int i = 0; i < table.GetCount(); ++i)
             EXPECT_TRUE(table.GetIP(i) == 0 || i < b) << table.GetName(i);
         EXPECT_EQ(table.GetIP(a), H("192.0.2.1"));
         ASSERT_NE(table.GetEther("nva"), nullptr);
         EXPECT_EQ(std::memcmp(table.GetEther("nva"), "\2\0\0\0\0\12", 6), 0);
         // The name-only record: nothing but its name.
-        EXPECT_EQ(table.GetIP(b) + table.GetFlags(b) + table.GetIndex("nvb"), 0u);
+        EXPECT_EQ(table.GetIP(b), 0u);
+        EXPECT_EQ(table.GetFlags(b), 0u);
+        EXPECT_EQ(table.GetIndex("nvb"), 0);
         // The kernel has no address to take a mask: -errno, record unchanged.
         EXPECT_EQ(table.SetNetmask("nvb", static_cast<int>(H("255.255.255.0"))), -EADDRNOTAVAIL);
         EXPECT_EQ(table.GetNetmask(b), 0u);
@@ -63,8 +66,10 @@ TEST(NetworkInterfaceInfoNetns, AliasIsItsOwnVirtualRecordFoundWithItsInterface)
     {
         CNetworkInterfaceInfo table;
         const int base = table.GetNum("nvc"), alias = table.GetNum("nvc:1");
-        ASSERT_TRUE(base >= 0 && alias >= 0);
-        EXPECT_TRUE(table.IsVirtual(alias) && !table.IsVirtual(base));
+        ASSERT_GE(base, 0);
+        ASSERT_GE(alias, 0);
+        EXPECT_TRUE(table.IsVirtual(alias));
+        EXPECT_FALSE(table.IsVirtual(base));
         EXPECT_EQ(table.GetIndex("nvc:1"), table.GetIndex("nvc"));
         std::vector<int> positions;
         table.Lookup("nvc", positions);

@@ -1,11 +1,21 @@
 #include <linnet/netif.h>
 
 #include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <net/if.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <initializer_list>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -16,7 +26,70 @@ namespace {
 const unsigned int kLoopbackHost = 0x7f000001u;  // 127.0.0.1
 const unsigned int kNobodyHost = 0xc00002feu;    // 192.0.2.254, on no interface here
 
+// The descriptors open in this process, in ascending order.
+std::vector<int> OpenFds() {
+    std::vector<int> fds;
+    DIR* d = ::opendir("/proc/self/fd");
+    if (d == nullptr) return fds;
+    const int own = ::dirfd(d);
+    while (const dirent* e = ::readdir(d))
+        if (e->d_name[0] != '.' && std::atoi(e->d_name) != own) fds.push_back(std::atoi(e->d_name));
+    ::closedir(d);
+    std::sort(fds.begin(), fds.end());
+    return fds;
+}
+
+// True when this process may change interfaces (CAP_NET_ADMIN effective).
+bool HasNetAdmin() {
+    __user_cap_header_struct head{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2] = {};
+    if (::syscall(SYS_capget, &head, data) < 0) return false;
+    return (data[CAP_NET_ADMIN / 32].effective & (1u << (CAP_NET_ADMIN % 32))) != 0;
+}
+
 }  // namespace
+
+// The table holds one descriptor, its control socket, closed on exec and
+// closed with the table.
+TEST(NetworkInterfaceInfo, ControlSocketIsClosedOnExecAndWithTheTable) {
+    const std::vector<int> before = OpenFds();
+    {
+        CNetworkInterfaceInfo table;
+        std::vector<int> now = OpenFds(), added;
+        std::set_difference(now.begin(), now.end(), before.begin(), before.end(), std::back_inserter(added));
+        ASSERT_EQ(added.size(), 1u);
+        EXPECT_EQ(::fcntl(added[0], F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    }
+    EXPECT_EQ(OpenFds(), before);
+}
+
+// A record whose interface has gone: each setter hands the kernel's
+// refusal back as its negated errno (-ENODEV; -EPERM without the right to
+// change interfaces) and leaves the record as it was. No device is touched.
+TEST(NetworkInterfaceInfo, SettersOnAVanishedInterfacePassTheKernelsRefusalOn) {
+    CNetworkInterfaceInfo table;
+    const __NETIF_IFINFO* lo = table.Lookup("lo");
+    ASSERT_NE(lo, nullptr);
+    __NETIF_IFINFO gone = *lo;
+    std::strcpy(gone.name, "lnt-gone0");
+    ASSERT_EQ(if_nametoindex(gone.name), 0u);  // no such device here
+    const __NETIF_IFINFO before = gone;
+    const int expected = HasNetAdmin() ? -ENODEV : -EPERM;
+    const struct {
+        const char* setter;
+        std::function<int()> call;
+    } rows[] = {
+        {"SetIP", [&] { return table.SetIP(&gone, htonl(0xc0000201u)); }},  // 192.0.2.1
+        {"SetFlags", [&] { return table.SetFlags(&gone, IFF_UP); }},
+        {"SetNetmask", [&] { return table.SetNetmask(&gone, int(0xffffff00u)); }},
+        {"SetBroadcast", [&] { return table.SetBroadcast(&gone, int(0xc00002ffu)); }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.setter);
+        EXPECT_EQ(row.call(), expected);
+        EXPECT_EQ(std::memcmp(&gone, &before, sizeof gone), 0);
+    }
+}
 
 TEST(NetworkInterfaceInfo, LoopbackIsListedWithItsAddressInHostOrder) {
     CNetworkInterfaceInfo table;
@@ -32,7 +105,8 @@ TEST(NetworkInterfaceInfo, LoopbackIsListedWithItsAddressInHostOrder) {
     int untouched = -7;
     EXPECT_EQ(table.Lookup("no-such-if", &untouched), nullptr);
     EXPECT_EQ(untouched, -7);
-    EXPECT_EQ(table.GetIP("no-such-if") + table.GetNetmaskOnIP(kNobodyHost), 0u);
+    EXPECT_EQ(table.GetIP("no-such-if"), 0u);
+    EXPECT_EQ(table.GetNetmaskOnIP(kNobodyHost), 0u);
     EXPECT_FALSE(table.IsOperational(-1));
     EXPECT_FALSE(table.IsOperational(table.GetCount()));
     EXPECT_EQ(table.GetName(table.GetCount()), nullptr);

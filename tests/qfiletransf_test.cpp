@@ -44,14 +44,35 @@ std::string Slurp(const std::string& path) {
 
 }  // namespace
 
+// Send mode towards a peer that reset the connection: Process gives the
+// socket's write code, the chunk being sent is lost and the next one stays.
+TEST(QueuedFileTransf, SendModePassesTheWriteErrorOfAResetPeerOn) {
+    testnet::Pair p = testnet::MakeTcpPair();
+    CQueuedFileTransf sender(1, 1024);
+    ASSERT_EQ(sender.QueuedTCPSocket::OpenFD(p.client.release()), 0);
+    testnet::SetLingerZero(p.server.get());
+    p.server.reset();
+    ASSERT_EQ(sender.Poll(POLL_READ, 5, 0) & POLL_READ, POLL_READ);  // the reset has arrived
+    char chunk[100] = {};
+    ASSERT_EQ(sender.QueuedTCPSocket::Write(chunk, 100), 100);
+    ASSERT_EQ(sender.QueuedTCPSocket::Write(chunk, 30), 30);
+    capture::Scope log;
+    EXPECT_EQ(sender.Process(), -14);
+    EXPECT_EQ(sender.IsQueuedData(2), 30);
+    EXPECT_TRUE(capture::Contains("Can't write data to fd ", 4));
+    EXPECT_EQ(sender.IsQueuedData(1), 0);  // no close marker in send mode
+}
+
 TEST(QueuedFileTransf, SocketOpensAreDisabledAndUnopenableFilesFailLater) {
     ProbeTransf t(1, 100);
     testnet::Pair p = testnet::MakeTcpPair();
-    EXPECT_EQ(t.Open() + t.OpenFD(p.client.get(), 0), -2);
+    EXPECT_EQ(t.Open(), -1);
+    EXPECT_EQ(t.OpenFD(p.client.get(), 0), -1);
     EXPECT_EQ(t.GetInitState(), 0);
     EXPECT_EQ(t.Open("/nonexistent-linnet-dir/file"), 0);  // not reported here
     char buf[4] = {'a', 'b', 'c', 'd'};
-    EXPECT_EQ(t.Write(buf, 4) + t.Read(buf, 4), -2);
+    EXPECT_EQ(t.Write(buf, 4), -1);
+    EXPECT_EQ(t.Read(buf, 4), -1);
 
     const std::string longer = "/tmp/" + std::string(5000, 'p');
     ProbeTransf r(0, 0);

@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "capture_host.h"
@@ -26,6 +28,8 @@ struct ProbeSocket : QueuedTCPSocket {
     unsigned rcvSize() const { return rcvSize_; }
     unsigned sndSize() const { return sndSize_; }
     unsigned sndBuf() const { return sndBufSize_; }
+    std::int32_t& lastRead() { return lastReadTime_; }
+    std::int32_t& lastWrite() { return lastWriteTime_; }
 };
 
 // A queued socket on one end of a connected loopback pair (peer: p.server).
@@ -51,12 +55,59 @@ std::string SendAll(ProbeSocket* q, int peer, size_t n) {
 
 }  // namespace
 
+// An exact-count read that ends on a chunk boundary takes whole chunks and
+// leaves the next chunk, whole, at the front of the input queue.
+TEST(QueuedTcpSocket, ReadBlockEndingOnAChunkBoundaryLeavesTheNextChunkWhole) {
+    struct Row {
+        int take;
+        const char* taken;
+        int front_after;  // IsQueuedData(1) afterwards
+    } rows[] = {{3, "abc", 4}, {7, "abcdefg", 2}, {9, "abcdefghi", 0}, {5, "abcde", 2}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE("ReadBlock of " + std::to_string(row.take));
+        Connected c;
+        int status = -1;
+        for (const char* part : {"abc", "defg", "hi"}) {
+            ASSERT_TRUE(testnet::WriteAll(c.p.server.get(), part, std::strlen(part)));
+            ASSERT_EQ(c.q.Poll(POLL_READ, 5, 0), POLL_READ);
+            ASSERT_TRUE(c.q.Process(POLL_READ, &status));
+        }
+        char buf[16] = {};
+        ASSERT_EQ(c.q.ReadBlock(buf, row.take), row.take);
+        EXPECT_EQ(std::string(buf, size_t(row.take)), row.taken);
+        EXPECT_EQ(c.q.IsQueuedData(1), row.front_after);
+        EXPECT_EQ(c.q.ReadBlock(nullptr, 0), 9 - row.take);  // what is left, in all
+        if (row.front_after > 0) {
+            EXPECT_EQ(c.q.Read(buf, row.front_after), row.front_after);  // room for exactly the chunk
+        }
+    }
+}
+
+// Process stamps the time of the last send and of the last receive.
+TEST(QueuedTcpSocket, ProcessStampsItsLastSendAndItsLastReceive) {
+    Connected c;
+    c.q.lastRead() = c.q.lastWrite() = 0;
+    const std::int32_t start = static_cast<std::int32_t>(std::time(nullptr));
+    char data[4] = "abc";
+    ASSERT_EQ(c.q.Write(data, 3), 3);
+    int status = -1;
+    ASSERT_EQ(c.q.Poll(POLL_WRITE, 5, 0), POLL_WRITE);
+    EXPECT_TRUE(c.q.Process(POLL_WRITE, &status));
+    EXPECT_GE(c.q.lastWrite(), start);
+    EXPECT_EQ(c.q.lastRead(), 0);  // nothing received yet
+    ASSERT_TRUE(testnet::WriteAll(c.p.server.get(), data, 3));
+    ASSERT_EQ(c.q.Poll(POLL_READ, 5, 0), POLL_READ);
+    EXPECT_TRUE(c.q.Process(POLL_READ, &status));
+    EXPECT_GE(c.q.lastRead(), start);
+}
+
 TEST(SocketQueue, KeepsOrderAndFollowsTheOwnershipRules) {
     ProbeQueue q;
     char abc[] = "abc", defg[] = "defg", xy[] = "xy", out[8] = {};
     EXPECT_EQ(q.Get(nullptr, 0), 0);
     EXPECT_EQ(q.PutFront(abc, 3, 1), 3);  // on an empty queue: head and tail
-    EXPECT_TRUE(q.head() != nullptr && q.head() == q.tail());
+    EXPECT_NE(q.head(), nullptr);
+    EXPECT_EQ(q.head(), q.tail());
     q.PutBack(defg, 4, 1);
     q.PutFront(xy, 2, 1);
     EXPECT_EQ(q.Get(nullptr, 1), 2);  // peek: nothing taken
@@ -70,7 +121,8 @@ TEST(SocketQueue, KeepsOrderAndFollowsTheOwnershipRules) {
     EXPECT_EQ(std::string(static_cast<char*>(handed), 3), "abc");
     delete[] static_cast<unsigned char*>(handed);
     EXPECT_EQ(q.Get(&at, 1), 4);
-    EXPECT_TRUE(q.head() == nullptr && q.tail() == nullptr);
+    EXPECT_EQ(q.head(), nullptr);
+    EXPECT_EQ(q.tail(), nullptr);
 
     // Put without copying, taken with a copy: the queue array-deletes our
     // buffer (LeakSanitizer reports it otherwise).
@@ -81,7 +133,8 @@ TEST(SocketQueue, KeepsOrderAndFollowsTheOwnershipRules) {
     q.PutBack(kept, 2, 0);
     q.PutBack(abc, 3, 1);
     q.Clear();
-    EXPECT_TRUE(q.Empty() && q.Size() == 0);
+    EXPECT_TRUE(q.Empty());
+    EXPECT_EQ(q.Size(), 0);
     kept[1] = 7;  // still ours: ASan stops here on a use after free
     delete[] kept;
 
@@ -95,7 +148,9 @@ TEST(SocketQueue, KeepsOrderAndFollowsTheOwnershipRules) {
 TEST(QueuedTcpSocket, ManyWritesAreQueuedThenDrainedByProcessByteExact) {
     ProbeSocket small(4096, 100);  // receive size first; below 1024 becomes 1024
     ASSERT_EQ(small.Open(), 0);
-    EXPECT_EQ(small.rcvSize() + small.sndSize() + small.sndBuf(), 4096u + 1024u + 1024u);
+    EXPECT_EQ(small.rcvSize(), 4096u);
+    EXPECT_EQ(small.sndSize(), 1024u);
+    EXPECT_EQ(small.sndBuf(), 1024u);
     Connected c;
     std::string expected;
     for (unsigned i = 0; i < 600; ++i) {
@@ -117,8 +172,10 @@ TEST(QueuedTcpSocket, PartlyAcceptedChunkLeavesItsTailFirstInTheOutputQueue) {
     c.q.Write(&a[0], int(a.size()));
     c.q.Write(&b[0], int(b.size()));
     int status = -1;
-    EXPECT_TRUE(c.q.Process(POLL_WRITE, &status) && status == 0);
-    EXPECT_TRUE(c.q.IsQueuedData(2) > 0 && c.q.IsQueuedData(2) < int(a.size())) << c.q.IsQueuedData(2);
+    EXPECT_TRUE(c.q.Process(POLL_WRITE, &status));
+    EXPECT_EQ(status, 0);
+    EXPECT_GT(c.q.IsQueuedData(2), 0);
+    EXPECT_LT(c.q.IsQueuedData(2), int(a.size()));
     EXPECT_TRUE(SendAll(&c.q, c.p.server.get(), a.size() + b.size()) == a + b);
 }
 
@@ -147,7 +204,8 @@ TEST(QueuedTcpSocket, ReadTakesWholeChunksAndReadBlockCutsAcrossThem) {
     EXPECT_EQ(c.q.IsQueuedData(1), 1024);
     c.q.Write(buf, 4);
     EXPECT_EQ(c.q.Close(), 0);
-    EXPECT_EQ(c.q.IsQueuedData(1) + c.q.IsQueuedData(2), 0);
+    EXPECT_EQ(c.q.IsQueuedData(1), 0);
+    EXPECT_EQ(c.q.IsQueuedData(2), 0);
 }
 
 TEST(QueuedTcpSocket, PeerCloseQueuesTheCloseMarkerWithReceiveFlag) {
@@ -155,7 +213,8 @@ TEST(QueuedTcpSocket, PeerCloseQueuesTheCloseMarkerWithReceiveFlag) {
     c.p.server.reset();
     ASSERT_EQ(c.q.Poll(POLL_READ, 5, 0), POLL_READ);
     int status = -1;
-    EXPECT_TRUE(c.q.Process(POLL_READ, &status) && status == 1);
+    EXPECT_TRUE(c.q.Process(POLL_READ, &status));
+    EXPECT_EQ(status, 1);
     char buf[32] = {};
     ASSERT_EQ(c.q.Read(buf, sizeof buf), QTCPSOCK_CLOSE_SIZE);
     EXPECT_EQ(std::memcmp(buf, "QTCPSOCK_CLOSE\0", 15), 0);
@@ -171,7 +230,8 @@ TEST(QueuedTcpSocket, WriteFailureSetsSendFlagAndSkipsTheReceive) {
     c.q.Write(buf, 1);
     capture::Scope log;
     int status = -1;
-    EXPECT_TRUE(c.q.Process(POLL_READ | POLL_WRITE, &status) && status == 2);
+    EXPECT_TRUE(c.q.Process(POLL_READ | POLL_WRITE, &status));
+    EXPECT_EQ(status, 2);
     EXPECT_FALSE(capture::Contains("trying to read on fd_ "));
     EXPECT_EQ(c.q.IsQueuedData(2), 0);  // the chunk being sent is lost
     EXPECT_EQ(c.q.Read(buf, sizeof buf), QTCPSOCK_CLOSE_SIZE);

@@ -150,13 +150,15 @@ TEST(CRouteTable, AddEntryMasksDefaultsInterfacesAndMalformedMessages) {
     std::vector<CRouteEntry> e(t.Entries().begin(), t.Entries().end());
     ASSERT_EQ(e.size(), 7u);
     EXPECT_EQ(e[0].dst, inet_addr("192.0.2.0"));
-    EXPECT_EQ(e[0].dstmask + e[0].outif, 0xffffff00u + 7);
+    EXPECT_EQ(e[0].dstmask, 0xffffff00u);
+    EXPECT_EQ(e[0].outif, 7u);
     EXPECT_EQ(e[1].src, inet_addr("192.0.2.1"));
     EXPECT_EQ(e[1].srcmask | e[1].dstmask, 0u);
     EXPECT_EQ(e[2].srcmask & e[2].dstmask, 0xffffffffu);
     EXPECT_EQ(e[3].flags, ROUTE_ENTRY_DEFAULT);
     EXPECT_EQ(e[3].dstmask, 0u);
-    EXPECT_EQ(e[3].inif + e[3].outif, 8u + 7);
+    EXPECT_EQ(e[3].inif, 8u);
+    EXPECT_EQ(e[3].outif, 7u);
     EXPECT_EQ(e[4].dstmask, 0xffffffffu);
     EXPECT_EQ(e[5].outif, 0u);
     EXPECT_EQ(e[6].gw, 1u);  // a 1-byte payload reads as that byte alone
@@ -414,6 +416,23 @@ TEST(DumpConversation, OnlyTheKernelsWholeUninterruptedAnswerIsHandedOver) {
     }
 }
 
+TEST(DumpConversation, ARequestTooBigToSendFailsTheSendStepWithItsErrno) {
+    Peer kernel;
+    nl::DumpConversation talk(128, kernel.port);
+    ASSERT_EQ(talk.Open().failure, nl::Failure::kNone);
+    Recorder r;
+    long len;
+    // Larger than the socket's send buffer: refused before it is delivered.
+    const int small = 4096;
+    ASSERT_EQ(setsockopt(talk.fd(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+    auto request = Datagram({Msg(RTM_GETROUTE).Rt(0, 0).Attr(RTA_DST, std::vector<unsigned char>(60000, 1))}, &len);
+    const nl::Outcome o = talk.Run(request.get(), len, r);
+    if (o.err == EPERM) GTEST_SKIP() << "netlink unicast between sockets needs CAP_NET_ADMIN";
+    EXPECT_EQ(static_cast<int>(o.failure), static_cast<int>(nl::Failure::kSend));
+    EXPECT_EQ(o.err, EMSGSIZE);
+    EXPECT_EQ(kernel.Requests(), 0);
+}
+
 TEST(RoutingDescriptors, AFullDescriptorTableFailsEveryReaderAndLeaksNothing) {
     capture::Scope log;
     CRoutesDump snapshot;  // made while descriptors are free
@@ -451,4 +470,31 @@ TEST(RoutingDescriptors, AFullDescriptorTableFailsEveryReaderAndLeaksNothing) {
     EXPECT_TRUE(restore_threw);
     EXPECT_TRUE(capture::Contains("Cannot open netlink socket (errno 24)", 1));
     EXPECT_EQ(testnet::CountOpenFds(), before);
+}
+
+TEST(RoutingDescriptors, EveryReaderAndRestoreCloseTheirSocketWhenTheyWork) {
+    capture::Scope log;
+    const int before = testnet::CountOpenFds();
+    {
+        SCOPED_TRACE("CRouteTable::Read");
+        EXPECT_GE(CRouteTable().Read(0, map), 0);
+        EXPECT_EQ(testnet::CountOpenFds(), before);
+    }
+    {
+        SCOPED_TRACE("ReadRoutes");
+        std::vector<Route> routes;
+        EXPECT_GE(ReadRoutes(routes), 0);
+        EXPECT_EQ(testnet::CountOpenFds(), before);
+    }
+    {
+        SCOPED_TRACE("snapshot");
+        CRoutesDump snapshot;
+        EXPECT_EQ(testnet::CountOpenFds(), before);
+    }
+    {
+        SCOPED_TRACE("restore of nothing");
+        CRoutesDumpImp nothing;  // loads no route: the machine's table stays as it is
+        nothing.restore();
+        EXPECT_EQ(testnet::CountOpenFds(), before);
+    }
 }

@@ -4,6 +4,9 @@
 #include <linnet/compress.h>
 #include <linnet/qfiletransf.h>
 #include <linnet/udpsocket.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -55,6 +58,68 @@ int ProcValue(const char* path) {
 
 }  // namespace
 
+// A quiet connection waits out the whole time-out, given in seconds or in
+// microseconds, below the select limit (select) and above it (poll); an
+// unnormalised microsecond count is carried into seconds on both.
+TEST(NonBlockSocketTimeOut, QuietSocketWaitsTheWholeTimeOutOnBothWaitPaths) {
+    if (!testnet::RaiseFdLimit(1200)) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE to 1200";
+    for (bool high : {false, true}) {
+        SCOPED_TRACE(high ? "poll path" : "select path");
+        testnet::Pair pair = testnet::MakeTcpPair();
+        RawSocket s;
+        s.OpenFD(high ? ::fcntl(pair.server.get(), F_DUPFD_CLOEXEC, 1100) : pair.server.release(), 0);
+        testnet::ExpectQuietWaitsTheirWholeTime([&s](int sec, int usec) { return s.Poll(POLL_READ, sec, usec); });
+        const auto t0 = testnet::Clock::now();
+        EXPECT_EQ(s.Poll(POLL_READ, 0, 1100000), 0);
+        EXPECT_GE(testnet::SecondsSince(t0), 1.0);
+    }
+}
+
+// A TCP socket that was never connected is hung up: select reports it
+// readable and writable, and so does the poll path above the select limit.
+TEST(NonBlockSocketTimeOut, UnconnectedSocketIsReadableAndWritableOnBothWaitPaths) {
+    if (!testnet::RaiseFdLimit(1200)) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE to 1200";
+    for (bool high : {false, true}) {
+        SCOPED_TRACE(high ? "poll path" : "select path");
+        testnet::Fd fresh(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        RawSocket s;
+        s.OpenFD(high ? ::fcntl(fresh.get(), F_DUPFD_CLOEXEC, 1100) : fresh.release(), 0);
+        EXPECT_EQ(s.Poll(POLL_READ | POLL_WRITE, 1, 0), POLL_READ | POLL_WRITE);
+    }
+}
+
+// Each maximum is read from its own file: in a child with a private mount
+// namespace, two files with different values are bound over the kernel's.
+// Neither read leaves its file open.
+TEST(SocketBuffers, EachKernelMaximumComesFromItsOwnProcFile) {
+    char wpath[] = "/tmp/linnet-wmem-XXXXXX", rpath[] = "/tmp/linnet-rmem-XXXXXX";
+    testnet::Fd w(::mkstemp(wpath)), r(::mkstemp(rpath));
+    ASSERT_GE(w.get(), 0);
+    ASSERT_GE(r.get(), 0);
+    ASSERT_EQ(::write(w.get(), "271828\n", 7), 7);
+    ASSERT_EQ(::write(r.get(), "314159\n", 7), 7);
+    const long kRefused = -1000;
+    std::string why;
+    const std::vector<long> got = testnet::InChild([&]() -> std::vector<long> {
+        if (::unshare(CLONE_NEWNS) < 0) return {kRefused};
+        if (::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) < 0) return {kRefused};
+        if (::mount(wpath, "/proc/sys/net/core/wmem_max", "none", MS_BIND, nullptr) < 0) return {kRefused};
+        if (::mount(rpath, "/proc/sys/net/core/rmem_max", "none", MS_BIND, nullptr) < 0) return {kRefused};
+        RawSocket probe;
+        const long before = testnet::CountOpenFds();
+        const long snd = probe.GetMaxSndBufSize(), rcv = probe.GetMaxRcvBufSize();
+        return {snd, rcv, testnet::CountOpenFds() - before};
+    }, &why);
+    ::unlink(wpath);
+    ::unlink(rpath);
+    ASSERT_FALSE(got.empty()) << why;
+    if (got[0] == kRefused) GTEST_SKIP() << "a private mount namespace is refused here";
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_EQ(got[0], 271828);
+    EXPECT_EQ(got[1], 314159);
+    EXPECT_EQ(got[2], 0) << "descriptors left open by the two reads";
+}
+
 TEST(NonBlockSocket, CloseTwiceIsHarmlessAndKeepsTheAddress) {
     RawSocket s;
     EXPECT_EQ(s.Bind(testnet::Loopback(), 0), -22);  // no descriptor yet
@@ -71,7 +136,10 @@ TEST(NonBlockSocket, CloseTwiceIsHarmlessAndKeepsTheAddress) {
     EXPECT_EQ(s.Close(), 0);
     EXPECT_FALSE(testnet::IsOpen(fd));
     EXPECT_EQ(s.fd(), -1);
-    EXPECT_EQ(s.GetInitState() + s.GetState() + s.events() + s.port(), 0);
+    EXPECT_EQ(s.GetInitState(), 0);
+    EXPECT_EQ(s.GetState(), 0);
+    EXPECT_EQ(s.events(), 0);
+    EXPECT_EQ(s.port(), 0);
     EXPECT_EQ(s.addr(), testnet::Loopback());  // the last address stays readable
     EXPECT_EQ(s.Close(), 0);
 }
@@ -84,7 +152,8 @@ TEST(NonBlockSocket, CloseForgetsDescriptorZeroWithoutClosingIt) {
         RawSocket s;
         s.OpenFD(0, 7);
         EXPECT_EQ(s.Close(), 0);
-        EXPECT_TRUE(s.fd() == -1 && s.GetInitState() == 0);
+        EXPECT_EQ(s.fd(), -1);
+        EXPECT_EQ(s.GetInitState(), 0);
         EXPECT_EQ(testnet::IntOpt(0, SOL_SOCKET, SO_TYPE), SOCK_DGRAM);  // still open
     }
     ::dup2(saved, 0);
@@ -137,7 +206,8 @@ TEST(NonBlockSocket, ShutdownForgetsTheDescriptorButLeavesItOpen) {
     s.OpenFD(fd, 99);
     EXPECT_EQ(s.Shutdown(), 0);
     EXPECT_EQ(s.fd(), -1);
-    EXPECT_EQ(s.GetInitState() + s.port(), 0);
+    EXPECT_EQ(s.GetInitState(), 0);
+    EXPECT_EQ(s.port(), 0);
     EXPECT_TRUE(testnet::IsOpen(fd));
     char c;
     EXPECT_EQ(::read(pair.client.get(), &c, 1), 0);  // the peer sees the shutdown

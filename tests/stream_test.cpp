@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -145,6 +146,48 @@ TEST(SockStream, SilentPeerCostsFinalTimeoutAndBlockedWriteReturnsZero) {
     EXPECT_LT(SecondsSince(t0), 5.0);
 }
 
+// The final time-out counts from the last time the socket was ready, not
+// from the start: a peer that sends a byte every half second for 3.5 s is
+// read whole under a 2 s final time-out. Each step waits its own time-out.
+TEST(SockStream, SlowSteadyPeerIsNeverCutOffAndEachStepWaitsItsTimeOut) {
+    Link l;
+    SockStream s(&l.sock, 200000, 2);
+    const char kSlow[] = "0123456";
+    std::thread peer([&l, &kSlow] {
+        for (int i = 0; i < 7; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));  // the peer's pace
+            if (::send(l.peer(), kSlow + i, 1, MSG_NOSIGNAL) != 1) return;
+        }
+    });
+    char got[7] = {};
+    const auto t0 = testnet::Clock::now();
+    const int r = s.Read(got, sizeof got);
+    peer.join();
+    ASSERT_EQ(r, 7);
+    EXPECT_EQ(std::string(got, 7), "0123456");
+    EXPECT_GE(SecondsSince(t0), 3.0);
+
+    s.SetTimeouts(300000, 0);  // one step of 0.3 s, then the end
+    auto t1 = testnet::Clock::now();
+    EXPECT_EQ(s.Read(got, 1), -110);
+    EXPECT_GE(SecondsSince(t1), 0.25);
+    l.sock.SetSndBufSize(4096);
+    std::vector<char> big(16 << 20);
+    t1 = testnet::Clock::now();
+    EXPECT_EQ(s.Write(big.data(), big.size()), 0);  // the peer never reads
+    EXPECT_GE(SecondsSince(t1), 0.25);
+}
+
+// The socket's own code of a failed write comes back from the stream.
+TEST(SockStream, WriteToAResetPeerReturnsTheSocketsCode) {
+    Link l;
+    testnet::SetLingerZero(l.peer());
+    l.pair.server.reset();
+    ASSERT_EQ(l.sock.Poll(POLL_READ, 5, 0), POLL_READ);  // the reset has arrived
+    char data[16] = {};
+    EXPECT_EQ(SockStream(&l.sock, 200000, 1).Write(data, sizeof data), -14);
+}
+
 TEST(SockStream, FlushDrainsWithoutPolling) {
     Link l;
     SockStream s(&l.sock, 100000, 1);
@@ -153,7 +196,8 @@ TEST(SockStream, FlushDrainsWithoutPolling) {
     ASSERT_EQ(l.sock.Poll(POLL_READ, 2, 0), POLL_READ);
     l.sock.reads = l.sock.polls = 0;
     s.Flush();
-    EXPECT_TRUE(l.sock.reads == 11 && l.sock.polls == 0) << l.sock.reads << " reads";
+    EXPECT_EQ(l.sock.reads, 11);
+    EXPECT_EQ(l.sock.polls, 0);
 }
 
 TEST(SockStreamBlock, HeaderIsTheLengthInHostByteOrderAndAnEmptyBlockIsThatAlone) {
@@ -166,7 +210,8 @@ TEST(SockStreamBlock, HeaderIsTheLengthInHostByteOrderAndAnEmptyBlockIsThatAlone
     unsigned char header[4];
     const bool ok = testnet::ReadAll(l.peer(), header, 4) && testnet::ReadAll(l.peer(), got.data(), kLen);
     writer.join();
-    ASSERT_TRUE(ok && result == 0);
+    ASSERT_TRUE(ok);
+    ASSERT_EQ(result, 0);
     EXPECT_EQ(std::vector<unsigned char>(header, header + 4), (std::vector<unsigned char>{4, 3, 2, 1}));
     EXPECT_TRUE(got == body);
 
@@ -181,7 +226,8 @@ TEST(SockStreamBlock, HeaderIsTheLengthInHostByteOrderAndAnEmptyBlockIsThatAlone
     unsigned char sentinel = 0, *out = &sentinel;
     unsigned size = 77;
     EXPECT_EQ(s.ReadBlock(&out, &size, 0), 0);
-    EXPECT_TRUE(out == &sentinel && size == 77u);
+    EXPECT_EQ(out, &sentinel);
+    EXPECT_EQ(size, 77u);
 }
 
 TEST(SockStreamBlock, LimitAcceptsItsOwnSizeAndLeavesABiggerBodyUnread) {
@@ -195,7 +241,9 @@ TEST(SockStreamBlock, LimitAcceptsItsOwnSizeAndLeavesABiggerBodyUnread) {
     unsigned char* body = nullptr;
     unsigned size = 0;
     ASSERT_EQ(s.ReadBlock(&body, &size, 100), 0);
-    EXPECT_TRUE(size == 100u && body[0] + body[99] == 200);
+    ASSERT_EQ(size, 100u);
+    EXPECT_EQ(body[0], 100);
+    EXPECT_EQ(body[99], 100);
     delete[] body;
     body = nullptr;
     capture::Scope log;
@@ -289,6 +337,20 @@ TEST(SockStreamSignals, PeriodicTimerNeitherCutsWritesNorEndsReads) {
     late.join();
     EXPECT_EQ(read, 4);
     EXPECT_EQ(std::memcmp(buf, "late", 4), 0);
+
+    // A quiet peer: the step of half a second is resumed after every tick
+    // for what is left of it, so the read ends after the whole step.
+    Link quiet;
+    double waited = 0;
+    {
+        IntervalTimer timer(10000);
+        const auto t0 = testnet::Clock::now();
+        read = SockStream(&quiet.sock, 500000, 0).Read(buf, 4);
+        waited = SecondsSince(t0);
+    }
+    EXPECT_EQ(read, -110);
+    EXPECT_GE(waited, 0.45);
+    EXPECT_LT(waited, 5.0);
 }
 
 TEST(SockStreamBlock, BlockCutShortByTheStepTimeOutIsAFailureOfThatStep) {

@@ -75,7 +75,8 @@ TEST(UdpSocket, ConnectTouchesNoSystemCallAndPlainReadOverwritesThePeer) {
     EXPECT_EQ(getpeername(Members::fd(s), reinterpret_cast<sockaddr*>(&sa), &len), -1);
     char buf[8];
     EXPECT_EQ(s.Read(buf, sizeof buf), 0);  // nothing waiting, still overwritten
-    EXPECT_EQ(Members::addr(s) + Members::port(s), 0u);
+    EXPECT_EQ(Members::addr(s), 0u);
+    EXPECT_EQ(Members::port(s), 0u);
     EXPECT_EQ(s.Read(buf, -1), -22);  // refused before a datagram could overrun buf
 }
 
@@ -104,3 +105,41 @@ TEST(UdpSocket, EspecialTimeToLiveIsPutBackAlsoWhenTheSendFails) {
     EXPECT_EQ(a.GetValueTimeToLive(), 33);
 }
 
+
+// An adopted UDP descriptor that the kernel connected to a closed port: the
+// refusal (ICMP port unreachable on loopback) comes back from Read as
+// -ECONNREFUSED, not as "nothing yet".
+TEST(UdpSocket, AdoptedConnectedDescriptorReportsARefusedPort) {
+    unsigned short closed = 0;
+    {
+        testnet::Fd probe(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_addr.s_addr = testnet::Loopback();
+        ASSERT_EQ(::bind(probe.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
+        closed = testnet::LocalPort(probe.get());
+    }  // the port is free again
+    testnet::Fd raw(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(closed);
+    to.sin_addr.s_addr = testnet::Loopback();
+    ASSERT_EQ(::connect(raw.get(), reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+    UDPSocket s;
+    ASSERT_EQ(s.OpenFD(raw.release(), 0), 0);
+    char data[8] = "knock";
+    ASSERT_EQ(s.Write(testnet::Loopback(), closed, data, 5), 5);
+    ASSERT_EQ(s.Poll(POLL_READ, 2, 0), POLL_READ);  // the error is pending
+    EXPECT_EQ(s.Read(data, sizeof data), -ECONNREFUSED);
+}
+
+// OpenFD keeps the peer port unless it is given one.
+TEST(UdpSocket, OpenFDKeepsThePortUnlessGivenOne) {
+    for (unsigned short given : {static_cast<unsigned short>(0), static_cast<unsigned short>(77)}) {
+        SCOPED_TRACE(given);
+        UDPSocket s;
+        EXPECT_EQ(s.Connect(testnet::Loopback(), 4242, 0, 0), 0);
+        EXPECT_EQ(s.OpenFD(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), given), 0);
+        EXPECT_EQ(Members::port(s), given != 0 ? given : 4242);
+    }
+}

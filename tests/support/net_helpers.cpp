@@ -7,8 +7,11 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -101,6 +104,66 @@ bool RaiseFdLimit(unsigned long n) {
     if (rl.rlim_max < n) rl.rlim_max = n;  // needs CAP_SYS_RESOURCE
     rl.rlim_cur = n;
     return setrlimit(RLIMIT_NOFILE, &rl) == 0;
+}
+
+void ExpectQuietWaitsTheirWholeTime(const std::function<int(int sec, int usec)>& wait) {
+    const struct {
+        int sec, usec;
+        double at_least;
+    } rows[] = {{0, 250000, 0.2}, {1, 0, 0.9}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(std::to_string(r.sec) + " s " + std::to_string(r.usec) + " us");
+        const auto t0 = Clock::now();
+        EXPECT_EQ(wait(r.sec, r.usec), 0);
+        const double waited = SecondsSince(t0);
+        EXPECT_GE(waited, r.at_least);
+        EXPECT_LT(waited, r.at_least + 5.0);
+    }
+}
+
+bool FillFdTable() {
+    rlimit rl{};
+    if (getrlimit(RLIMIT_NOFILE, &rl) < 0) return false;
+    rl.rlim_cur = 256;
+    if (setrlimit(RLIMIT_NOFILE, &rl) < 0) return false;
+    for (int i = 0; i < 256; ++i)
+        if (::dup(2) < 0) return errno == EMFILE;
+    return false;
+}
+
+std::vector<long> InChild(const std::function<std::vector<long>()>& body, std::string* why) {
+    int link[2];
+    if (::pipe2(link, O_CLOEXEC) < 0) {
+        if (why) *why = "pipe failed";
+        return {};
+    }
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        ::close(link[0]);
+        ::close(link[1]);
+        if (why) *why = "fork failed";
+        return {};
+    }
+    if (pid == 0) {
+        ::close(link[0]);
+        const std::vector<long> out = body();
+        // One write: a few numbers fit the pipe's buffer whole.
+        const ssize_t want = static_cast<ssize_t>(out.size() * sizeof(long));
+        ::_exit(::write(link[1], out.data(), static_cast<std::size_t>(want)) == want ? 0 : 1);
+    }
+    ::close(link[1]);
+    std::vector<long> got;
+    long v;
+    while (ReadAll(link[0], &v, sizeof v)) got.push_back(v);
+    ::close(link[0]);
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        if (why) *why = "child ended with status " + std::to_string(status);
+        return {};
+    }
+    return got;
 }
 
 long ResidentKb() {

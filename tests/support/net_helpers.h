@@ -6,7 +6,9 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <string>
+#include <vector>
 
 namespace testnet {
 
@@ -61,6 +63,18 @@ bool IsOpen(int fd);
 int CountOpenFds();
 // Raises RLIMIT_NOFILE to at least n; false when not allowed.
 bool RaiseFdLimit(unsigned long n);
+// Calls wait(sec, usec) for a quarter second in microseconds, then for one
+// second in seconds; each call on a quiet descriptor must give 0 after its
+// whole time, within a generous upper bound (gtest failures, one per check).
+void ExpectQuietWaitsTheirWholeTime(const std::function<int(int sec, int usec)>& wait);
+// Lowers RLIMIT_NOFILE to 256 and takes every free descriptor below it, so
+// the next open of any kind fails with EMFILE. For forked children only: the
+// descriptors are never given back.
+bool FillFdTable();
+// Runs `body` in a forked child and returns the numbers it produced; empty
+// when the child died or could not be forked (the reason in *why). The child
+// ends with _exit, so nothing of the test framework runs twice.
+std::vector<long> InChild(const std::function<std::vector<long>()>& body, std::string* why = nullptr);
 // Resident memory of this process (VmRSS in /proc/self/status), KiB; -1 if unknown.
 long ResidentKb();
 // How much wider bounds on resident memory are than in a plain run: 64 under
