@@ -14,5 +14,7 @@
 #include <linnet/compress.h>
 #include <linnet/netif.h>
 #include <linnet/routing.h>
+#include <linnet/blockserver.h>
+#include <linnet/version.h>
 
 #endif
