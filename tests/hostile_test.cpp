@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "echo_clients.h"
+#include "text_like.h"
 
 namespace {
 
@@ -70,11 +71,7 @@ std::string NeverReadReplies(int fd) {
 }
 
 // Bytes zlib cannot shrink, so that compressed replies fill buffers fast.
-std::string Noise(std::size_t n, unsigned seed) {
-    std::string s(n, '\0');
-    for (char& c : s) seed ^= seed << 13, seed ^= seed >> 17, seed ^= seed << 5, c = static_cast<char>(seed);
-    return s;
-}
+std::string Noise(std::size_t n, unsigned seed) { return testdata::RandomBytes(n, seed); }
 
 // A compressed client on the hostile descriptor; forgets it on leaving (the
 // runner closes it), so the destructor's final flush cannot wait.

@@ -213,37 +213,6 @@ TEST(CRoutesDump, RouteSavedWhileItsLinkWasDownComesBack) {
     EXPECT_FALSE(capture::Contains("refused", 1));
 }
 
-TEST(CRouteTable, MultipathRouteKeptOnlyThroughAMappedNextHop) {
-    REQUIRE_NETNS();
-    Veth veth;
-    Sh("ip link add v2 type veth peer name v3 && ip link set v2 up && ip link set v3 up && "
-       "ip addr add 203.0.113.1/24 dev v2");
-    Sh("ip route add 192.0.2.32/28 nexthop via 198.51.100.254 dev v0 nexthop via 203.0.113.254 dev v2");
-    const unsigned lo = if_nametoindex("lo"), v2 = if_nametoindex("v2");
-    struct {
-        std::map<unsigned int, unsigned int> ifmap;
-        bool kept;
-        unsigned outif;
-        const char* gw;
-    } const rows[] = {
-        {{{lo, 0}}, false, 0, nullptr},
-        {{{lo, 1}, {v2, 2}}, true, 2, "203.0.113.254"},
-        {{{veth.index, 5}, {v2, 2}}, true, 5, "198.51.100.254"},
-    };
-    for (const auto& r : rows) {
-        CRouteTable t;
-        ASSERT_EQ(t.Read(ROUTE_FILTER_TABLE_MAIN, r.ifmap), 0);
-        const CRouteEntry* found = nullptr;
-        for (const CRouteEntry& e : t.Entries())
-            if (e.dst == inet_addr("192.0.2.32")) found = &e;
-        EXPECT_EQ(found != nullptr, r.kept) << r.outif;
-        if (!found) continue;
-        EXPECT_EQ(found->outif, r.outif);
-        EXPECT_EQ(found->gw, inet_addr(r.gw));
-    }
-    Sh("ip link del v2");
-}
-
 TEST(LinnetRoutes, JsonEqualsIpForEveryRouteType) {
     REQUIRE_NETNS();
     char self[4096];
