@@ -23,9 +23,11 @@ make -s -C "$root" install-files BUILD="$build_dir" DESTDIR="$stage" PREFIX="$pr
 p=$stage$prefix
 libdir=$(dirname "$(find "$p" -name 'liblinnet.so.1' | head -1)")
 test -L "$libdir/liblinnet.so" && test -L "$libdir/liblinnet.so.1" || fail "soname links missing"
-for f in include/linnet/linnet.h include/linnet/version.h share/doc/linnet/LICENSE \
-         share/doc/linnet/README.md; do
+for f in include/linnet/version.h share/doc/linnet/LICENSE share/doc/linnet/README.md; do
     test -f "$p/$f" || fail "$f not installed"
+done
+for h in "$root"/include/linnet/*.h; do  # every public header of the tree
+    test -f "$p/include/linnet/${h##*/}" || fail "include/linnet/${h##*/} not installed"
 done
 test -f "$libdir/cmake/linnet/linnet-config.cmake" || fail "no CMake package file"
 grep -qx 'Requires.private: zlib' "$libdir/pkgconfig/linnet.pc" || fail "linnet.pc does not name zlib"
