@@ -1,15 +1,12 @@
 // linnet-block-server: the library's block server (linnet/blockserver.h) as
 // a program that tells why every connection ended and what it cost.
-#include <arpa/inet.h>
 #include <linnet/blockserver.h>
-#include <netinet/in.h>
 
-#include <csignal>
 #include <cstdio>
-#include <string>
 
 #include "args.h"
 #include "hooks.h"
+#include "serve.h"
 
 namespace {
 
@@ -32,9 +29,6 @@ const char kUsage[] =
     "  print the totals. Exit status 0 when stopped, 1 when it cannot listen or\n"
     "  its loop fails, 2 for a usage error.\n";
 
-volatile std::sig_atomic_t g_stop = 0;
-void OnSignal(int) { g_stop = 1; }
-
 struct LoggingServer : CBlockServer {
     using CBlockServer::CBlockServer;
     void OnEnd(const CBlockRecord& e) override {
@@ -49,42 +43,16 @@ struct LoggingServer : CBlockServer {
 
 int main(int argc, char** argv) {
     InitLogFromEnvironment();
-    unsigned short port = 0;
-    unsigned int ip = htonl(INADDR_LOOPBACK);
-    bool compress = false;
-    CBlockOptions o;
+    ServeArgs a;
     args::Parser parser(kProgram, kUsage);
-    parser.Port("--port", &port, args::kAnyPort)
-        .Host("--host", &ip)
-        .Number("--max-block", &o.maxBlock, 0u, 256u << 20)
-        .Seconds("--deadline", &o.deadlineMs, 1, 3600 * 1000)
-        .Seconds("--idle", &o.idleMs, 0, 86400 * 1000)
-        .Flag("--compress", &compress);
+    AddServeOptions(parser, &a);
     if (const int rc = parser.Parse(argc, argv); rc != args::kRun) return rc;
-    o.compress = compress ? 1 : 0;
-    in_addr a{};
-    a.s_addr = ip;
-    const std::string host = inet_ntoa(a);
-
-    LoggingServer server(o);
-    if (const int r = server.Listen(ip, port); r != 0) {
-        std::fprintf(stderr, "%s: cannot listen on %s:%u: %s\n", kProgram, host.c_str(), port,
-                     args::ErrorText(r).c_str());
-        return 1;
-    }
-    std::signal(SIGINT, OnSignal);
-    std::signal(SIGTERM, OnSignal);
-    std::printf("listening on %s:%u\n", host.c_str(), server.Port());
-    std::fflush(stdout);
-    int r = 0;
-    while (!g_stop && (r = server.RunOnce(1000)) >= 0) {
-    }
+    a.options.compress = a.compress ? 1 : 0;
+    LoggingServer server(a.options);
+    const int r = Serve(kProgram, server, a, 1000, [] { return false; });
+    if (server.Port() == 0) return r;  // never listened
     const CBlockStats& s = server.GetStats();
     std::printf("%llu connections, %llu blocks, %llu bytes echoed, %llu accept pauses\n", s.accepted, s.blocks,
                 s.bytes, s.acceptPauses);
-    if (r < 0) {
-        std::fprintf(stderr, "%s: waiting for the clients failed: %s\n", kProgram, args::ErrorText(r).c_str());
-        return 1;
-    }
-    return 0;
+    return r;
 }

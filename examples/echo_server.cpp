@@ -1,16 +1,11 @@
 // linnet-echo-server: echoes framed blocks back to every client, optionally
 // compressed, on the library's block server: no client can stall, flood or
 // freeze the others.
-#include <arpa/inet.h>
 #include <linnet/blockserver.h>
-#include <netinet/in.h>
-
-#include <csignal>
-#include <cstdio>
-#include <string>
 
 #include "args.h"
 #include "hooks.h"
+#include "serve.h"
 
 namespace {
 
@@ -34,9 +29,6 @@ const char kUsage[] =
     "  SIGINT/SIGTERM stop it. Exit status 0 when stopped, 1 when it cannot\n"
     "  listen or its loop fails, 2 for a usage error.\n";
 
-volatile std::sig_atomic_t g_stop = 0;
-void OnSignal(int) { g_stop = 1; }
-
 // Counts the clients that have gone, for --once.
 struct EchoServer : CBlockServer {
     using CBlockServer::CBlockServer;
@@ -48,41 +40,15 @@ struct EchoServer : CBlockServer {
 
 int main(int argc, char** argv) {
     InitLogFromEnvironment();
-    unsigned short port = 0;
-    unsigned int ip = htonl(INADDR_LOOPBACK);
-    bool once = false, compress = false;
-    CBlockOptions o;
-    o.maxBlock = 16u << 20;
+    ServeArgs a;
+    a.options.maxBlock = 16u << 20;
+    bool once = false;
     args::Parser parser(kProgram, kUsage);
-    parser.Port("--port", &port, args::kAnyPort)
-        .Host("--host", &ip)
-        .Flag("--compress", &compress)
-        .Number("--max-block", &o.maxBlock, 0u, 256u << 20)
-        .Seconds("--deadline", &o.deadlineMs, 1, 3600 * 1000)
-        .Seconds("--idle", &o.idleMs, 0, 86400 * 1000)
-        .Flag("--once", &once);
+    AddServeOptions(parser, &a);
+    parser.Flag("--once", &once);
     if (const int rc = parser.Parse(argc, argv); rc != args::kRun) return rc;
-    o.compress = compress ? 1 : 0;
-    in_addr a{};
-    a.s_addr = ip;
-    const std::string host = inet_ntoa(a);
-
-    EchoServer server(o);
-    if (const int r = server.Listen(ip, port); r != 0) {
-        std::fprintf(stderr, "%s: cannot listen on %s:%u: %s\n", kProgram, host.c_str(), port,
-                     args::ErrorText(r).c_str());
-        return 1;
-    }
-    std::signal(SIGINT, OnSignal);
-    std::signal(SIGTERM, OnSignal);
-    std::printf("listening on %s:%u\n", host.c_str(), server.Port());
-    std::fflush(stdout);
-    int r = 0;
-    while (!g_stop && !(once && server.ended > 0 && server.Connections() == 0) && (r = server.RunOnce(100)) >= 0) {
-    }
-    if (r < 0) {
-        std::fprintf(stderr, "%s: waiting for the clients failed: %s\n", kProgram, args::ErrorText(r).c_str());
-        return 1;
-    }
-    return 0;
+    a.options.compress = a.compress ? 1 : 0;
+    EchoServer server(a.options);
+    return Serve(kProgram, server, a, 100,
+                 [&] { return once && server.ended > 0 && server.Connections() == 0; });
 }
