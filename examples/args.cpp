@@ -32,6 +32,19 @@ std::string SecondsText(long long ms) {
     return s + "." + frac;
 }
 
+// A setter that parses its value with `parse` (range lo..hi) and stores it
+// in *out, converted to out's type, only when the text was accepted.
+template <typename T>
+std::function<std::string(const char*)> store_parsed(std::string (*parse)(const char*, long long, long long, long long*), T* out,
+                    long long lo, long long hi) {
+    return [parse, out, lo, hi](const char* v) {
+        long long n = 0;
+        std::string e = parse(v, lo, hi, &n);
+        if (e.empty()) *out = static_cast<T>(n);
+        return e;
+    };
+}
+
 }  // namespace
 
 std::string ParseSeconds(const char* text, long long lo_ms, long long hi_ms, long long* ms) {
@@ -131,30 +144,15 @@ Parser& Parser::Number(const char* name, long long* out, long long lo, long long
 }
 
 Parser& Parser::Number(const char* name, int* out, int lo, int hi, Need need) {
-    return Add(name, true, need, [out, lo, hi](const char* v) {
-        long long n = 0;
-        std::string e = ParseNumber(v, lo, hi, &n);
-        if (e.empty()) *out = static_cast<int>(n);
-        return e;
-    });
+    return Add(name, true, need, store_parsed(ParseNumber, out, lo, hi));
 }
 
 Parser& Parser::Number(const char* name, unsigned* out, unsigned lo, unsigned hi, Need need) {
-    return Add(name, true, need, [out, lo, hi](const char* v) {
-        long long n = 0;
-        std::string e = ParseNumber(v, lo, hi, &n);
-        if (e.empty()) *out = static_cast<unsigned>(n);
-        return e;
-    });
+    return Add(name, true, need, store_parsed(ParseNumber, out, lo, hi));
 }
 
 Parser& Parser::Seconds(const char* name, int* ms, int lo_ms, int hi_ms, Need need) {
-    return Add(name, true, need, [ms, lo_ms, hi_ms](const char* v) {
-        long long n = 0;
-        std::string e = ParseSeconds(v, lo_ms, hi_ms, &n);
-        if (e.empty()) *ms = static_cast<int>(n);
-        return e;
-    });
+    return Add(name, true, need, store_parsed(ParseSeconds, ms, lo_ms, hi_ms));
 }
 
 Parser& Parser::Port(const char* name, unsigned short* out, PortZero zero, Need need) {
