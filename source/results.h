@@ -48,6 +48,13 @@ constexpr int kNoSuchInterface = -ENOENT;
 // through every attempt.
 constexpr int kDumpTruncated = -EMSGSIZE;
 constexpr int kDumpChanging = -EBUSY;
+// A route dump whose answer could not be read as one (short send, end of
+// file, a sender address of the wrong size).
+constexpr int kDumpFailed = -EIO;
+// A netlink error message too short to hold its error field.
+constexpr int kBadMessage = -EPROTO;
+// A non-blocking call with nothing to do yet (an accept without a connection).
+constexpr int kTryLater = -EAGAIN;
 // The kernel's answer to a route that is already there.
 constexpr int kRouteExists = -EEXIST;
 

@@ -105,7 +105,7 @@ void CBlockServer::Accept(long long now) {
         unsigned ip = 0;
         unsigned short port = 0;
         const int fd = listener_.Accept(&ip, &port);
-        if (fd == -EAGAIN) break;
+        if (fd == result::kTryLater) break;
         if (OutOfDescriptors(fd)) {
             // The listener stays readable while the backlog waits: polling it
             // now would spin. Left out for a while, it is tried again then.

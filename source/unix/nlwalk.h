@@ -14,6 +14,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "results.h"
+
 namespace linnet {
 namespace nl {
 
@@ -66,6 +68,12 @@ inline rtmsg* route_of(nlmsghdr* h) { return static_cast<rtmsg*>(NLMSG_DATA(h));
 inline rtattr* first_attr(nlmsghdr* h) { return RTM_RTA(route_of(h)); }
 // Only for a message of at least kErrorMsgLen bytes.
 inline nlmsgerr* error_of(nlmsghdr* h) { return static_cast<nlmsgerr*>(NLMSG_DATA(h)); }
+
+// The error field of an error message (0 for an acknowledgement), read only
+// when the message holds it; kBadMessage when it does not.
+inline int error_code(nlmsghdr* h) {
+    return static_cast<long>(h->nlmsg_len) >= kHeaderLen + 4 ? error_of(h)->error : result::kBadMessage;
+}
 
 // A whole attribute header lies within `len`, and so does its rta_len.
 inline bool attr_ok(const rtattr* a, long len) {

@@ -24,23 +24,6 @@ namespace {
 const unsigned int kSlots = 16;      // attribute types kept: 0 to 15
 const size_t kMaxPayload = 0xffff - 4;  // what a 16-bit rta_len can carry
 
-// The snapshot's requests: header and rtmsg, 28 bytes before attributes.
-struct RouteRequest {
-    nlmsghdr hdr;
-    rtmsg rtm;
-};
-
-nlmsghdr request_header(unsigned short type, unsigned short flags) {
-    nlmsghdr h;
-    std::memset(&h, 0, sizeof h);
-    h.nlmsg_len = sizeof(RouteRequest);
-    h.nlmsg_type = type;
-    h.nlmsg_flags = flags;
-    h.nlmsg_seq = nl::kSeq;
-    h.nlmsg_pid = static_cast<uint32_t>(::getpid());
-    return h;
-}
-
 // Every byte in decimal, dotted. An empty payload prints as one 0 byte
 // rather than reading a byte that is not there.
 void print_dotted(std::ostream& os, const std::vector<unsigned char>& d) {
@@ -152,14 +135,14 @@ namespace route {
 
 std::vector<unsigned char> LoadRequest(const Route& r) {
     // Size the request first, with the same padding rule as the writes below.
-    long total = sizeof(RouteRequest);
+    long total = sizeof(linnet::route::RouteRequest);
     for (const Attr& a : r.attrs)
         if (a.type != 0 && a.data.size() <= kMaxPayload)
             total = nl::align(total) + nl::kAttrHeaderLen + static_cast<long>(a.data.size());
     std::vector<unsigned char> buf(static_cast<size_t>(nl::align(total)), 0);
 
-    RouteRequest req;
-    req.hdr = request_header(RTM_NEWROUTE, NLM_F_REQUEST | NLM_F_CREATE | NLM_F_EXCL);
+    linnet::route::RouteRequest req;
+    req.hdr = linnet::route::RequestHeader(RTM_NEWROUTE, NLM_F_REQUEST | NLM_F_CREATE | NLM_F_EXCL);
     req.rtm = r.rtm;
     long len = sizeof req;
     for (const Attr& a : r.attrs) {
@@ -261,10 +244,7 @@ CRoutesDump::CRoutesDump() : ok_(true), imp_(new CRoutesDumpImp) {
             linnet::route::HandOver sock;  // may throw netlinkX
             talk.Adopt(sock.release());
         }
-        RouteRequest req;
-        std::memset(&req, 0, sizeof req);
-        req.hdr = request_header(RTM_GETROUTE, NLM_F_REQUEST | NLM_F_DUMP);
-        req.rtm.rtm_family = AF_INET;
+        linnet::route::RouteRequest req = linnet::route::DumpRequest();
         SnapshotReader reader(this, imp_);
         const nl::Outcome o = talk.Run(&req, sizeof req, reader);
         switch (o.failure) {

@@ -8,12 +8,16 @@
 #include <cstring>
 
 #include "logger/log.h"
+#include "results.h"
+#include "sockops.h"
 #include "unix/nldump.h"
 #include "unix/nlwalk.h"
+#include "unix/routeload.h"
 
 static const char kLogFile[] = "source/unix/routelist";
 
 namespace nl = linnet::nl;
+namespace result = linnet::result;
 
 namespace {
 
@@ -28,10 +32,8 @@ public:
             if (h->nlmsg_seq != nl::kSeq) continue;
             if (h->nlmsg_type == nl::kDone) return 0;
             if (h->nlmsg_type == nl::kError) {
-                const int e = static_cast<long>(h->nlmsg_len) >= nl::kHeaderLen + 4
-                                  ? nl::error_of(h)->error
-                                  : 0;
-                return e < 0 ? e : -EPROTO;
+                const int e = nl::error_code(h);
+                return e < 0 ? e : result::kBadMessage;
             }
             if (h->nlmsg_type == RTM_NEWROUTE && nl::route_payload_len(h) >= 0)
                 out_->push_back(Route(h));
@@ -50,29 +52,19 @@ int ReadRoutes(std::vector<Route>& out) {
     nl::DumpConversation talk;
     nl::Outcome o = talk.Open();
     if (o.failure == nl::Failure::kNone) {
-        struct {
-            nlmsghdr hdr;
-            rtmsg rtm;
-        } req;
-        std::memset(&req, 0, sizeof req);
-        req.hdr.nlmsg_len = sizeof req;
-        req.hdr.nlmsg_type = RTM_GETROUTE;
-        req.hdr.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-        req.hdr.nlmsg_seq = nl::kSeq;
-        req.hdr.nlmsg_pid = static_cast<uint32_t>(::getpid());
-        req.rtm.rtm_family = AF_INET;
+        linnet::route::RouteRequest req = linnet::route::DumpRequest();
         ListReader reader(&out);
         o = talk.Run(&req, sizeof req, reader);
     }
     int code;
     switch (o.failure) {
         case nl::Failure::kNone: code = o.result; break;
-        case nl::Failure::kTruncated: code = -EMSGSIZE; break;
-        case nl::Failure::kChanging: code = -EBUSY; break;
+        case nl::Failure::kTruncated: code = result::kDumpTruncated; break;
+        case nl::Failure::kChanging: code = result::kDumpChanging; break;
         case nl::Failure::kShortSend:
         case nl::Failure::kEndOfFile:
-        case nl::Failure::kAddressLength: code = -EIO; break;
-        default: code = o.err != 0 ? -o.err : -EIO; break;
+        case nl::Failure::kAddressLength: code = result::kDumpFailed; break;
+        default: code = o.err != 0 ? linnet::sys::failure(o.err) : result::kDumpFailed; break;
     }
     if (code != 0) LOG_STREAM(1) << "IPv4 route dump failed (errno " << -code << ")";
     return code;

@@ -76,9 +76,7 @@ int verdict_of(int fd, std::vector<unsigned char>& buf) {
              h = nl::nlmsg_next(h, &len)) {
             if (h->nlmsg_seq != nl::kSeq || h->nlmsg_type != nl::kError) continue;
             // The error field is read only when the message holds it.
-            verdict = static_cast<long>(h->nlmsg_len) >= nl::kHeaderLen + 4
-                          ? nl::error_of(h)->error
-                          : -EPROTO;
+            verdict = nl::error_code(h);
         }
     }
 }

@@ -6,12 +6,12 @@
 set -u
 src=${1:?source directory}
 found=$(grep -rnE --include='*.cpp' --include='*.h' \
-          '([^A-Za-z0-9_]-[0-9]+|-errno|-err\b|-e\b)' "$src" |
+          '([^A-Za-z0-9_]-[0-9]+|[^A-Za-z0-9_]-E[A-Z]{2,}\b|-errno|-err\b|-e\b|-o\.err\b)' "$src" |
         grep -v "^$src/results.h:" |
         grep -v "^$src/sockops.h:.*inline int failure(int err)" |
         grep -vE '^[^:]+:[0-9]+:\s*//' |
         sed -E 's#//.*$##' |
-        grep -E '([^A-Za-z0-9_]-[0-9]+|-errno|-err\b|-e\b)')
+        grep -E '([^A-Za-z0-9_]-[0-9]+|[^A-Za-z0-9_]-E[A-Z]{2,}\b|-errno|-err\b|-e\b|-o\.err\b)')
 if [ -n "$found" ]; then
     echo "bare result codes outside source/results.h:"
     echo "$found"
