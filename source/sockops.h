@@ -4,6 +4,7 @@
 #ifndef LINNET_SOURCE_SOCKOPS_H
 #define LINNET_SOURCE_SOCKOPS_H
 
+#include <linnet/socket.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/select.h>
@@ -82,9 +83,9 @@ public:
     // False, nothing added, for a descriptor the sets cannot hold.
     bool add(int fd, int events) {
         if (fd >= FD_SETSIZE) return false;
-        if (events & 0x1) FD_SET(fd, &rd_);
-        if (events & 0x2) FD_SET(fd, &wr_);
-        if (events & 0x4) FD_SET(fd, &ex_);
+        if (events & POLL_READ) FD_SET(fd, &rd_);
+        if (events & POLL_WRITE) FD_SET(fd, &wr_);
+        if (events & POLL_EXCEPT) FD_SET(fd, &ex_);
         used_ |= events;
         if (fd > largest_) largest_ = fd;
         return true;
@@ -93,9 +94,9 @@ public:
     // The bits of `events` that the last wait found for fd.
     int ready(int fd, int events) const {
         int bits = 0;
-        if ((events & 0x1) && FD_ISSET(fd, &rd_)) bits |= 0x1;
-        if ((events & 0x2) && FD_ISSET(fd, &wr_)) bits |= 0x2;
-        if ((events & 0x4) && FD_ISSET(fd, &ex_)) bits |= 0x4;
+        if ((events & POLL_READ) && FD_ISSET(fd, &rd_)) bits |= POLL_READ;
+        if ((events & POLL_WRITE) && FD_ISSET(fd, &wr_)) bits |= POLL_WRITE;
+        if ((events & POLL_EXCEPT) && FD_ISSET(fd, &ex_)) bits |= POLL_EXCEPT;
         return bits;
     }
 
@@ -119,9 +120,9 @@ public:
     bool add(int fd, int events) {
         if (size_ == capacity_ && !grow()) return false;
         short ev = 0;
-        if (events & 0x1) ev |= POLLIN;
-        if (events & 0x2) ev |= POLLOUT;
-        if (events & 0x4) ev |= POLLPRI;
+        if (events & POLL_READ) ev |= POLLIN;
+        if (events & POLL_WRITE) ev |= POLLOUT;
+        if (events & POLL_EXCEPT) ev |= POLLPRI;
         // An entry asking for nothing is in no select set: poll ignores a
         // negative fd, so it cannot report POLLNVAL or POLLHUP for it.
         fds_[size_++] = pollfd{ev != 0 && fd >= 0 ? fd : kNoFd, ev, 0};
@@ -145,7 +146,7 @@ private:
 
 template <class It, class Access>
 int wait_ready(It first, It last, Access& access, const timeval* timeout) {
-    const int kAll = 0x1 | 0x2 | 0x4;
+    const int kAll = POLL_READ | POLL_WRITE | POLL_EXCEPT;
     SelectSets sets;
     PollSet polls;
     bool beyond = false, anything = false;
