@@ -11,10 +11,10 @@ namespace {
 
 namespace result = linnet::result;
 
-// A node for `data`: copied into a new array when `copy` is set. Null when
-// the size is negative or memory is short; nothing is then allocated.
+// A node for `data` (size >= 0, checked by the callers): copied into a new
+// array when `copy` is set. Null when memory is short; nothing is then
+// allocated.
 SocketQueue::Node* make_node(void* data, int size, int copy) {
-    if (size < 0) return nullptr;
     unsigned char* bytes = static_cast<unsigned char*>(data);
     if (copy) {
         bytes = new (std::nothrow) unsigned char[static_cast<size_t>(size)];
@@ -42,7 +42,7 @@ struct CutNode {
     unsigned char* base;
 };
 
-unsigned char* ArrayOf(const SocketQueue::Node* node) {
+unsigned char* array_of(const SocketQueue::Node* node) {
     if (node->owned & SocketQueue::kFrontDropped) return reinterpret_cast<const CutNode*>(node)->base;
     return node->data;
 }
@@ -85,11 +85,11 @@ int SocketQueue::Get(void** out, int copy) {
         if (n > 0 && node->data != nullptr) std::memcpy(*out, node->data, static_cast<size_t>(n));
         // Released whoever allocated it: a chunk put without copying is
         // taken to be an array-new buffer handed over to the queue.
-        delete[] ArrayOf(node);
+        delete[] array_of(node);
     } else if (node->owned & kFrontDropped) {
         // The caller gets an array it can delete[]: the chunk's own, with
         // the rest moved to its start (once, when the chunk leaves).
-        unsigned char* base = ArrayOf(node);
+        unsigned char* base = array_of(node);
         if (n > 0) std::memmove(base, node->data, static_cast<size_t>(n));
         *out = base;
     } else {
@@ -113,7 +113,7 @@ int SocketQueue::DropFront(int n) {
     if (n >= node->size) {
         head_ = node->next;
         if (head_ == nullptr) tail_ = nullptr;
-        delete[] ArrayOf(node);  // as Get(out, 1) releases a chunk
+        delete[] array_of(node);  // as Get(out, 1) releases a chunk
         std::free(node);
         return 0;
     }
@@ -155,7 +155,7 @@ void SocketQueue::Clear() {
     while (head_ != nullptr) {
         Node* node = head_;
         head_ = node->next;
-        if (node->owned & kOwned) delete[] ArrayOf(node);
+        if (node->owned & kOwned) delete[] array_of(node);
         std::free(node);
     }
     tail_ = nullptr;
