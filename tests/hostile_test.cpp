@@ -12,6 +12,8 @@
 
 #include <atomic>
 #include <cstring>
+#include <functional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,11 +30,23 @@ const int kDeadlineMs = 2000;
 
 std::string Header(std::uint32_t length) { return std::string(reinterpret_cast<char*>(&length), 4); }
 
-// Keeps the record of every connection that ended.
+// Keeps the record of every connection that ended, and which connections
+// have sent a block.
 struct RecordingServer : CBlockServer {
     using CBlockServer::CBlockServer;
+    int OnBlock(CBlockAssembler* conn, const unsigned char* body, unsigned size) override {
+        talked.insert(conn);
+        return CBlockServer::OnBlock(conn, body, size);
+    }
     void OnEnd(const CBlockRecord& r) override { ended.push_back(r); }
     std::vector<CBlockRecord> ended;
+    std::set<const CBlockAssembler*> talked;
+};
+
+// Runs `f` when the scope ends, a failed ASSERT's return included.
+struct AtExit {
+    std::function<void()> f;
+    ~AtExit() { f(); }
 };
 
 // Sends `bytes`, then waits up to wait_ms for the server to end the
@@ -211,7 +225,19 @@ TEST_P(HostilePeer, CostsOnlyItselfWhileGoodClientsLoseNothing) {
                             : testnet::DriveEchoClients(port, 3, kMaxBlock, [&] { return !stop; });
         good_done = true;
     });
-    for (int i = 0; i < 250 && server.Connections() < static_cast<std::size_t>(n_good); ++i) server.RunOnce(20);
+    // On every way out: the good clients stop, are served until they have
+    // gone, and their thread is joined.
+    const AtExit finish_good{[&] {
+        stop = true;
+        for (int i = 0; i < 2500 && (!good_done || server.Connections() > 0); ++i) server.RunOnce(10);
+        if (good_thread.joinable()) good_thread.join();
+    }};
+    // The hostile peer starts once every good client has had a block served,
+    // so that it can never end before they have been seen at work.
+    for (const auto start = testnet::Clock::now();
+         server.talked.size() < static_cast<std::size_t>(n_good) && MsSince(start) < 20000L * testnet::Scale();)
+        server.RunOnce(20);
+    ASSERT_EQ(static_cast<std::size_t>(n_good), server.talked.size()) << "good clients never got going";
     ASSERT_EQ(static_cast<std::size_t>(n_good), server.Connections());
 
     const int fds_before = testnet::CountOpenFds();
@@ -245,9 +271,7 @@ TEST_P(HostilePeer, CostsOnlyItselfWhileGoodClientsLoseNothing) {
     const long rss_delta = testnet::ResidentKb() - rss_before;
     const int fds_after = testnet::CountOpenFds();
 
-    stop = true;  // the server runs on until every good client has gone
-    for (int i = 0; i < 2500 && (!good_done || server.Connections() > 0); ++i) server.RunOnce(10);
-    good_thread.join();
+    finish_good.f();  // the good clients' tally is complete from here on
     std::printf("%-30s server ended: %s (%d) after %ld ms, peak %d B queued, RSS %+ld KiB; client saw: %s\n"
                 "%-30s good clients: %ld sent, %ld echoed, %ld corrupt, %ld lost, %ld failed; worst %ld ms\n",
                 h.name, ended ? BlockEndName(rec.end) : "-", BlockEndCode(rec.end), rec.heldMs, rec.peakQueued,
