@@ -20,7 +20,7 @@ PREFIX     ?= /usr/local
 DESTDIR    ?=
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 PKGS       := cmake g++ make pkg-config zlib1g-dev libboost-dev libgtest-dev libgmock-dev \
-              libbenchmark-dev iproute2
+              libbenchmark-dev iproute2 python3
 SUDO       := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: all deps build demo test test-asan test-valgrind test-fortify fuzz bench abi clean install install-files uninstall

@@ -15,14 +15,22 @@ namespace {
 const char kProgram[] = "linnet-ifaces";
 const char kUsage[] =
     "usage: linnet-ifaces [--json] [NAME]\n"
-    "  Without NAME: every interface, one line each (address/prefix, broadcast,\n"
-    "  hardware address, kernel index, flags); interfaces without an IPv4\n"
-    "  address show their name alone. With NAME: that interface and its\n"
-    "  aliases (NAME:N).\n"
-    "  --json      one JSON array instead, field names as in `ip -j addr`\n"
+    "  Without NAME: every interface of the library's interface table, one line\n"
+    "  per record (address/prefix, broadcast, hardware address, kernel index,\n"
+    "  flags); an interface without an IPv4 address shows \"-\" for the address\n"
+    "  and broadcast, and its hardware address, index and flags from the\n"
+    "  kernel's link list. With NAME: that interface and its aliases (NAME:N).\n"
+    "  --json      one JSON array in the shape of `ip -j addr`: one object per\n"
+    "              interface (ifindex, ifname, flags, mtu, operstate, address,\n"
+    "              broadcast) with its IPv4 records in \"addr_info\" (family,\n"
+    "              local, prefixlen, broadcast, label)\n"
     "  -h, --help  this text;  --version  the tool's and the library's version\n"
-    "  Exit status 0; 1 when NAME is not found; 2 for a usage error.\n"
-    "  A line on stderr says when the table was cut at its 128 interfaces.\n";
+    "  Exit status 0; 1 when NAME is not found, or --json could not read the\n"
+    "  kernel's link list or met a name that is not UTF-8 (said on stderr);\n"
+    "  2 for a usage error; 3 when the table was cut at its 128 interfaces (a\n"
+    "  line on stderr says how many were left out).\n";
+
+const int kExitCut = 3;
 
 }  // namespace
 
@@ -44,10 +52,15 @@ int main(int argc, char** argv) {
             return 1;
         }
     }
+    bool whole = true;
     if (json)
-        iftable::PrintJson(stdout, table, positions);
+        whole = iftable::PrintJson(stdout, table, positions);
     else
         iftable::PrintTable(stdout, table, positions, "");
-    iftable::WarnIfFull(kProgram, table);
-    return 0;
+    std::fflush(stdout);
+    if (!whole)
+        std::fprintf(stderr, "%s: the kernel's link list could not be read whole, or a name is not UTF-8\n",
+                     kProgram);
+    if (iftable::WarnIfFull(kProgram, table)) return kExitCut;
+    return whole ? 0 : 1;
 }

@@ -3,6 +3,9 @@
 
 #include <linnet/addr.h>
 
+#include "json.h"
+#include "links.h"
+
 #include <fstream>
 #include <sstream>
 
@@ -22,25 +25,6 @@ std::string Hardware(const unsigned char* e) {
     char hw[18];
     std::snprintf(hw, sizeof hw, "%02x:%02x:%02x:%02x:%02x:%02x", e[0], e[1], e[2], e[3], e[4], e[5]);
     return hw;
-}
-
-// A JSON string literal. Interface names may hold '"' and '\\' (the kernel
-// refuses only '/', ':' and blanks in a device name) and control bytes.
-std::string Quoted(const std::string& s) {
-    std::string q = "\"";
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') {
-            q += '\\';
-            q += static_cast<char>(c);
-        } else if (c < 0x20) {
-            char esc[7];
-            std::snprintf(esc, sizeof esc, "\\u%04x", c);
-            q += esc;
-        } else {
-            q += static_cast<char>(c);
-        }
-    }
-    return q + "\"";
 }
 
 std::string Device(const char* label) {
@@ -81,12 +65,18 @@ std::vector<int> All(const CNetworkInterfaceInfo& t) {
 
 void PrintTable(std::FILE* out, const CNetworkInterfaceInfo& t, const std::vector<int>& positions,
                 const char* indent) {
+    std::vector<links::Link> all;
+    links::Read(&all);  // without it, name-only rows show "-" for what only it knows
     std::fprintf(out, "%s%-16s %-18s %-15s %-17s %-5s %s\n", indent, "name", "address", "broadcast",
                  "hardware", "index", "flags");
     for (int i : positions) {
         if (NameOnly(t, i)) {
-            std::fprintf(out, "%s%-16s %-18s %-15s %-17s %-5s %s\n", indent, t.GetName(i), "-", "-", "-",
-                         "-", "-");
+            // The table keeps only the name; the kernel's link list the rest.
+            const links::Link* l = links::Find(all, t.GetName(i));
+            std::fprintf(out, "%s%-16s %-18s %-15s %-17s %-5s %s\n", indent, t.GetName(i), "-", "-",
+                         l && !l->address.empty() ? l->address.c_str() : "-",
+                         l ? std::to_string(l->index).c_str() : "-",
+                         l ? FlagText(l->flags & 0xffffu).c_str() : "-");
             continue;
         }
         // Records of one name (a device and its unlabelled secondaries)
@@ -99,33 +89,52 @@ void PrintTable(std::FILE* out, const CNetworkInterfaceInfo& t, const std::vecto
     }
 }
 
-void PrintJson(std::FILE* out, const CNetworkInterfaceInfo& t, const std::vector<int>& positions) {
-    std::fputc('[', out);
-    const char* sep = "";
-    for (int i : positions) {
-        const std::string name = t.GetName(i);
-        std::fprintf(out, "%s{\"ifname\":%s,\"label\":%s", sep, Quoted(Device(name.c_str())).c_str(),
-                     Quoted(name).c_str());
-        sep = ",";
-        if (NameOnly(t, i)) {
-            std::fputc('}', out);
-            continue;
-        }
-        std::fprintf(out, ",\"ifindex\":%d,\"flags\":[", t.GetIndex(name.c_str()));
-        const unsigned long long flags = t.GetFlags(i);
-        const char* fsep = "";
-        for (int bit = 0; bit < 16; ++bit)
-            if (flags & (1ull << bit)) {
-                std::fprintf(out, "%s\"%s\"", fsep, kFlagNames[bit]);
-                fsep = ",";
+bool PrintJson(std::FILE* out, const CNetworkInterfaceInfo& t, const std::vector<int>& positions) {
+    std::vector<links::Link> all;
+    const bool whole = links::Read(&all) == 0;
+    // The devices of the listed records, in the kernel's order of devices;
+    // a device the link list does not know (gone meanwhile) comes last.
+    std::vector<std::string> devices;
+    for (const links::Link& l : all)
+        for (int i : positions)
+            if (Device(t.GetName(i)) == l.name) {
+                devices.push_back(l.name);
+                break;
             }
-        std::fprintf(out, "],\"address\":\"%s\",\"local\":\"%s\",\"prefixlen\":%d",
-                     Hardware(t.GetEther(i)).c_str(), Dotted(t.GetIP(i)).c_str(),
-                     PrefixLength(t.GetNetmask(i)));
-        if (t.GetBroadcast(i) != 0) std::fprintf(out, ",\"broadcast\":\"%s\"", Dotted(t.GetBroadcast(i)).c_str());
-        std::fputc('}', out);
+    for (int i : positions) {
+        const std::string d = Device(t.GetName(i));
+        bool seen = false;
+        for (const std::string& x : devices) seen = seen || x == d;
+        if (!seen) devices.push_back(d);
     }
-    std::fputs("]\n", out);
+    json::Writer w;
+    w.BeginArray();
+    for (const std::string& d : devices) {
+        w.BeginObject();
+        const links::Link* l = links::Find(all, d);
+        if (l != nullptr) w.Key("ifindex").Number(l->index);
+        w.Key("ifname").String(d);
+        if (l != nullptr) {
+            w.Key("flags").BeginArray();
+            for (const std::string& f : links::FlagNames(l->flags)) w.String(f);
+            w.EndArray();
+            w.Key("mtu").Unsigned(l->mtu).Key("operstate").String(links::OperState(l->operstate));
+            if (!l->address.empty()) w.Key("address").String(l->address);
+            if (!l->broadcast.empty()) w.Key("broadcast").String(l->broadcast);
+        }
+        w.Key("addr_info").BeginArray();
+        for (int i : positions) {
+            if (Device(t.GetName(i)) != d || NameOnly(t, i) || t.GetIP(i) == 0) continue;
+            w.BeginObject().Key("family").String("inet").Key("local").String(Dotted(t.GetIP(i)));
+            w.Key("prefixlen").Number(PrefixLength(t.GetNetmask(i)));
+            if (t.GetBroadcast(i) != 0) w.Key("broadcast").String(Dotted(t.GetBroadcast(i)));
+            w.Key("label").String(t.GetName(i)).EndObject();
+        }
+        w.EndArray().EndObject();
+    }
+    w.EndArray();
+    std::fprintf(out, "%s\n", w.Text().c_str());
+    return whole && !w.Replaced();
 }
 
 int LeftOut(const CNetworkInterfaceInfo& t, const std::string& proc_net_dev) {

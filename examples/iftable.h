@@ -21,18 +21,22 @@ std::string FlagText(unsigned long long flags);
 bool NameOnly(const CNetworkInterfaceInfo& t, int pos);
 
 // One line per position after a header: name, address/prefix, broadcast,
-// flag names, hardware address, kernel index ("-" where a record has none).
-// Each line starts with `indent`.
+// hardware address, kernel index, flag names ("-" where a record has no
+// address). A name-only record takes its hardware address, index and flags
+// from the kernel's link list. Each line starts with `indent`.
 void PrintTable(std::FILE* out, const CNetworkInterfaceInfo& t, const std::vector<int>& positions,
                 const char* indent);
-// One JSON array, one object per position, with the field names of
-// `ip -j addr` where one fits: "ifname" (the device, an alias without its
-// ":N"), "label" (the record's own name), "ifindex", "flags" (names as in
-// FlagText, RUNNING included), "address" (hardware), "local", "prefixlen",
-// "broadcast" (IPv4). A name-only record has "ifname" and "label" alone.
-// The table asks the kernel for masks and broadcasts by label, so an
+// One JSON array in the shape of `ip -j addr`: one object per device of the
+// listed records, in the kernel's order of devices, with "ifindex",
+// "ifname", "flags" (ip's names, LOWER_UP and NO-CARRIER included), "mtu",
+// "operstate", link-layer "address" and "broadcast" from the kernel's link
+// list, and "addr_info": one {"family":"inet","local","prefixlen",
+// "broadcast" (when set),"label"} per IPv4 record of that device, in table
+// order. The table asks the kernel for masks and broadcasts by label, so an
 // unlabelled secondary address shows those of its device's first address.
-void PrintJson(std::FILE* out, const CNetworkInterfaceInfo& t, const std::vector<int>& positions);
+// False when the link list could not be read (objects then carry "ifname"
+// and "addr_info" alone) or a name was not valid UTF-8 (see json::Quote).
+bool PrintJson(std::FILE* out, const CNetworkInterfaceInfo& t, const std::vector<int>& positions);
 
 // Every position of the table, in order.
 std::vector<int> All(const CNetworkInterfaceInfo& t);

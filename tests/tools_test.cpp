@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -17,6 +18,10 @@
 
 #include "args.h"
 #include "iftable.h"
+#include "json.h"
+#include "json_read.h"
+#include "names.h"
+#include "routeview.h"
 #include "net_helpers.h"
 #include "run_tool.h"
 
@@ -92,6 +97,7 @@ TEST(ToolArguments, EachMistakeIsNamedOnStderrWithTheUsageAndExitTwo) {
         {"linnet-block-server", {"--once"}, "linnet-block-server: unknown option '--once'"},
         {"linnet-routes", {"--main", "--all"}, "linnet-routes: --main, --local and --all exclude each other"},
         {"linnet-routes", {"--json=1"}, "linnet-routes: --json takes no value"},
+        {"linnet-routes", {"--snapshot-format", "--json"}, "linnet-routes: --snapshot-format takes no other option"},
         {"linnet-routes", {"--table"}, "linnet-routes: unknown option '--table'"},
         {"linnet-routes", {"main"}, "linnet-routes: unexpected argument 'main'"},
         {"linnet-demo", {"extra"}, "linnet-demo: unexpected argument 'extra'"},
@@ -447,6 +453,106 @@ TEST(InterfaceText, NotFullTableLeavesNothingOut) {
     CNetworkInterfaceInfo t;
     ASSERT_LT(t.GetCount(), 128);
     EXPECT_EQ(iftable::LeftOut(t, "h1\nh2\n  nosuch0: 1 2 3\n"), 0);
+}
+
+// Every string the writer quotes is RFC 8259 JSON that a real parser reads
+// back as the same bytes; invalid UTF-8 becomes U+FFFD and is reported.
+TEST(JsonWriter, QuotesEveryByteSoAParserReadsItBack) {
+    const struct {
+        std::string in, quoted;
+    } rows[] = {
+        {"eth0", "\"eth0\""},
+        {"q\"x\\y", "\"q\\\"x\\\\y\""},
+        {"\b\f\n\r\t", "\"\\b\\f\\n\\r\\t\""},
+        {std::string("a\x00\x01\x1b\x1f\x7f", 6), "\"a\\u0000\\u0001\\u001b\\u001f\x7f\""},
+        {"u\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80", "\"u\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\""},
+    };
+    json::Writer w;
+    w.BeginArray();
+    for (const auto& r : rows) {
+        bool replaced = false;
+        EXPECT_EQ(json::Quote(r.in, &replaced), r.quoted);
+        EXPECT_FALSE(replaced);
+        w.String(r.in);
+    }
+    std::string every;
+    for (int c = 1; c < 0x80; ++c) every += char(c);
+    w.BeginObject().Key(every).Null().Key("n").Number(-3).EndObject().EndArray();
+    EXPECT_FALSE(w.Replaced());
+    const json::Value v = json::Parse(w.Text());
+    ASSERT_EQ(v.items.size(), 6u);
+    for (size_t i = 0; i < 5; ++i) EXPECT_EQ(v.items[i].text, rows[i].in);
+    EXPECT_EQ(v.items[5][every].kind, json::Value::kNull);
+    EXPECT_EQ(v.items[5]["n"].number, -3);
+    EXPECT_THROW(json::Parse("[\"a\x01\"]"), std::runtime_error);  // the parser is strict
+
+    for (const char* bad : {"\xff", "\xc0\xaf", "\xed\xa0\x80", "\xe2\x82"}) {
+        bool replaced = false;
+        EXPECT_EQ(json::Quote(bad, &replaced).find("\xef\xbf\xbd"), 1u);
+        EXPECT_TRUE(replaced);
+    }
+}
+
+// A route message carrying what the tool cannot show lists it, so the tool
+// can say so; the same message with only known parts lists nothing.
+TEST(RouteView, WhatCannotBeShownIsListed) {
+    struct Msg {
+        nlmsghdr h;
+        rtmsg r;
+        unsigned char attrs[64];
+    };
+    auto build = [](std::vector<std::pair<unsigned short, uint32_t>> attrs, unsigned flags) {
+        Msg m;
+        std::memset(&m, 0, sizeof m);
+        m.r.rtm_family = AF_INET;
+        m.r.rtm_type = RTN_UNICAST;
+        m.r.rtm_table = RT_TABLE_MAIN;
+        m.r.rtm_protocol = RTPROT_BOOT;
+        m.r.rtm_flags = flags;
+        size_t at = 0;
+        for (const auto& a : attrs) {
+            rtattr ra = {8, a.first};
+            std::memcpy(m.attrs + at, &ra, sizeof ra);
+            std::memcpy(m.attrs + at + 4, &a.second, 4);
+            at += 8;
+        }
+        m.h.nlmsg_len = static_cast<uint32_t>(NLMSG_LENGTH(sizeof(rtmsg)) + at);
+        return m;
+    };
+    const struct {
+        std::vector<std::pair<unsigned short, uint32_t>> attrs;
+        unsigned flags;
+        const char* unshown;  // "" for nothing
+    } rows[] = {
+        {{{RTA_DST, htonl(0xc0000200)}, {RTA_PRIORITY, 5}}, 0, ""},
+        {{{RTA_DST, htonl(0xc0000200)}, {RTA_MARK, 5}}, 0, "attribute 16 (mark, 4 bytes)"},
+        {{{RTA_DST, htonl(0xc0000200)}}, RTNH_F_TRAP, "flags 0x40"},
+        {{{99, 1}}, 0, "attribute 99 (unknown, 4 bytes)"},
+    };
+    const names::Routing n("/nonexistent");
+    for (const auto& row : rows) {
+        Msg m = build(row.attrs, row.flags);
+        const routeview::Route r = routeview::Parse(reinterpret_cast<unsigned char*>(&m), m.h.nlmsg_len);
+        std::string got;
+        for (const std::string& u : r.unshown) got += u;
+        EXPECT_EQ(got, row.unshown);
+        EXPECT_EQ(routeview::Text(r, n, RT_TABLE_MAIN).rfind(r.has_dst ? "192.0.2.0/0 " : "default ", 0), 0u);
+    }
+    Msg m = build({}, 0);
+    EXPECT_EQ(routeview::Parse(reinterpret_cast<unsigned char*>(&m), 20).unshown.at(0), "message of 20 bytes");
+}
+
+// iproute2's name files: "NUMBER NAME" lines, decimal or hex, comments and
+// anything out of bounds ignored.
+TEST(RouteNames, FileLinesWithinBounds) {
+    names::Table t("/nonexistent", "rt_protos", 255, {{12, "bird"}});
+    t.Parse("# comment\n 42\tbabel # trailing\n0x10 dhcp\n300 toobig\n-1 neg\n7\n8 " + std::string(64, 'x') +
+            "\n9 a\x01" "b\n12 mybird\n" + std::string(600, ' ') + "13 long\n");
+    EXPECT_EQ(t.Of(42), "babel");
+    EXPECT_EQ(t.Of(16), "dhcp");
+    EXPECT_EQ(t.Of(12), "mybird");  // a later line wins
+    for (unsigned v : {7u, 8u, 9u, 13u, 300u}) EXPECT_EQ(t.Of(v), std::to_string(v));
+    EXPECT_EQ(t.Of(4, true), "0x04");
 }
 
 }  // namespace

@@ -25,7 +25,8 @@
 //   most 4 times in all, then the dump fails;
 // - restore() skips a route whose snapshot lost an attribute, clears the
 //   state flags the kernel refuses, and logs every route it could not put
-//   back (see CRoutesDump::restore).
+//   back, and tries the refused ones again while a pass puts one back (see
+//   CRoutesDump::restore).
 #ifndef LINNET_ROUTING_H
 #define LINNET_ROUTING_H
 
@@ -161,6 +162,9 @@ public:
     // - every other refusal is logged at level 1 with the kernel's error:
     //   "kernel refused route 203.0.113.0/24 table 254 (errno 19)"
     //   (19: its interface is gone, e.g. deleted and made again);
+    // - routes the kernel refused are tried again, pass after pass, while a
+    //   pass puts one back (a default route before its gateway's connected
+    //   route); the refusal lines and the summary tell the final outcome;
     // - after a restore that skipped or refused any route, one level-1 line:
     //   "restore: 3 routes put back, 5 already present, 1 skipped, 1 refused".
     void restore() const;
@@ -189,6 +193,11 @@ protected:
 // without a netlink address. Failures are logged at level 1. After one,
 // `out` holds what was read before it.
 LINNET_API int ReadRoutes(std::vector<Route>& out);
+
+// The same dump, each route as the kernel sent it: one RTM_NEWROUTE message
+// (header, rtmsg, every attribute, whatever its type) per element, for
+// readers that need what Route does not keep. Results as ReadRoutes.
+LINNET_API int ReadRouteMessages(std::vector<std::vector<unsigned char>>& out);
 
 // Filter bits of CRouteTable::Read. A group with no bit set does not filter.
 const int ROUTE_FILTER_TABLE_MAIN = 0x001;     // keep table 254

@@ -1,4 +1,5 @@
-// ReadRoutes: every IPv4 route of every table, in the snapshot's Route form.
+// ReadRoutes and ReadRouteMessages: every IPv4 route of every table, in the
+// snapshot's Route form or as the kernel sent it.
 #include <linnet/routing.h>
 
 #include <unistd.h>
@@ -6,6 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 
 #include "logger/log.h"
 #include "results.h"
@@ -21,10 +23,14 @@ namespace result = linnet::result;
 
 namespace {
 
+using Keep = std::function<void(nlmsghdr*)>;
+
+// Hands every route message of the dump to `keep`, in order; `restart`
+// forgets what was kept when an interrupted dump starts again.
 class ListReader : public nl::DumpReader {
 public:
-    explicit ListReader(std::vector<Route>* out) : out_(out) {}
-    void Restart() override { out_->clear(); }
+    ListReader(Keep keep, std::function<void()> restart) : keep_(keep), restart_(restart) {}
+    void Restart() override { restart_(); }
     void Interrupted() override {}
     void Foreign(uint32_t) override {}
     int Datagram(nlmsghdr* h, long len) override {
@@ -35,25 +41,23 @@ public:
                 const int e = nl::error_code(h);
                 return e < 0 ? e : result::kBadMessage;
             }
-            if (h->nlmsg_type == RTM_NEWROUTE && nl::route_payload_len(h) >= 0)
-                out_->push_back(Route(h));
+            if (h->nlmsg_type == RTM_NEWROUTE && nl::route_payload_len(h) >= 0) keep_(h);
         }
         return kMore;
     }
 
 private:
-    std::vector<Route>* out_;
+    Keep keep_;
+    std::function<void()> restart_;
 };
 
-}  // namespace
-
-int ReadRoutes(std::vector<Route>& out) {
-    out.clear();
+int Dump(Keep keep, std::function<void()> restart) {
+    restart();
     nl::DumpConversation talk;
     nl::Outcome o = talk.Open();
     if (o.failure == nl::Failure::kNone) {
         linnet::route::RouteRequest req = linnet::route::DumpRequest();
-        ListReader reader(&out);
+        ListReader reader(keep, restart);
         o = talk.Run(&req, sizeof req, reader);
     }
     int code;
@@ -68,4 +72,19 @@ int ReadRoutes(std::vector<Route>& out) {
     }
     if (code != 0) LOG_STREAM(1) << "IPv4 route dump failed (errno " << -code << ")";
     return code;
+}
+
+}  // namespace
+
+int ReadRoutes(std::vector<Route>& out) {
+    return Dump([&out](nlmsghdr* h) { out.push_back(Route(h)); }, [&out] { out.clear(); });
+}
+
+int ReadRouteMessages(std::vector<std::vector<unsigned char>>& out) {
+    return Dump(
+        [&out](nlmsghdr* h) {
+            const unsigned char* p = reinterpret_cast<const unsigned char*>(h);
+            out.emplace_back(p, p + h->nlmsg_len);  // nlmsg_ok: within the datagram
+        },
+        [&out] { out.clear(); });
 }

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "logger/log.h"
@@ -81,6 +82,21 @@ int verdict_of(int fd, std::vector<unsigned char>& buf) {
     }
 }
 
+// One load request for `r` and the kernel's verdict on it: 0 put back, or
+// the kernel's negative error.
+int Load(int fd, const Route& r, std::vector<unsigned char>& answer) {
+    LOG_STREAM(11) << "loading routing table back into the kernel";
+    const std::vector<unsigned char> req = linnet::route::LoadRequest(loadable(r));
+    sockaddr_nl kernel;
+    std::memset(&kernel, 0, sizeof kernel);
+    kernel.nl_family = AF_NETLINK;
+    const ssize_t sent = ::sendto(fd, req.data(), req.size(), 0, reinterpret_cast<sockaddr*>(&kernel),
+                                  sizeof kernel);
+    const int verdict = sent < 0 ? linnet::sys::failure() : verdict_of(fd, answer);
+    LOG_STREAM(4) << "another route dumped into the kernel";
+    return verdict;
+}
+
 }  // namespace
 
 void CRoutesDumpImp::restore() const {
@@ -90,7 +106,9 @@ void CRoutesDumpImp::restore() const {
         fd.reset(sock.release());
     }
     std::vector<unsigned char> answer(kAnswerBuffer, 0);
-    int put_back = 0, present = 0, skipped = 0, refused = 0;
+    int put_back = 0, present = 0, skipped = 0;
+    // Routes still to put back, with the kernel's last refusal, in stored order.
+    std::vector<std::pair<const Route*, int>> pending;
     for (const Route& saved : routes_) {
         const std::vector<unsigned short> lost = linnet::route::LostTypes(saved);
         if (!lost.empty()) {
@@ -101,26 +119,32 @@ void CRoutesDumpImp::restore() const {
             ++skipped;
             continue;
         }
-        LOG_STREAM(11) << "loading routing table back into the kernel";
-        const std::vector<unsigned char> req = linnet::route::LoadRequest(loadable(saved));
-        sockaddr_nl kernel;
-        std::memset(&kernel, 0, sizeof kernel);
-        kernel.nl_family = AF_NETLINK;
-        const ssize_t sent = ::sendto(fd.get(), req.data(), req.size(), 0,
-                                      reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
-        const int verdict = sent < 0 ? linnet::sys::failure() : verdict_of(fd.get(), answer);
-        LOG_STREAM(4) << "another route dumped into the kernel";
-        if (verdict == 0) {
-            ++put_back;
-        } else if (verdict == linnet::result::kRouteExists) {
-            ++present;
-        } else {
-            LOG_STREAM(1) << "kernel refused route " << describe(saved).c_str() << " (errno "
-                          << -verdict << ")";
-            ++refused;
-        }
+        pending.emplace_back(&saved, 0);
     }
-    if (skipped + refused > 0)
-        LOG_STREAM(1) << "restore: " << put_back << " routes put back, " << present
-                      << " already present, " << skipped << " skipped, " << refused << " refused";
+    // The first pass loads every route; a route the kernel refused may need
+    // one that came after it (a gateway's connected route), so the refused
+    // ones are tried again while a pass puts at least one back. Each pass
+    // but the last shrinks the list: at most one pass per route, plus one.
+    for (bool progress = true; progress && !pending.empty();) {
+        progress = false;
+        std::vector<std::pair<const Route*, int>> again;
+        for (const auto& r : pending) {
+            const int verdict = Load(fd.get(), *r.first, answer);
+            if (verdict == 0) {
+                ++put_back;
+                progress = true;
+            } else if (verdict == linnet::result::kRouteExists) {
+                ++present;
+            } else {
+                again.emplace_back(r.first, verdict);
+            }
+        }
+        pending.swap(again);
+    }
+    for (const auto& r : pending)
+        LOG_STREAM(1) << "kernel refused route " << describe(*r.first).c_str() << " (errno " << -r.second << ")";
+    const int failed = static_cast<int>(pending.size());
+    if (skipped + failed > 0)
+        LOG_STREAM(1) << "restore: " << put_back << " routes put back, " << present << " already present, "
+                      << skipped << " skipped, " << failed << " refused";
 }
