@@ -85,7 +85,7 @@ public:
 
     // Entries one wait can report; a wait that finds more leaves the rest
     // for the next.
-    static const int kBatch = 256;
+    static constexpr int kBatch = 256;
 
     explicit EpollEngine(const Hooks& hooks = Hooks{nullptr, nullptr});
     // Closes this process's descriptor of the instance (its registrations end
@@ -141,7 +141,7 @@ public:
     int size() const { return live_count_; }
 
 private:
-    static const int kNone = -1;
+    static constexpr int kNone = -1;
     struct Slot {
         void* token;
         int fd;
