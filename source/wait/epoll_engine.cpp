@@ -1,6 +1,7 @@
 #include "wait/epoll_engine.h"
 
 #include <linnet/socket.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -51,19 +52,34 @@ int ctl(int epfd, int op, int fd, int events, std::uint64_t data) {
 }  // namespace
 
 EpollEngine::EpollEngine(const Hooks& hooks)
-    : hooks_(hooks), epfd_(kNoFd), pid_(0), live_count_(0), armed_count_(0), round_(0),
+    : hooks_(hooks), epfd_(kNoFd), pid_(0), mark_(nullptr), live_count_(0), armed_count_(0), round_(0),
       entry_count_(0), cursor_(0) {}
 
 EpollEngine::~EpollEngine() {
     if (epfd_ >= 0) ::close(epfd_);
+    if (mark_ != nullptr) ::munmap(const_cast<std::uint32_t*>(mark_), kPage);
+}
+
+void EpollEngine::own_instance() {
+    pid_ = ::getpid();
+    if (mark_ == nullptr) {
+        void* p = ::mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, kNoFd, 0);
+        if (p == MAP_FAILED) return;
+        if (::madvise(p, kPage, MADV_WIPEONFORK) != 0) {
+            ::munmap(p, kPage);
+            return;
+        }
+        mark_ = static_cast<std::uint32_t*>(p);
+    }
+    *mark_ = 1;
 }
 
 int EpollEngine::ensure_instance() {
-    if (epfd_ >= 0) return ::getpid() == pid_ ? 0 : rebuild();
+    if (epfd_ >= 0) return forked() ? rebuild() : 0;
     const int fd = ::epoll_create1(EPOLL_CLOEXEC);
     if (fd < 0) return sys::failure();
     epfd_ = fd;
-    pid_ = ::getpid();
+    own_instance();
     return 0;
 }
 
@@ -76,7 +92,7 @@ int EpollEngine::rebuild() {
     if (fd < 0) return sys::failure();
     if (epfd_ >= 0) ::close(epfd_);  // this process's copy only
     epfd_ = fd;
-    pid_ = ::getpid();
+    own_instance();
     armed_count_ = 0;
     for (std::size_t i = 0; i < slots_.size(); ++i) {
         Slot& s = slots_[i];
@@ -132,7 +148,7 @@ void EpollEngine::disarm(int h) {
     Slot& s = slots_[h];
     if (!s.armed) return;
     // A fork child never changes the instance it shares with its parent.
-    if (epfd_ >= 0 && ::getpid() == pid_) ::epoll_ctl(epfd_, EPOLL_CTL_DEL, s.fd, nullptr);
+    if (epfd_ >= 0 && !forked()) ::epoll_ctl(epfd_, EPOLL_CTL_DEL, s.fd, nullptr);
     s.armed = false;
     --armed_count_;
 }

@@ -54,6 +54,7 @@
 
 #include <sys/epoll.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <vector>
@@ -167,6 +168,8 @@ private:
     bool live(int h) const {
         return h >= 0 && static_cast<std::size_t>(h) < slots_.size() && slots_[h].live;
     }
+    static constexpr std::size_t kPage = 4096;
+    void own_instance();
     int ensure_instance();
     int arm(int h, int events);
     void disarm(int h);
@@ -175,11 +178,18 @@ private:
     void probe_held(int* room);
     void push_entry(int h, int bits);
     void note_active(int h);
+    bool forked() const {
+        return mark_ != nullptr ? *mark_ == 0 : ::getpid() != pid_;
+    }
     int collect(int n, bool* orphan);
 
     Hooks hooks_;
     int epfd_;
     pid_t pid_;  // the process that made epfd_
+    // A page the kernel zeroes in a fork child (MADV_WIPEONFORK): a fork is
+    // seen without a system call per wait. Null where that is not offered:
+    // getpid() then.
+    volatile std::uint32_t* mark_;
     std::vector<Slot> slots_;
     std::vector<int> free_;
     std::vector<int> by_fd_;  // descriptor number -> live handle, or -1
