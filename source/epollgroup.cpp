@@ -23,7 +23,7 @@ using linnet::wait::EpollEngine;
 namespace {
 
 const int kAll = POLL_READ | POLL_WRITE | POLL_EXCEPT;
-const int kNoHandle = -1;
+const int kNoHandle = linnet::kNoFd;  // no registration (a handle is never negative)
 
 struct Member {
     NonBlockSocket* sock;

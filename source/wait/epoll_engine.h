@@ -59,6 +59,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "results.h"
+
 namespace linnet {
 namespace wait {
 
@@ -142,7 +144,7 @@ public:
     int size() const { return live_count_; }
 
 private:
-    static constexpr int kNone = -1;
+    static constexpr int kNone = kNoFd;  // no handle, as no descriptor
     struct Slot {
         void* token;
         int fd;
