@@ -26,6 +26,8 @@ constexpr int kEndOfStream = -EPIPE;
 constexpr int kTimedOut = -ETIMEDOUT;
 // A socket group with nothing to wait for, and no time limit.
 constexpr int kNothingToWaitFor = -EBADF;
+// A scalable group asked to watch a descriptor another member watches.
+constexpr int kDuplicateDescriptor = -EEXIST;
 // An argument out of its range (a null socket, a negative length).
 constexpr int kBadArgument = -EINVAL;
 // Listen on a block server that already listens.

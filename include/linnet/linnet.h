@@ -8,6 +8,7 @@
 #include <linnet/tcpsocket.h>
 #include <linnet/udpsocket.h>
 #include <linnet/sockgroup.h>
+#include <linnet/epollgroup.h>
 #include <linnet/stream.h>
 #include <linnet/qtcpsocket.h>
 #include <linnet/qfiletransf.h>

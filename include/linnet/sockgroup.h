@@ -16,6 +16,9 @@
 // descriptor is negative (closed) is skipped: its state_ is cleared and it
 // takes part in no wait.
 //
+// For large sets (thousands of members, few ready) use CEpollGroup
+// (linnet/epollgroup.h): its wait costs what is ready, not what is watched.
+//
 // No locking: one thread polls a group at a time, membership does not change
 // during Poll, and a socket is polled by one group (or by itself) at a time.
 #ifndef LINNET_SOCKGROUP_H

@@ -1,11 +1,13 @@
-// Internal to linnet, never installed: what the block server reads of the
-// sockets it drives that their public interface does not show. Each peek
+// Internal to linnet, never installed: what the block server and the
+// scalable group read of the sockets they drive that their public interface
+// does not show. Each peek
 // goes through a pointer to a protected member (no object of these types is
 // ever made), so the public classes keep their layout and their interface.
 #ifndef LINNET_SOURCE_UNIX_PEEK_H
 #define LINNET_SOURCE_UNIX_PEEK_H
 
 #include <linnet/compress.h>
+#include <linnet/qtcpsocket.h>
 #include <linnet/socket.h>
 
 namespace linnet {
@@ -14,6 +16,17 @@ namespace peek {
 // A socket's descriptor.
 struct Socket : NonBlockSocket {
     static int Fd(const NonBlockSocket& s) { return s.*(&Socket::fd_); }
+    static int Events(const NonBlockSocket& s) { return s.*(&Socket::events_); }
+    static int State(const NonBlockSocket& s) { return s.*(&Socket::state_); }
+    static void SetState(NonBlockSocket& s, int bits) { s.*(&Socket::state_) = bits; }
+};
+
+// A queued socket's input: chunks received and not yet taken.
+struct Queued : QueuedTCPSocket {
+    static bool HasInput(const QueuedTCPSocket& s) {
+        const SocketQueue* q = s.*(&Queued::inQueue_);
+        return q != nullptr && !q->Empty();
+    }
 };
 
 // A compressor's or decompressor's slab size.
@@ -34,6 +47,20 @@ struct Compressed : CompressedTCPSocket {
     static int DecodedCapacity(const CompressedTCPSocket& s) {
         const CStreamDecompressor* d = s.*(&Compressed::decompressor_);
         return d == nullptr ? 0 : Slab::Size(*d);
+    }
+    // Plain bytes decoded and not yet read (0 while compression is off).
+    static int Decoded(CompressedTCPSocket& s) {
+        CStreamDecompressor* d = s.*(&Compressed::decompressor_);
+        return On(s) && d != nullptr ? d->TryRead(nullptr) : 0;
+    }
+    // Compressed bytes received and not yet inflated (0 while off).
+    static int Undecoded(const CompressedTCPSocket& s) { return On(s) ? s.*(&Compressed::rawInFill_) : 0; }
+    // The decompressor's counters (compressed in, plain out): they move
+    // whenever a Read makes progress.
+    static unsigned long long Progress(CompressedTCPSocket& s) {
+        CStreamDecompressor* d = s.*(&Compressed::decompressor_);
+        if (!On(s) || d == nullptr) return 0;
+        return (static_cast<unsigned long long>(d->GetBytesIn()) << 32) | d->GetBytesOut();
     }
     // Compressed input the socket holds but cannot inflate: a raw buffer at a
     // fifth of the slab that gave no plain byte is stuck for good (the
