@@ -1,14 +1,23 @@
 #include <linnet/blockserver.h>
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <time.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
+#include <functional>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "net_helpers.h"
+#include "unix/peek.h"
 
 namespace {
 
@@ -223,18 +232,156 @@ TEST(BlockAssembler, KeepsTheBlockIdleAndStalledReaderDeadlines) {
     EXPECT_EQ(BlockEnd::kStalledReader, why);
 }
 
-// Echoes, and answers "zlib" by switching compression on behind its answer;
-// "refuse" ends the connection.
+// Echoes (or answers every block with `answer` when it is set), answers
+// "zlib" by switching compression on behind its answer; "refuse" ends the
+// connection.
 struct SwitchingServer : CBlockServer {
     using CBlockServer::CBlockServer;
     int OnBlock(CBlockAssembler* conn, const unsigned char* body, unsigned size) override {
-        const std::string b(reinterpret_cast<const char*>(body), size);
-        if (b == "refuse") return -1;
-        if (conn->ReplyBlock(body, size) < 0) return -3;
-        return b == "zlib" ? 1 : 0;
+        const std::string b(reinterpret_cast<const char*>(body), std::min(size, 8u));
+        if (b == "refuse" && size == 6) return -1;
+        const int r = answer.empty() ? conn->ReplyBlock(body, size) : conn->Reply(answer.data(), static_cast<int>(answer.size()));
+        if (r < 0) return -3;
+        ++answered;
+        return b == "zlib" && size == 4 ? 1 : 0;
     }
     void OnEnd(const CBlockRecord& r) override { ended.push_back(r.end); }
-    std::vector<BlockEnd> ended;
+    std::string answer;
+    std::atomic<long> answered{0};
+    std::vector<BlockEnd> ended;  // read it once the server's thread is joined
+};
+
+// How the server's connections ended, in order, separated by commas.
+std::string Ends(const SwitchingServer& s) {
+    std::string out;
+    for (BlockEnd e : s.ended) out += (out.empty() ? "" : ",") + std::string(BlockEndName(e));
+    return out;
+}
+
+// Runs a server's rounds on a thread of its own until Stop (or destruction).
+class ServerThread {
+public:
+    explicit ServerThread(CBlockServer* s)
+        : t_([this, s] {
+              for (long i = 0; i < 100000000 && !stop_; ++i) {
+                  s->RunOnce(10);
+                  ++rounds_;
+              }
+          }) {}
+    ~ServerThread() { Stop(); }
+    // Waits until `done` holds and then two more rounds have ended (each
+    // round waits 10 ms at most): false after limit_s.
+    bool AwaitRoundsAfter(const std::function<bool()>& done, double limit_s) {
+        const auto t0 = testnet::Clock::now();
+        const timespec pause{0, 1000000};
+        while (!done() && testnet::SecondsSince(t0) < limit_s) ::nanosleep(&pause, nullptr);
+        const long target = rounds_ + 2;
+        while (rounds_ < target && testnet::SecondsSince(t0) < limit_s) ::nanosleep(&pause, nullptr);
+        return rounds_ >= target;
+    }
+    void Stop() {
+        stop_ = true;
+        if (t_.joinable()) t_.join();
+    }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::atomic<long> rounds_{0};
+    std::thread t_;
+};
+
+// Bytes no compressor shrinks, the same for the same seed.
+std::string Noise(std::size_t n, std::uint64_t seed) {
+    std::string out(n, '\0');
+    for (std::size_t i = 0; i < n; i += 8) {
+        seed ^= seed << 13, seed ^= seed >> 7, seed ^= seed << 17;
+        std::memcpy(&out[i], &seed, std::min<std::size_t>(8, n - i));
+    }
+    return out;
+}
+
+// `count` blocks of `body` back to back.
+std::string Blocks(const std::string& body, std::size_t count) {
+    std::string wire;
+    wire.reserve(count * (body.size() + 4));
+    for (std::size_t i = 0; i < count; ++i) wire += Block(body);
+    return wire;
+}
+
+// A non-blocking client, plain or through zlib in both directions, that
+// keeps what it receives. Every wait is bounded by the limit given.
+class Client {
+public:
+    // rcvbuf above 0: the kernel's receive buffer, set before connecting.
+    Client(unsigned short port, bool compress, int rcvbuf = 0) {
+        ok_ = sock_.Open() == 0 && (rcvbuf <= 0 || sock_.SetRcvBufSize(rcvbuf) == 0) && sock_.Connect(testnet::Loopback(), port, 5, 0) == 0 &&
+              (!compress || sock_.SwitchCompression(1) == 0);
+        compress_ = compress;
+    }
+    bool ok() const { return ok_; }
+    // Sends all of wire (and flushes the compressor), taking what arrives
+    // meanwhile when `duplex`: false on a failure or after limit_s.
+    bool Send(const std::string& wire, bool duplex, double limit_s) {
+        const auto t0 = testnet::Clock::now();
+        for (std::size_t sent = 0; ok_ && sent < wire.size() && testnet::SecondsSince(t0) < limit_s;) {
+            const int ready = sock_.Poll(POLL_WRITE | (duplex ? POLL_READ : 0), 0, 20000);
+            if ((ready & POLL_READ) && Take(1 << 20) < 0) return false;
+            if (!(ready & POLL_WRITE)) continue;
+            const int n = static_cast<int>(std::min<std::size_t>(wire.size() - sent, 1 << 20));
+            const int w = sock_.Write(&wire[sent], n);
+            if (w < 0) return false;
+            sent += static_cast<std::size_t>(w);
+            if (sent == wire.size()) return !compress_ || sock_.FullFlush() == 0;
+        }
+        return false;
+    }
+    // Waits, reading nothing, until the server resets the connection: false
+    // after limit_s.
+    bool AwaitReset(double limit_s) {
+        pollfd p{linnet::peek::Socket::Fd(sock_), 0, 0};
+        for (const auto t0 = testnet::Clock::now(); testnet::SecondsSince(t0) < limit_s;)
+            if (::poll(&p, 1, 20) > 0 && (p.revents & (POLLERR | POLLHUP))) return true;
+        return false;
+    }
+    // Ends the sending direction; the receiving one stays open.
+    void HalfClose() { ::shutdown(linnet::peek::Socket::Fd(sock_), SHUT_WR); }
+    // Takes what arrives until `expect` bytes have come, or (expect 0) the
+    // end of stream, at most `rate` bytes a second (0: no limit).
+    void Receive(std::size_t expect, double rate, double limit_s) {
+        const auto t0 = testnet::Clock::now();
+        const std::size_t base = got.size();
+        while (!eof && (expect == 0 || got.size() < expect) && testnet::SecondsSince(t0) < limit_s) {
+            std::size_t room = expect > 0 ? expect - got.size() : std::size_t(1) << 20;
+            if (rate > 0) {  // paced: what the rate allows since the start, 64 KiB at a time
+                const double allowed = rate * testnet::SecondsSince(t0) - static_cast<double>(got.size() - base);
+                if (allowed < 65536) {
+                    const timespec pause{0, 2000000};
+                    ::nanosleep(&pause, nullptr);
+                    continue;
+                }
+                room = std::min<std::size_t>(room, 65536);
+            }
+            if (sock_.Poll(POLL_READ, 0, 20000) == POLL_READ && Take(room) < 0) return;
+        }
+    }
+    std::string got;   // every byte received, in order
+    bool eof = false;  // the server ended the stream
+
+private:
+    int Take(std::size_t max) {
+        buf_.resize(std::min<std::size_t>(max, 1 << 20));
+        int r = sock_.Read(buf_.data(), static_cast<int>(buf_.size()));
+        if (r == -32) {  // what the socket still holds comes first
+            const int held = linnet::peek::Compressed::ReadHeld(sock_, buf_.data(), static_cast<int>(buf_.size()));
+            eof = held == 0;
+            r = held > 0 ? held : r;
+        }
+        if (r > 0) got.append(buf_.data(), static_cast<std::size_t>(r));
+        return r;
+    }
+    CompressedTCPSocket sock_;
+    bool ok_ = false, compress_ = false;
+    std::vector<char> buf_;
 };
 
 TEST(BlockServer, ListensOnceAndTellsItsPort) {
@@ -340,6 +487,118 @@ TEST(BlockServer, ARoundEndsAtTheNextDeadlineOrASignalNotAtTheWaitAsked) {
     }
     EXPECT_EQ(0, r) << "an interrupted wait is an empty round";
     EXPECT_LT(testnet::SecondsSince(start), 4.0);
+}
+
+TEST(BlockServer, AnswersEveryBlockOfABurstThatOutrunsItsReplies) {
+    // Zero-filled blocks: compressed, the whole burst is a few kilobytes on
+    // the wire, decoded inside the socket long before reading pauses for the
+    // replies, and no poll shows what it still holds; nor does its end of
+    // stream come before it.
+    const struct {
+        const char* name;
+        unsigned max_block, body, count;
+        bool half_close;  // the client ends its stream behind the burst
+    } rows[] = {
+        {"128 blocks of 65532 bytes", 1u << 20, 65532, 128, false},
+        {"5000 blocks of 1000 bytes", 4096, 1000, 5000, false},
+        {"8 blocks of 1 MiB", 1u << 20, 1u << 20, 8, false},
+        {"128 blocks of 65532 bytes, then the end of stream", 1u << 20, 65532, 128, true},
+    };
+    for (const auto& row : rows) {
+        for (const bool compress : {false, true}) {
+            const std::string name = std::string(row.name) + (compress ? ", compressed" : ", plain");
+            CBlockOptions o = Options(row.max_block);
+            o.compress = compress;
+            SwitchingServer server(o);
+            ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
+            ServerThread running(&server);
+            const std::string wire = Blocks(std::string(row.body, '\0'), row.count);
+            Client c(server.Port(), compress);
+            EXPECT_TRUE(c.ok() && c.Send(wire, true, 20)) << name;
+            if (row.half_close) c.HalfClose();
+            c.Receive(row.half_close ? 0 : wire.size(), 0, 20);
+            running.Stop();
+            EXPECT_EQ(wire.size(), c.got.size()) << name;
+            EXPECT_TRUE(c.got == wire) << name;
+            EXPECT_EQ(row.half_close, c.eof) << name;
+            EXPECT_EQ(row.half_close ? "closed" : "", Ends(server)) << name;
+        }
+    }
+}
+
+TEST(BlockServer, AnswersAHalfClosedPeerInFullBeforeClosing) {
+    const std::string answer = Noise(1 << 20, 7);  // 1 MiB no compressor shrinks
+    const struct {
+        const char* name;
+        bool compress;
+        bool first_round;  // requests and end of stream all there before the server's first round
+        bool reads;        // false: the peer never reads its answers
+        const char* end;
+    } rows[] = {
+        {"plain, 3 blocks of 8 MB", false, false, true, "closed"},
+        {"plain, the end of stream in the round of the requests", false, true, true, "closed"},
+        {"compressed, the end of stream in the round of the requests", true, true, true, "closed"},
+        {"plain, never reads its answers", false, true, false, "stalled reader"},
+    };
+    for (const auto& row : rows) {
+        CBlockOptions o;
+        o.maxBlock = 16u << 20;
+        o.deadlineMs = row.reads ? 10000 : 1000;
+        o.compress = row.compress;
+        SwitchingServer server(o);
+        ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
+        // Echoed: three 8 MB blocks, read once all is sent. Answered: 16 empty
+        // requests, 16 MiB of replies, read only once the server is past the
+        // rounds that answered them and met the end of stream: more than
+        // one write to the kernel takes.
+        const std::string wire = row.first_round ? Blocks("", 16) : Blocks(Noise(8u << 20, 3), 3);
+        std::string expect = wire;
+        if (row.first_round) {
+            server.answer = answer;
+            expect.clear();
+            for (int i = 0; i < 16; ++i) expect += answer;
+        }
+        std::unique_ptr<ServerThread> running;
+        if (!row.first_round) running.reset(new ServerThread(&server));
+        Client c(server.Port(), row.compress, row.first_round ? 4096 : 0);
+        EXPECT_TRUE(c.ok() && c.Send(wire, false, 30)) << row.name;
+        c.HalfClose();
+        if (row.first_round) {
+            running.reset(new ServerThread(&server));
+            EXPECT_TRUE(running->AwaitRoundsAfter([&] { return server.answered == 16; }, 20)) << row.name;
+        }
+        if (row.reads) {
+            c.Receive(0, 0, 30);
+        } else {
+            EXPECT_TRUE(c.AwaitReset(10)) << row.name << ": the replies wait under the stall clock only";
+        }
+        running->Stop();
+        if (row.reads) {
+            EXPECT_EQ(expect.size(), c.got.size()) << row.name;
+            EXPECT_TRUE(c.got == expect) << row.name;
+            EXPECT_TRUE(c.eof) << row.name;
+        }
+        EXPECT_EQ(row.end, Ends(server)) << row.name;
+    }
+}
+
+TEST(BlockServer, APausedServerDoesNotAgeTheRequestsItIsNotReading) {
+    // 20,000 one-byte requests at once, each answered with 1000 bytes, the
+    // first 14 MB read at 5 MB/s: the first read cuts a request, and its
+    // answers take seconds to leave, far beyond the one-second block
+    // deadline. The rest is read at full speed.
+    SwitchingServer server(Options(1024));
+    server.answer = Block(std::string(996, 'a'));
+    ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
+    ServerThread running(&server);
+    const std::size_t n = 20000;
+    Client c(server.Port(), false);
+    EXPECT_TRUE(c.ok() && c.Send(Blocks("?", n), false, 10));
+    c.Receive(14000000, 5e6, 30);
+    c.Receive(n * 1000, 0, 30);
+    running.Stop();
+    EXPECT_EQ(n * 1000, c.got.size());
+    EXPECT_EQ("", Ends(server)) << "no connection ended";
 }
 
 }  // namespace

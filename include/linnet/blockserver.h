@@ -48,6 +48,11 @@
 // connection is reset); connections are closed without the one-second
 // linger, and compressed output the kernel has not taken at close is
 // dropped, not waited for.
+//
+// Stricter, so that no answer is lost:
+// - a pause for replies, once over, reads what a compressed socket holds (a burst used to hang);
+// - a peer's end of stream ends its input only: replies go out under the stall clock, then close;
+// - while reading is paused for replies, the block and idle clocks stop (only the stall clock runs).
 #ifndef LINNET_BLOCKSERVER_H
 #define LINNET_BLOCKSERVER_H
 
@@ -78,7 +83,7 @@ struct LINNET_API CBlockOptions {
 // Why a connection ended. BlockEndCode gives its code: the codes of
 // SockStream::ReadBlock where one fits, -110 for the three deadlines.
 enum class BlockEnd {
-    kClosed,         //    0 peer closed (or reset) between blocks
+    kClosed,         //    0 peer closed (or reset) between blocks, all answered
     kCutHeader,      //   -1 peer closed (or reset) inside a block header
     kTooBig,         //   -2 announced length above maxBlock
     kNoMemory,       //   -3 no memory for a block or a reply
@@ -86,7 +91,8 @@ enum class BlockEnd {
     kSendFailed,     //  -14 a reply could not be sent
     kDeadline,       // -110 block not complete within deadlineMs
     kIdle,           // -110 nothing received for idleMs between blocks
-    kStalledReader,  // -110 replies waiting, none taken for deadlineMs
+    kStalledReader,  // -110 replies waiting, none taken for deadlineMs (also
+                     //      after the peer's end of stream)
     kRefused,        //  -22 the host refused a block (OnBlock < 0), or bytes
                      //      arrived behind a block that switches compression
     kCorrupt,        //   -5 compressed input that inflate no longer takes
@@ -118,7 +124,9 @@ public:
     // blocks) until MayHaveMore is false. With compression on it asks for
     // all the decompressor can hold (five times the receive buffer size, if
     // that is more than readSize), so that the socket's next read never
-    // lands on compressed input not yet inflated.
+    // lands on compressed input not yet inflated; at the peer's end of
+    // stream it hands out what the socket still holds before the end.
+    // The socket's negative code ends the input (InputEnded).
     int ReadFrom(NonBlockSocket* s, long long now);
     int ReadFrom(CompressedTCPSocket* s, long long now);
     // Moves every chunk queued for input into the buffer (no walk over the
@@ -134,6 +142,9 @@ public:
     // before blocks were taken), or gave bytes from a compressed socket:
     // more may be waiting without readiness.
     bool MayHaveMore() const { return more_; }
+    // True once a ReadFrom or TakeQueued met the end of stream or a failure
+    // of the socket: nothing more is read, only the replies still go out.
+    bool InputEnded() const { return ended_; }
 
     // The next whole block: 1 with *body (valid until the next input call or
     // Next) and *size; 0 when more bytes are needed; -2 when the announced
@@ -163,14 +174,18 @@ public:
     bool Pending() const { return QueuedOutput() > 0 || zPending_; }
 
     // The events to poll for: POLL_WRITE while anything is pending, POLL_READ
-    // unless reading is paused (more than 2 x (maxBlock + 4) queued replies).
+    // unless reading is paused (more than 2 x (maxBlock + 4) queued replies)
+    // or the input has ended.
     int Wanted() const;
     // 0 while within every deadline, else 1 with *why: kStalledReader when
     // output left pending by a Send has made no progress for deadlineMs,
     // kDeadline when a block begun is not whole after deadlineMs, kIdle after
     // idleMs without input between blocks. While reading is paused only the
-    // stall clock counts (the server is the one not reading). deadlineMs or
-    // idleMs at 0 or below: that clock is off.
+    // stall clock counts (the server is the one not reading): the block and
+    // idle clocks stop when a Send finds reading paused and go on from where
+    // they stopped when a Send resumes it; once the input has ended only the
+    // stall clock counts. deadlineMs or idleMs at 0 or below: that clock is
+    // off.
     int Expired(long long now, BlockEnd* why) const;
     // The earliest time Expired may change its answer; -1 when none is set.
     long long NextDeadline() const;
@@ -187,6 +202,7 @@ private:
     LINNET_BLOCK_PRIVATE bool OutRoom(int n);  // free space for n more reply bytes
     LINNET_BLOCK_PRIVATE int InputRoom(int size) const;
     LINNET_BLOCK_PRIVATE void Arrived(int before, long long now);
+    LINNET_BLOCK_PRIVATE void NotePause(long long now);
     LINNET_BLOCK_PRIVATE int Sent(int w, bool progress, long long now);
     LINNET_BLOCK_PRIVATE bool Paused() const;
     LINNET_BLOCK_PRIVATE bool InBlock() const;
@@ -199,9 +215,11 @@ private:
     bool haveHeader_ = false, refused_ = false, more_ = false;
     bool zPending_ = false;         // compressed output left in the compressor
     bool wasPending_ = false;       // output pending at the end of the last Send
+    bool ended_ = false;            // the socket reported its end of stream or a failure
     unsigned char* out_ = nullptr;  // replies (malloc); unsent bytes [outStart_, outEnd_)
     long long outCap_ = 0, outStart_ = 0, outEnd_ = 0;
     long long blockStart_ = 0, lastInput_ = 0, outProgress_ = 0;
+    long long pausedAt_ = -1;       // reading paused for the replies since then; -1: not paused
 };
 
 // What one finished connection cost the server.
@@ -241,9 +259,14 @@ public:
     // back-off ends sooner; 0 when a compressed connection holds decoded
     // input), accepts up to 64 connections, reads, hands each whole block to
     // OnBlock, sends each connection's replies in one write, and ends the
-    // connections that broke a limit. A compressed connection whose input
-    // inflate no longer takes (corrupt) while its raw buffer is full would
-    // stay readable for ever: it ends at once (kCorrupt). Returns the
+    // connections that broke a limit. A connection whose peer ended its
+    // stream (or reset it) reads no more; it ends once every reply has been
+    // handed to the kernel (kClosed, kCutHeader or kCutBody: closed without
+    // a reset, so what is in flight arrives), or when they stall
+    // (kStalledReader) or cannot be sent (kSendFailed); every other end is a
+    // reset. A compressed connection whose input inflate no longer takes
+    // (corrupt) while its raw buffer is full would stay readable for ever:
+    // it ends at once (kCorrupt). Returns the
     // group's Poll result (a count, 0, or negative when the wait failed:
     // -9, -22); waitMs below 0 waits without limit but for the timers.
     // When accept fails for want of descriptors or memory the listener is

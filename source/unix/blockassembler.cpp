@@ -85,8 +85,9 @@ void CBlockAssembler::Reset(long long now) {
     inStart_ = inEnd_ = 0;
     outStart_ = outEnd_ = 0;
     length_ = 0;
-    haveHeader_ = refused_ = more_ = zPending_ = wasPending_ = false;
+    haveHeader_ = refused_ = more_ = zPending_ = wasPending_ = ended_ = false;
     blockStart_ = lastInput_ = outProgress_ = now;
+    pausedAt_ = kNoTime;
 }
 
 bool CBlockAssembler::Room(int n) {
@@ -133,7 +134,12 @@ int CBlockAssembler::ReadInto(NonBlockSocket* s, bool compressed, int size, long
     }
     if (!Room(want)) return result::kStep3;
     const int before = QueuedInput();
-    const int r = s->Read(in_ + inEnd_, want);
+    int r = s->Read(in_ + inEnd_, want);
+    if (r < 0 && compressed) {  // its Read reports the end before the input it still holds
+        const int held = Compressed::ReadHeld(*static_cast<CompressedTCPSocket*>(s), in_ + inEnd_, want);
+        if (held > 0) r = held;
+    }
+    if (r < 0) ended_ = true;
     if (r <= 0) return r;
     inEnd_ += r;
     Arrived(before, now);
@@ -151,6 +157,7 @@ int CBlockAssembler::TakeQueued(QueuedTCPSocket* s, int status, long long now) {
         if ((status & 3) != 0 && n == QTCPSOCK_CLOSE_SIZE &&
             std::memcmp(in_ + inEnd_, QTCPSOCK_CLOSE, QTCPSOCK_CLOSE_SIZE) == 0 && s->Read(nullptr, 0) == 0) {
             if (taken > 0) Arrived(before, now);
+            ended_ = true;
             return result::kEndOfStream;  // the failure the marker reports; the marker itself is not data
         }
         inEnd_ += n;
@@ -228,9 +235,18 @@ bool CBlockAssembler::OutRoom(int n) {
 
 int CBlockAssembler::QueuedOutput() const { return static_cast<int>(outEnd_ - outStart_); }
 
+void CBlockAssembler::NotePause(long long now) {
+    if (pausedAt_ < 0 && Paused()) pausedAt_ = now;
+}
+
 int CBlockAssembler::Sent(int w, bool progress, long long now) {
     if (!wasPending_ || progress) outProgress_ = now;  // the stall clock starts, or restarts
     wasPending_ = Pending();
+    if (pausedAt_ >= 0 && !Paused()) {  // reading resumes: the block and idle clocks go on where they stopped
+        blockStart_ += now - pausedAt_;
+        lastInput_ += now - pausedAt_;
+        pausedAt_ = kNoTime;
+    }
     if (!wasPending_ && outCap_ > 2LL * options_.readSize) {  // all sent: give back a reply burst's room
         std::free(out_);
         out_ = nullptr;
@@ -241,6 +257,7 @@ int CBlockAssembler::Sent(int w, bool progress, long long now) {
 
 int CBlockAssembler::Send(NonBlockSocket* s, long long now) {
     if (s == nullptr) return result::kBadArgument;
+    NotePause(now);
     const int n = QueuedOutput();
     if (n == 0) return Sent(0, false, now);
     const int w = s->Write(out_ + outStart_, n);
@@ -255,6 +272,7 @@ int CBlockAssembler::Send(CompressedTCPSocket* s, long long now) {
         zPending_ = false;
         return Send(static_cast<NonBlockSocket*>(s), now);
     }
+    NotePause(now);
     int taken = 0;
     while (QueuedOutput() > 0) {  // ends when the compressor is full
         const int w = s->Write(out_ + outStart_, QueuedOutput());
@@ -276,7 +294,9 @@ bool CBlockAssembler::Paused() const {
     return QueuedOutput() > 2LL * (static_cast<long long>(options_.maxBlock) + 4);
 }
 
-int CBlockAssembler::Wanted() const { return (Pending() ? POLL_WRITE : 0) | (Paused() ? 0 : POLL_READ); }
+int CBlockAssembler::Wanted() const {
+    return (Pending() ? POLL_WRITE : 0) | (Paused() || ended_ ? 0 : POLL_READ);
+}
 
 bool CBlockAssembler::InBlock() const { return haveHeader_ || inEnd_ > inStart_; }
 
@@ -284,7 +304,7 @@ int CBlockAssembler::Expired(long long now, BlockEnd* why) const {
     const long long deadline = options_.deadlineMs;
     BlockEnd e;
     if (deadline > 0 && wasPending_ && now - outProgress_ > deadline) e = BlockEnd::kStalledReader;
-    else if (Paused()) return 0;  // the server is the one not reading
+    else if (Paused() || ended_) return 0;  // the server is the one not reading, or no input can come
     else if (deadline > 0 && InBlock() && now - blockStart_ > deadline) e = BlockEnd::kDeadline;
     else if (options_.idleMs > 0 && !InBlock() && now - lastInput_ > options_.idleMs) e = BlockEnd::kIdle;
     else return 0;
@@ -296,7 +316,7 @@ long long CBlockAssembler::NextDeadline() const {
     long long t = kNoTime;
     const long long deadline = options_.deadlineMs;
     if (deadline > 0 && wasPending_) t = outProgress_ + deadline + 1;
-    if (Paused()) return t;
+    if (Paused() || ended_) return t;
     long long u = kNoTime;
     if (deadline > 0 && InBlock()) u = blockStart_ + deadline + 1;
     else if (options_.idleMs > 0 && !InBlock()) u = lastInput_ + options_.idleMs + 1;

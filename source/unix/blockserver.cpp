@@ -36,6 +36,7 @@ struct CBlockServer::Conn {
     long long accepted = 0;
     bool switchPending = false;  // compression goes on once the replies are out
     bool hot = false;            // decoded input may wait inside the socket
+    bool resume = false;         // reading paused while it may: read again once it resumes
 };
 
 CBlockServer::CBlockServer(const CBlockOptions& options) : options_(options) {}
@@ -157,23 +158,28 @@ bool CBlockServer::Serve(Conn& c, long long now, BlockEnd* why) {
                 *why = BlockEnd::kNoMemory;
                 return false;
             }
-            if (r < 0) {  // end of stream or reset: what is answered goes out first
-                a.Send(&c.sock, now);
-                *why = a.EndOnClose();
-                return false;
-            }
+            if (r < 0) break;  // end of stream or reset: the input has ended, the replies still go out
             if (r == 0 && k == 0 && linnet::peek::Compressed::Stuck(c.sock)) {
                 *why = BlockEnd::kCorrupt;
                 return false;
             }
             c.rec.bytesIn += static_cast<unsigned>(r);
             if (!Dispatch(c, now, why)) return false;
-            if (!a.MayHaveMore() || c.switchPending || !(a.Wanted() & POLL_READ)) break;
+            if (!a.MayHaveMore() || c.switchPending) break;
+            if (!(a.Wanted() & POLL_READ)) {  // paused for the replies with more input maybe held
+                c.resume = true;
+                break;
+            }
             if (k == kReadsPerRound - 1) c.hot = hot_ = true;
         }
     }
-    if (((ready & POLL_WRITE) || a.QueuedOutput() > outBefore) && a.Pending() && a.Send(&c.sock, now) < 0) {
+    const bool send = (ready & POLL_WRITE) || a.QueuedOutput() > outBefore || a.InputEnded();
+    if (send && a.Pending() && a.Send(&c.sock, now) < 0) {
         *why = BlockEnd::kSendFailed;
+        return false;
+    }
+    if (a.InputEnded() && !a.Pending()) {  // every reply handed over: now it may close
+        *why = a.EndOnClose();
         return false;
     }
     if (c.switchPending && !a.Pending()) {
@@ -188,6 +194,12 @@ bool CBlockServer::Serve(Conn& c, long long now, BlockEnd* why) {
     const int queued = a.QueuedInput() + a.QueuedOutput();
     if (queued > c.rec.peakQueued) c.rec.peakQueued = queued;
     if (a.Expired(now, why)) return false;
+    // Reading resumes: the socket may hold decoded input that no poll shows,
+    // so it is read at once.
+    if (c.resume && (a.Wanted() & POLL_READ)) {
+        c.resume = false;
+        c.hot = hot_ = true;
+    }
     c.sock.SetEvents(a.Wanted() & (c.switchPending ? POLL_WRITE : POLL_READ | POLL_WRITE));
     const long long t = a.NextDeadline();
     if (t >= 0 && (nextDeadline_ < 0 || t < nextDeadline_)) nextDeadline_ = t;
@@ -228,8 +240,10 @@ void CBlockServer::Finish(std::size_t index, BlockEnd why, long long now) {
     LOG_FORMAT("RunOnce", 11, "connection fd_ %d ended: %s", Socket::Fd(c->sock), BlockEndName(why));
     OnEnd(c->rec);
     // Never the one-second linger, which would stop every connection: a
-    // rule breaker gets a reset, a peer that closed gets what is in flight.
-    linnet::sys::set_close_now(Socket::Fd(c->sock), why != BlockEnd::kClosed);
+    // peer that ended its stream and was handed every reply gets what is in
+    // flight; every other end is a reset.
+    const bool answered = c->a.InputEnded() && !c->a.Pending();
+    linnet::sys::set_close_now(Socket::Fd(c->sock), !answered);
     c->sock.Close();  // before the destructor, whose final flush then cannot wait
     delete c;
     if (acceptResume_ > now) acceptResume_ = now;  // a descriptor came free: accept again next round

@@ -10,6 +10,8 @@
 #include <linnet/qtcpsocket.h>
 #include <linnet/socket.h>
 
+#include "compress/shift.h"
+
 namespace linnet {
 namespace peek {
 
@@ -70,6 +72,24 @@ struct Compressed : CompressedTCPSocket {
         if (!On(s)) return false;
         const CStreamDecompressor* d = s.*(&Compressed::decompressor_);
         return d != nullptr && s.*(&Compressed::rawInFill_) >= Slab::Size(*d) / 5;
+    }
+    // Up to len plain bytes from what the socket already holds (decoded, or
+    // compressed input it can still inflate), without reading the descriptor:
+    // at the peer's end of stream the socket's own Read reports the end
+    // before the input it holds. 0 when it holds none (or compression is off).
+    static int ReadHeld(CompressedTCPSocket& s, void* buf, int len) {
+        CStreamDecompressor* d = s.*(&Compressed::decompressor_);
+        if (!On(s) || d == nullptr || len <= 0) return 0;
+        char* raw = reinterpret_cast<char*>(s.*(&Compressed::rawIn_));
+        int& fill = s.*(&Compressed::rawInFill_);
+        if (raw != nullptr && fill > 0) {
+            const int used = d->Write(raw, fill);
+            if (used > 0) {
+                linnet::compress::shift_to_front(raw, used, fill - used);
+                fill -= used;
+            }
+        }
+        return d->Read(static_cast<char*>(buf), len);
     }
 };
 
