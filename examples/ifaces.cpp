@@ -21,6 +21,7 @@ const char kUsage[] =
     "  aliases (NAME:N).\n"
     "  --json      one JSON array instead, field names as in `ip -j addr`\n"
     "  -h, --help  this text;  --version  the tool's and the library's version\n"
+    "  LINNET_LOG=N prints the library's messages up to level N on stderr.\n"
     "  Exit status 0; 1 when NAME is not found; 2 for a usage error.\n"
     "  A line on stderr says when the table was cut at its 128 interfaces.\n";
 

@@ -24,6 +24,7 @@ const char kUsage[] =
     "  prints them. --json: the same records as one JSON array (every table\n"
     "  unless --main or --local is given).\n"
     "  -h, --help  this text;  --version  the tool's and the library's version\n"
+    "  LINNET_LOG=N prints the library's messages up to level N on stderr.\n"
     "  Exit status 0 when the routes were read whole, 1 when not, 2 for a usage\n"
     "  error.\n";
 
