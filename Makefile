@@ -1,58 +1,80 @@
 # linnet: the two commands of the README, and their helpers.
-#   make demo       build everything and run the demo host
-#   make test       build and pass every test
+#   make demo       build the library and the tools, run the demo host
+#   make test       build everything and pass every test
 #   make test-asan  the same suite under AddressSanitizer + UBSan
 #   make test-valgrind   the suite under valgrind memcheck (heavy tests scaled down)
 #   make test-fortify    the suite built -O1 -D_FORTIFY_SOURCE=2 (an fd_set index
 #                        out of range aborts)
 #   make fuzz       each libFuzzer target for FUZZ_SECONDS (default 60)
 #   make bench      the benchmarks and their ratio table
-#   make install    the library, headers, CMake and pkg-config files, tools and
-#                   docs under PREFIX (default /usr/local), staged under DESTDIR
-#   make uninstall  removes what the last `make install` of this build put there
-# Missing Debian packages are installed with apt-get (as root, or via sudo).
+#   make install    the library, headers, CMake and pkg-config files, tools, their
+#                   manual pages and the docs under PREFIX (default /usr/local),
+#                   staged under DESTDIR
+#   make uninstall  removes what `make install` put under the same DESTDIR and
+#                   PREFIX (each destination keeps its own list)
+# Missing Debian packages are installed with apt-get (as root, or via sudo):
+# demo and install only what the library and the tools need, test and bench
+# what they need besides.
 
 BUILD      ?= build
 BUILD_ASAN ?= build-asan
 BUILD_FORTIFY ?= build-fortify
+# The library and the tools alone, without tests: what demo and install build.
+DIST       ?= build-dist
 FUZZ_SECONDS ?= 60
 PREFIX     ?= /usr/local
 DESTDIR    ?=
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
-PKGS       := cmake g++ make pkg-config zlib1g-dev libboost-dev libgtest-dev libgmock-dev \
-              libbenchmark-dev iproute2 python3
+LIB_PKGS   := cmake g++ make zlib1g-dev
+TEST_PKGS  := $(LIB_PKGS) pkg-config libboost-dev libgtest-dev libgmock-dev iproute2 groff-base python3
+BENCH_PKGS := $(LIB_PKGS) libboost-dev libbenchmark-dev
 SUDO       := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps build demo test test-asan test-valgrind test-fortify fuzz bench abi clean install install-files uninstall
+.PHONY: all deps deps-lib deps-bench build dist demo test test-asan test-valgrind test-fortify fuzz bench abi \
+        clean install install-files uninstall
 
 all: build
 
-deps:
-	@missing=""; for p in $(PKGS); do dpkg -s $$p >/dev/null 2>&1 || missing="$$missing $$p"; done; \
+# $(call apt_need,PACKAGES): installs those of PACKAGES not installed yet.
+define apt_need
+	@missing=""; for p in $(1); do dpkg -s $$p >/dev/null 2>&1 || missing="$$missing $$p"; done; \
 	if [ -n "$$missing" ]; then \
 	  echo "installing:$$missing"; \
 	  $(SUDO) apt-get update -q && \
 	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -q --no-install-recommends $$missing; \
 	fi
+endef
+
+deps-lib:
+	$(call apt_need,$(LIB_PKGS))
+deps:
+	$(call apt_need,$(TEST_PKGS))
+deps-bench:
+	$(call apt_need,$(BENCH_PKGS))
 
 build: deps
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX="$(PREFIX)"
 	cmake --build $(BUILD) -j $(JOBS)
 
+dist: deps-lib
+	cmake -S . -B $(DIST) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLINNET_TESTS=OFF -DCMAKE_INSTALL_PREFIX="$(PREFIX)"
+	cmake --build $(DIST) -j $(JOBS)
+
 # The installed tools find the library through a run path relative to
 # themselves ($ORIGIN/../lib...), so any PREFIX works without ldconfig.
-# install-files installs an existing build as it is (the package test uses it);
-# MANIFEST lists what was installed, for uninstall.
-MANIFEST ?= $(BUILD)/linnet-installed.txt
-install: build
+# install-files installs the build in DIST as it is (the package test gives
+# it its own). Each destination keeps the list of what was installed there
+# in MANIFEST, so that installs to several prefixes can each be undone.
+MANIFEST ?= $(DESTDIR)$(PREFIX)/share/linnet/install-manifest.txt
+install: dist
 	@$(MAKE) --no-print-directory install-files
 
 install-files:
-	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)"
-	@cp $(BUILD)/install_manifest.txt "$(MANIFEST)"
+	DESTDIR="$(DESTDIR)" cmake --install $(DIST) --prefix "$(PREFIX)"
+	@mkdir -p -- "$$(dirname -- "$(MANIFEST)")" && cp $(DIST)/install_manifest.txt "$(MANIFEST)"
 
-# Removes every file the last install listed (cmake lists them without
-# DESTDIR, so give the same DESTDIR and PREFIX as to install), then the
+# Removes every file the install to this DESTDIR and PREFIX listed (cmake
+# lists them with or without DESTDIR), the list itself, then the
 # directories only linnet uses, once empty.
 uninstall:
 	@test -f "$(MANIFEST)" || { echo "nothing to uninstall: $(MANIFEST) not found"; exit 1; }
@@ -60,13 +82,13 @@ uninstall:
 	  case "$$f" in "$(DESTDIR)"/*) ;; *) f="$(DESTDIR)$$f" ;; esac; \
 	  rm -f -- "$$f" && echo "removed $$f"; \
 	done < "$(MANIFEST)"
-	@for d in include/linnet lib/cmake/linnet lib/*/cmake/linnet lib64/cmake/linnet share/doc/linnet; do \
+	@rm -f -- "$(MANIFEST)"
+	@for d in include/linnet lib/cmake/linnet lib/*/cmake/linnet lib64/cmake/linnet share/doc/linnet share/linnet; do \
 	  for p in "$(DESTDIR)$(PREFIX)"/$$d; do [ -d "$$p" ] && rmdir -- "$$p" 2>/dev/null || true; done; \
 	done
-	@rm -f -- "$(MANIFEST)"
 
-demo: build
-	./$(BUILD)/examples/linnet-demo
+demo: dist
+	./$(DIST)/examples/linnet-demo
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
@@ -92,11 +114,11 @@ fuzz: deps
 	fuzz/run.sh $(FUZZ_SECONDS)
 
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_BENCH) $(BUILD_FORTIFY) build-fuzz
+	rm -rf $(BUILD) $(DIST) $(BUILD_ASAN) $(BUILD_BENCH) $(BUILD_FORTIFY) build-fuzz
 
 # Benchmarks: every figure beside its baselines in one run, then a ratio table.
 BUILD_BENCH ?= build-bench
-bench: deps
+bench: deps-bench
 	cmake -S . -B $(BUILD_BENCH) -DCMAKE_BUILD_TYPE=Release -DLINNET_BENCH=ON -DLINNET_TESTS=OFF
 	cmake --build $(BUILD_BENCH) -j $(JOBS) --target linnet-bench
 	./$(BUILD_BENCH)/bench/linnet-bench --benchmark_min_time=0.5 --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \

@@ -104,8 +104,17 @@ std::string ResolveIPv4(const char* host, unsigned int* out) {
     addrinfo* found = nullptr;
     const int r = getaddrinfo(host, nullptr, &hints, &found);
     if (r != 0) {
-        return std::string("cannot resolve '") + host +
-               "' to an IPv4 address: " + (r == EAI_SYSTEM ? std::strerror(errno) : gai_strerror(r));
+        const std::string why = r == EAI_SYSTEM ? std::strerror(errno) : gai_strerror(r);
+        // Say so when the host is IPv6 only: linnet's sockets cannot reach it.
+        in6_addr v6;
+        if (inet_pton(AF_INET6, host, &v6) == 1)
+            return std::string("'") + host + "' is an IPv6 address: linnet is IPv4 only";
+        hints.ai_family = AF_INET6;
+        if (getaddrinfo(host, nullptr, &hints, &found) == 0) {
+            freeaddrinfo(found);
+            return std::string("'") + host + "' has only IPv6 addresses: linnet is IPv4 only";
+        }
+        return std::string("cannot resolve '") + host + "' to an IPv4 address: " + why;
     }
     *out = reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_addr.s_addr;
     freeaddrinfo(found);

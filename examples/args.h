@@ -111,7 +111,9 @@ std::string ParseNumber(const char* text, long long lo, long long hi, long long*
 std::string ParseSeconds(const char* text, long long lo_ms, long long hi_ms, long long* ms);
 
 // Resolves `host` (dotted quad or name) to its first IPv4 address, network
-// byte order, into *out. Returns "" or the resolver's reason.
+// byte order, into *out. Returns "" or the reason: "... is an IPv6 address:
+// linnet is IPv4 only", "... has only IPv6 addresses: ...", or the
+// resolver's.
 std::string ResolveIPv4(const char* host, unsigned int* out);
 
 }  // namespace args

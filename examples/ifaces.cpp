@@ -25,6 +25,7 @@ const char kUsage[] =
     "              broadcast) with its IPv4 records in \"addr_info\" (family,\n"
     "              local, prefixlen, broadcast, label)\n"
     "  -h, --help  this text;  --version  the tool's and the library's version\n"
+    "  LINNET_LOG=N prints the library's messages up to level N on stderr.\n"
     "  Exit status 0; 1 when NAME is not found, or --json could not read the\n"
     "  kernel's link list or met a name that is not UTF-8 (said on stderr);\n"
     "  2 for a usage error; 3 when the table was cut at its 128 interfaces (a\n"

@@ -28,6 +28,7 @@ const char kUsage[] =
     "  --snapshot-format  the library's routing snapshot (every non-local route)\n"
     "              as CRoutesDump::print writes it: raw attribute numbers\n"
     "  -h, --help  this text;  --version  the tool's and the library's version\n"
+    "  LINNET_LOG=N prints the library's messages up to level N on stderr.\n"
     "  Exit status 0 when every route was read and shown whole; 1 when the\n"
     "  routes could not be read whole; 2 for a usage error; 3 when a route\n"
     "  carries something the tool cannot show (named on stderr, the rest of the\n"

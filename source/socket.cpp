@@ -165,3 +165,11 @@ void NonBlockSocket::SetValueTimeToLive(unsigned int ttl) const {
         LOG_STREAM(1) << "Can't set TTL value to " << ttl << " on fd " << fd_ << " (errno " << errno
                       << ")";
 }
+
+unsigned short NonBlockSocket::LocalPort() const {
+    if (fd_ < 0) return 0;
+    sockaddr_storage sa{};
+    socklen_t len = sizeof sa;
+    if (::getsockname(fd_, reinterpret_cast<sockaddr*>(&sa), &len) < 0 || sa.ss_family != AF_INET) return 0;
+    return ntohs(reinterpret_cast<const sockaddr_in*>(&sa)->sin_port);
+}

@@ -236,6 +236,44 @@ TEST(SocketTtl, SetAndReadBackAndZeroWhenClosed) {
     EXPECT_EQ(s.GetValueTimeToLive(), 17);
 }
 
+// LocalPort reads the kernel's port: the one it picked for a TCP listener
+// and a UDP socket bound to port 0, and for a connected client; 0 before a
+// descriptor exists, before it is bound, after Close, and for a descriptor
+// that is not IPv4.
+TEST(NonBlockSocket, LocalPortIsTheKernelsPortOrZero) {
+    TCPSocket listener;
+    EXPECT_EQ(listener.LocalPort(), 0);  // no descriptor
+    ASSERT_EQ(listener.Open(), 0);
+    EXPECT_EQ(listener.LocalPort(), 0);  // not bound yet
+    ASSERT_EQ(listener.Bind(testnet::Loopback(), 0), 0);
+    ASSERT_EQ(listener.Listen(4), 0);
+    const unsigned short port = listener.LocalPort();
+    EXPECT_NE(port, 0);
+    EXPECT_EQ(port, testnet::LocalPort(FdOf::get(listener)));
+
+    TCPSocket client;
+    ASSERT_EQ(client.Open(), 0);
+    ASSERT_EQ(client.Connect(testnet::Loopback(), port, 2, 0), 0);
+    EXPECT_NE(client.LocalPort(), 0);
+    EXPECT_NE(client.LocalPort(), port);
+    EXPECT_EQ(client.LocalPort(), testnet::LocalPort(FdOf::get(client)));
+
+    UDPSocket udp;
+    ASSERT_EQ(udp.Open(), 0);
+    ASSERT_EQ(udp.Bind(testnet::Loopback(), 0), 0);
+    EXPECT_EQ(udp.LocalPort(), testnet::LocalPort(FdOf::get(udp)));
+    EXPECT_NE(udp.LocalPort(), 0);
+
+    listener.Close();
+    EXPECT_EQ(listener.LocalPort(), 0);
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    RawSocket local;
+    local.OpenFD(pair[0], 0);
+    EXPECT_EQ(local.LocalPort(), 0);  // AF_UNIX: no port
+    close(pair[1]);
+}
+
 // Every public operation that takes an int length, given -1: -22, and not a
 // byte reaches the peer (nor the file), nor is one taken from it. The peers
 // hold data for the reading operations, so a length taken as huge would

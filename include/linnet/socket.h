@@ -87,6 +87,12 @@ public:
     int GetValueTimeToLive() const;
     // Sets IP_TTL; a failure is only logged (level 1).
     void SetValueTimeToLive(unsigned int ttl) const;
+    // The local port of fd_ as the kernel reports it (getsockname), host
+    // order: the one it picked after Bind(ip, 0) or a connect. 0 without a
+    // descriptor, before the descriptor is bound, for a descriptor that is
+    // not IPv4, or when getsockname fails. Not virtual: no class's layout
+    // or virtual table changes for it.
+    unsigned short LocalPort() const;
 
     NonBlockSocket(const NonBlockSocket&) = delete;
     NonBlockSocket& operator=(const NonBlockSocket&) = delete;
