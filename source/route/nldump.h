@@ -12,8 +12,8 @@
 //   dumps again, at most kDumpAttempts times in all.
 // It logs nothing: every reader reports in its own words.
 // Header-only so that tests can play the kernel against it.
-#ifndef LINNET_SOURCE_UNIX_NLDUMP_H
-#define LINNET_SOURCE_UNIX_NLDUMP_H
+#ifndef LINNET_SOURCE_ROUTE_NLDUMP_H
+#define LINNET_SOURCE_ROUTE_NLDUMP_H
 
 #include <fcntl.h>
 #include <linux/netlink.h>
@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "sockops.h"
-#include "unix/nlwalk.h"
+#include "route/nlwalk.h"
 
 namespace linnet {
 namespace nl {

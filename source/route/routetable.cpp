@@ -13,9 +13,10 @@
 #include "logger/log.h"
 #include "results.h"
 #include "sockops.h"
-#include "unix/nldump.h"
-#include "unix/nlwalk.h"
+#include "route/nldump.h"
+#include "route/nlwalk.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/unix/routetable";
 
 namespace nl = linnet::nl;

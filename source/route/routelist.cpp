@@ -12,10 +12,11 @@
 #include "logger/log.h"
 #include "results.h"
 #include "sockops.h"
-#include "unix/nldump.h"
-#include "unix/nlwalk.h"
-#include "unix/routeload.h"
+#include "route/nldump.h"
+#include "route/nlwalk.h"
+#include "route/routeload.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/unix/routelist";
 
 namespace nl = linnet::nl;

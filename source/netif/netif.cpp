@@ -16,8 +16,9 @@
 #include "logger/log.h"
 #include "results.h"
 #include "sockops.h"
-#include "unix/devnames.h"
+#include "netif/devnames.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/unix/netif";
 
 namespace {

@@ -4,8 +4,8 @@
 //     for (; nlmsg_ok(h, len); h = nlmsg_next(h, &len))
 // so no caller can read a header or an attribute that is not wholly inside
 // what it was given. The raw NLMSG_*/RTA_* macros appear only here.
-#ifndef LINNET_SOURCE_UNIX_NLWALK_H
-#define LINNET_SOURCE_UNIX_NLWALK_H
+#ifndef LINNET_SOURCE_ROUTE_NLWALK_H
+#define LINNET_SOURCE_ROUTE_NLWALK_H
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
