@@ -218,11 +218,11 @@ int CRouteTable::Read(int filter, const std::map<unsigned int, unsigned int>& if
             return linnet::sys::failure(o.err);
         case nl::Failure::kEndOfFile:
             LOG_STREAM(1) << "EOF on netlink fd " << fd;
-            return linnet::result::kStep1;
+            return linnet::result::kTableEndOfFile;
         case nl::Failure::kAddressLength:
             LOG_STREAM(1) << "Sender address length " << o.value << " isn't equal to origin "
                           << sizeof(sockaddr_nl);
-            return linnet::result::kStep2;
+            return linnet::result::kTableBadSender;
         case nl::Failure::kTruncated:
             LOG_STREAM(1) << "Message truncated";
             return linnet::result::kDumpTruncated;
@@ -237,44 +237,55 @@ int CRouteTable::Read(int filter, const std::map<unsigned int, unsigned int>& if
     }
 }
 
-int CRouteTable::HandleAnswer(nlmsghdr* h, long len, bool truncated, int filter,
+int CRouteTable::HandleAnswer(nlmsghdr* first, long len, bool truncated, int filter,
                               const std::map<unsigned int, unsigned int>& ifmap) {
-    bool ended = false;
-    bool done = false;
-    int result = 0;
-    for (; nl::nlmsg_ok(h, len); h = nl::nlmsg_next(h, &len)) {
-        if (h->nlmsg_seq != nl::kSeq) {
-            LOG_STREAM(1) << "Message sequence num " << h->nlmsg_seq << " isn't equal to origin "
-                          << nl::kSeq;
-            LOG_STREAM(1) << "Skip message!";
-            continue;
+    // Each kind of message as the table reads it. `result` stays "receive
+    // again" unless the dump has ended.
+    struct Answer : nl::AnswerHandler {
+        Answer(CRouteTable* t, int f, const std::map<unsigned int, unsigned int>& m)
+            : table(t), filter(f), ifmap(m) {}
+        nl::Next OtherSequence(nlmsghdr* h) override {
+            LOG_STREAM_NAMED("HandleAnswer", 1)
+                << "Message sequence num " << h->nlmsg_seq << " isn't equal to origin " << nl::kSeq;
+            LOG_STREAM_NAMED("HandleAnswer", 1) << "Skip message!";
+            return nl::Next::kGoOn;
         }
-        if (h->nlmsg_type == nl::kDone) {
-            LOG_STREAM(11) << "Got last message. Receive complete";
-            ended = done = true;
-            break;
+        nl::Next Done(nlmsghdr*) override {
+            LOG_STREAM_NAMED("HandleAnswer", 11) << "Got last message. Receive complete";
+            done = true;
+            result = 0;
+            return nl::Next::kStop;
         }
-        if (h->nlmsg_type == nl::kError) {
-            if (static_cast<long>(h->nlmsg_len) >= nl::kErrorMsgLen)
-                LOG_STREAM(1) << "Got error netlink answer (errcode " << nl::error_of(h)->error << ")";
+        nl::Next Error(nlmsghdr*, const nl::ErrorAnswer& e) override {
+            if (e.whole)
+                LOG_STREAM_NAMED("HandleAnswer", 1) << "Got error netlink answer (errcode " << e.code << ")";
             else
-                LOG_STREAM(1) << "Message truncated";
-            result = linnet::result::kStep3;
-            ended = true;
-            break;
+                LOG_STREAM_NAMED("HandleAnswer", 1) << "Message truncated";
+            result = linnet::result::kTableErrorAnswer;
+            return nl::Next::kStop;
         }
-        if (AddEntry(h, filter, ifmap) < 0) break;
-    }
+        nl::Next Data(nlmsghdr* h) override {
+            return table->AddEntry(h, filter, ifmap) < 0 ? nl::Next::kStop : nl::Next::kGoOn;
+        }
+
+        CRouteTable* table;
+        int filter;
+        const std::map<unsigned int, unsigned int>& ifmap;
+        bool done = false;
+        int result = kMoreToRead;
+    } answer(this, filter, ifmap);
+
+    const nl::WalkEnd end = nl::walk_answer(first, len, nl::kSeq, answer);
     // Bytes are counted from the message the walk stopped at, so an error
     // answer or a failed AddEntry always leaves some: -4 wins over -3
     // unless the datagram was truncated.
     if (truncated) {
         LOG_STREAM(1) << "Message truncated";
-    } else if (!done && len > 0) {
-        LOG_STREAM(1) << "Message rest size " << len;
-        return linnet::result::kStep4;
+    } else if (!answer.done && end.left > 0) {
+        LOG_STREAM(1) << "Message rest size " << end.left;
+        return linnet::result::kTableLeftover;
     }
-    return ended ? result : kMoreToRead;
+    return answer.result;
 }
 
 int CRouteTable::AddEntry(nlmsghdr* msg, int filter,
