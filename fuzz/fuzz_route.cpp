@@ -9,7 +9,7 @@
 #include <memory>
 #include <sstream>
 
-#include "unix/nlwalk.h"
+#include "route/nlwalk.h"
 
 namespace nl = linnet::nl;
 

@@ -53,6 +53,13 @@ constexpr int kDumpChanging = -EBUSY;
 // A route dump whose answer could not be read as one (short send, end of
 // file, a sender address of the wrong size).
 constexpr int kDumpFailed = -EIO;
+// The filtered route table's read (CRouteTable::Read): the kernel's socket
+// at its end, a sender address of the wrong size, an error answer (which
+// only a truncated datagram lets through), bytes left over in an answer.
+constexpr int kTableEndOfFile = -1;
+constexpr int kTableBadSender = -2;
+constexpr int kTableErrorAnswer = -3;
+constexpr int kTableLeftover = -4;
 // A netlink error message too short to hold its error field.
 constexpr int kBadMessage = -EPROTO;
 // A non-blocking call with nothing to do yet (an accept without a connection).
@@ -61,8 +68,8 @@ constexpr int kTryLater = -EAGAIN;
 constexpr int kRouteExists = -EEXIST;
 
 // The numbered steps of an operation that fails in stages (the block
-// framing, the group's membership checks, the route dump's walk): the
-// result says which step failed.
+// framing, the group's membership checks): the result says which step
+// failed.
 constexpr int kStep1 = -1;
 constexpr int kStep2 = -2;
 constexpr int kStep3 = -3;

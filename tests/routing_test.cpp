@@ -14,8 +14,8 @@
 
 #include "capture_host.h"
 #include "net_helpers.h"
-#include "unix/nldump.h"
-#include "unix/nlwalk.h"
+#include "route/nldump.h"
+#include "route/nlwalk.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 //     "  eth0: 4046496815 3191222 0 ..."   or, with a large counter,
 //     "  eth0:4046496815 3191222 0 ..."
 // after two header lines.
-#ifndef LINNET_SOURCE_UNIX_DEVNAMES_H
-#define LINNET_SOURCE_UNIX_DEVNAMES_H
+#ifndef LINNET_SOURCE_NETIF_DEVNAMES_H
+#define LINNET_SOURCE_NETIF_DEVNAMES_H
 
 #include <cstddef>
 #include <cstdio>

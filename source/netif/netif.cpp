@@ -12,12 +12,14 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "logger/log.h"
 #include "results.h"
 #include "sockops.h"
-#include "unix/devnames.h"
+#include "netif/devnames.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/unix/netif";
 
 namespace {
@@ -73,6 +75,99 @@ bool is_name_or_alias(const char* full, const char* name) {
     return std::strncmp(full, name, n) == 0 && (full[n] == '\0' || full[n] == ':');
 }
 
+// The kernel's list of configured IPv4 addresses (SIOCGIFCONF), one
+// interface request per address.
+struct AddressList {
+    std::unique_ptr<char[]> buf;
+    int listed = 0;  // entries, every one within the kernel's answer
+
+    // Entry `i`, its name terminated within the request.
+    ifreq entry(int i) const {
+        ifreq req;
+        std::memcpy(&req, buf.get() + i * sizeof(ifreq), sizeof req);
+        req.ifr_name[IFNAMSIZ - 1] = '\0';
+        return req;
+    }
+};
+
+// Asks for the list whole (its size first), so that entries beyond the
+// table are counted, not lost unseen. false when the kernel refuses it.
+bool list_addresses(int fd, AddressList* list) {
+    ifconf ic;
+    std::memset(&ic, 0, sizeof ic);
+    ic.ifc_buf = nullptr;
+    int want = ::ioctl(fd, SIOCGIFCONF, &ic) < 0 ? kConfBytes : ic.ifc_len;
+    if (want < kConfBytes) want = kConfBytes;
+    want += 8 * static_cast<int>(sizeof(ifreq));  // addresses added meanwhile
+    list->buf.reset(new char[want]());
+    ic.ifc_len = want;
+    ic.ifc_buf = list->buf.get();
+    if (::ioctl(fd, SIOCGIFCONF, &ic) < 0) return false;
+    list->listed = ic.ifc_len / static_cast<int>(sizeof(ifreq));
+    return true;
+}
+
+// The record of one listed address, with what the kernel says about its
+// interface. A refused request leaves the previous answer in `req`, and
+// that is what gets stored.
+__NETIF_IFINFO* address_record(int fd, ifreq req) {
+    __NETIF_IFINFO* rec = new __NETIF_IFINFO();
+    copy_name(rec->name, req.ifr_name);
+    rec->ip = request_address(req);
+    ::ioctl(fd, SIOCGIFNETMASK, &req);
+    rec->netmask = request_address(req);
+    // The kernel picks the address of a label by the one in the request:
+    // ask with the record's own, or a secondary address gets the primary's
+    // broadcast. A refusal still stores the previous answer.
+    ifreq bcast = address_request(rec->name, htonl(rec->ip));
+    if (::ioctl(fd, SIOCGIFBRDADDR, &bcast) == 0) req = bcast;
+    rec->broadcast = request_address(req);
+    ::ioctl(fd, SIOCGIFHWADDR, &req);
+    std::memcpy(rec->ether, req.ifr_hwaddr.sa_data, sizeof rec->ether);
+    ::ioctl(fd, SIOCGIFFLAGS, &req);
+    rec->flags = static_cast<unsigned long long>(static_cast<long long>(req.ifr_flags));
+    ::ioctl(fd, SIOCGIFINDEX, &req);
+    rec->index = req.ifr_ifindex;
+    return rec;
+}
+
+// The interface names of the listed entries from `first` on.
+std::set<std::string> names_from(const AddressList& list, int first) {
+    std::set<std::string> names;
+    for (int i = first; i < list.listed; ++i) {
+        char name[linnet::netif::kNameSize];
+        copy_name(name, list.buf.get() + i * sizeof(ifreq));
+        names.insert(name);
+    }
+    return names;
+}
+
+// The interface names of /proc/net/dev, in its order, after its two header
+// lines; none when it cannot be read (logged as Read's).
+std::vector<std::string> device_names() {
+    std::vector<std::string> names;
+    linnet::netif::LineReader dev(kProcNetDev);
+    if (!dev.ok()) {
+        LOG_FORMAT("CNetworkInterfaceInfo::Read", 1, "Can't open %s for read ", kProcNetDev);
+        return names;
+    }
+    char line[kLineBytes];
+    if (!dev.next(line, sizeof line) || !dev.next(line, sizeof line)) return names;
+    while (dev.next(line, sizeof line)) {
+        char name[linnet::netif::kNameSize];
+        CNetworkInterfaceInfo::get_name(name, line);
+        if (name[0] != '\0') names.push_back(name);
+    }
+    return names;
+}
+
+// A record that carries a name only.
+__NETIF_IFINFO* name_record(const std::string& name) {
+    __NETIF_IFINFO* rec = new __NETIF_IFINFO();
+    copy_name(rec->name, name.c_str());
+    return rec;
+}
+
 // The one level-1 line of a table that could not hold every interface.
 void report_left_out(int left_out) {
     if (left_out > 0)
@@ -109,79 +204,24 @@ void CNetworkInterfaceInfo::Read() {
     Clear();
     if (fd_ == linnet::kNoFd) return;
 
-    // Pass 1: every configured IPv4 address, with what the kernel says about
-    // its interface. A refused request leaves the previous answer in `req`,
-    // and that is what gets stored. The list is asked for whole (its size
-    // first), so that entries beyond the table are counted, not lost unseen.
-    ifconf ic;
-    std::memset(&ic, 0, sizeof ic);
-    ic.ifc_buf = nullptr;
-    int want = ::ioctl(fd_, SIOCGIFCONF, &ic) < 0 ? kConfBytes : ic.ifc_len;
-    if (want < kConfBytes) want = kConfBytes;
-    want += 8 * static_cast<int>(sizeof(ifreq));  // addresses added meanwhile
-    std::unique_ptr<char[]> conf(new char[want]());
-    ic.ifc_len = want;
-    ic.ifc_buf = conf.get();
-    if (::ioctl(fd_, SIOCGIFCONF, &ic) < 0) return;
-    const int listed = ic.ifc_len / static_cast<int>(sizeof(ifreq));  // within ifc_len
-    const int entries = listed > kMaxIfaces ? kMaxIfaces : listed;
-    for (int i = 0; i < entries; ++i) {
-        ifreq req;
-        std::memcpy(&req, conf.get() + i * sizeof(ifreq), sizeof req);
-        req.ifr_name[IFNAMSIZ - 1] = '\0';
-        __NETIF_IFINFO* rec = new __NETIF_IFINFO();
-        info_[count_++] = rec;
-        copy_name(rec->name, req.ifr_name);
-        rec->ip = request_address(req);
-        ::ioctl(fd_, SIOCGIFNETMASK, &req);
-        rec->netmask = request_address(req);
-        // The kernel picks the address of a label by the one in the request:
-        // ask with the record's own, or a secondary address gets the
-        // primary's broadcast. A refusal still stores the previous answer.
-        ifreq bcast = address_request(rec->name, htonl(rec->ip));
-        if (::ioctl(fd_, SIOCGIFBRDADDR, &bcast) == 0) req = bcast;
-        rec->broadcast = request_address(req);
-        ::ioctl(fd_, SIOCGIFHWADDR, &req);
-        std::memcpy(rec->ether, req.ifr_hwaddr.sa_data, sizeof rec->ether);
-        ::ioctl(fd_, SIOCGIFFLAGS, &req);
-        rec->flags = static_cast<unsigned long long>(static_cast<long long>(req.ifr_flags));
-        ::ioctl(fd_, SIOCGIFINDEX, &req);
-        rec->index = req.ifr_ifindex;
-    }
+    // Pass 1: every configured IPv4 address, as far as the table holds them.
+    AddressList list;
+    if (!list_addresses(fd_, &list)) return;
+    const int entries = list.listed > kMaxIfaces ? kMaxIfaces : list.listed;
+    for (int i = 0; i < entries; ++i) info_[count_++] = address_record(fd_, list.entry(i));
     // Addresses beyond the table: counted once each, and their interfaces
     // not counted again by the name pass.
-    int left_out = listed - entries;
-    std::set<std::string> unlisted;
-    for (int i = entries; i < listed; ++i) {
-        char name[linnet::netif::kNameSize];
-        copy_name(name, conf.get() + i * sizeof(ifreq));
-        unlisted.insert(name);
-    }
-    conf.reset();
+    int left_out = list.listed - entries;
+    const std::set<std::string> unlisted = names_from(list, entries);
 
     // Pass 2: the interfaces the kernel names without an IPv4 address.
-    linnet::netif::LineReader dev(kProcNetDev);
-    if (!dev.ok()) {
-        LOG_FORMAT("CNetworkInterfaceInfo::Read", 1, "Can't open %s for read ", kProcNetDev);
-        report_left_out(left_out);
-        return;
-    }
-    char line[kLineBytes];
-    if (!dev.next(line, sizeof line) || !dev.next(line, sizeof line)) {
-        report_left_out(left_out);
-        return;
-    }
-    while (dev.next(line, sizeof line)) {
-        char name[linnet::netif::kNameSize];
-        get_name(name, line);
-        if (name[0] == '\0' || !check_ifaces(name) || unlisted.count(name) != 0) continue;
+    for (const std::string& name : device_names()) {
+        if (!check_ifaces(name.c_str()) || unlisted.count(name) != 0) continue;
         if (count_ == kMaxIfaces) {
             ++left_out;
             continue;
         }
-        __NETIF_IFINFO* rec = new __NETIF_IFINFO();
-        copy_name(rec->name, name);
-        info_[count_++] = rec;
+        info_[count_++] = name_record(name);
     }
     report_left_out(left_out);
 }

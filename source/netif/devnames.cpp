@@ -1,4 +1,4 @@
-#include "unix/devnames.h"
+#include "netif/devnames.h"
 
 #include <fcntl.h>
 #include <unistd.h>

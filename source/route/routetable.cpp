@@ -13,9 +13,10 @@
 #include "logger/log.h"
 #include "results.h"
 #include "sockops.h"
-#include "unix/nldump.h"
-#include "unix/nlwalk.h"
+#include "route/nldump.h"
+#include "route/nlwalk.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/unix/routetable";
 
 namespace nl = linnet::nl;
@@ -169,27 +170,29 @@ private:
     const std::map<unsigned int, unsigned int>& ifmap_;
 };
 
-}  // namespace
-
-int CRouteTable::Read(int filter, const std::map<unsigned int, unsigned int>& ifmap) {
-    entries_.clear();
-    nl::DumpConversation talk;
+// Opens, sets non-blocking and binds the table's socket, logging each step
+// as Read: 0, or the failing call's -errno.
+int open_socket(nl::DumpConversation& talk) {
     int err = talk.OpenSocket();
     const int fd = talk.fd();
     if (err != 0) {
-        LOG_STREAM(1) << "Cannot open netlink socket (errno " << err << ")";
+        LOG_STREAM_NAMED("Read", 1) << "Cannot open netlink socket (errno " << err << ")";
         return linnet::sys::failure(err);
     }
-    LOG_STREAM(11) << "got netlink fd = " << fd;
+    LOG_STREAM_NAMED("Read", 11) << "got netlink fd = " << fd;
     if ((err = talk.SetNonBlocking()) != 0) {
-        LOG_STREAM(1) << "fd " << fd << " can't be set non-blocking (errno " << err << ")";
+        LOG_STREAM_NAMED("Read", 1) << "fd " << fd << " can't be set non-blocking (errno " << err << ")";
         return linnet::sys::failure(err);
     }
     if ((err = talk.Bind()) != 0) {
-        LOG_STREAM(1) << "Cannot bind netlink fd " << fd << " (errno " << err << ")";
+        LOG_STREAM_NAMED("Read", 1) << "Cannot bind netlink fd " << fd << " (errno " << err << ")";
         return linnet::sys::failure(err);
     }
+    return 0;
+}
 
+// Every IPv4 route of every table, sequence 1, pid 0.
+DumpRequest dump_request() {
     DumpRequest req;
     std::memset(&req, 0, sizeof req);
     req.hdr.nlmsg_len = sizeof req;
@@ -197,83 +200,111 @@ int CRouteTable::Read(int filter, const std::map<unsigned int, unsigned int>& if
     req.hdr.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     req.hdr.nlmsg_seq = nl::kSeq;
     req.gen.rtgen_family = AF_INET;
-    TableReader reader(this, fd, filter, ifmap);
-    const nl::Outcome o = talk.Run(&req, sizeof req, reader);
+    return req;
+}
+
+// Read's result for how the conversation on `fd` ended, each failure
+// logged in Read's words.
+int result_of(const nl::Outcome& o, int fd) {
     switch (o.failure) {
         case nl::Failure::kNone:
             return o.result;
         case nl::Failure::kSend:
             if (o.err == EAGAIN)
-                LOG_STREAM(1) << "No room for data on fd " << fd;
+                LOG_STREAM_NAMED("Read", 1) << "No room for data on fd " << fd;
             else
-                LOG_STREAM(1) << "Error write data to netlink fd " << fd << " (errno " << o.err << ")";
+                LOG_STREAM_NAMED("Read", 1)
+                    << "Error write data to netlink fd " << fd << " (errno " << o.err << ")";
             return linnet::sys::failure(o.err);
         case nl::Failure::kShortSend:  // errno is whatever it was
-            LOG_STREAM(1) << "The amount of sent data " << o.value << " isn't equal to origin "
-                          << sizeof req;
+            LOG_STREAM_NAMED("Read", 1)
+                << "The amount of sent data " << o.value << " isn't equal to origin " << sizeof(DumpRequest);
             return linnet::sys::failure(o.err);
         case nl::Failure::kNoData:
-            LOG_STREAM(1) << "No data available on netlink fd " << fd;
+            LOG_STREAM_NAMED("Read", 1) << "No data available on netlink fd " << fd;
             return linnet::sys::failure(o.err);
         case nl::Failure::kEndOfFile:
-            LOG_STREAM(1) << "EOF on netlink fd " << fd;
-            return linnet::result::kStep1;
+            LOG_STREAM_NAMED("Read", 1) << "EOF on netlink fd " << fd;
+            return linnet::result::kTableEndOfFile;
         case nl::Failure::kAddressLength:
-            LOG_STREAM(1) << "Sender address length " << o.value << " isn't equal to origin "
-                          << sizeof(sockaddr_nl);
-            return linnet::result::kStep2;
+            LOG_STREAM_NAMED("Read", 1)
+                << "Sender address length " << o.value << " isn't equal to origin " << sizeof(sockaddr_nl);
+            return linnet::result::kTableBadSender;
         case nl::Failure::kTruncated:
-            LOG_STREAM(1) << "Message truncated";
+            LOG_STREAM_NAMED("Read", 1) << "Message truncated";
             return linnet::result::kDumpTruncated;
         case nl::Failure::kChanging:
-            LOG_STREAM(1) << "Route table changed during " << nl::kDumpAttempts
-                          << " dumps on netlink fd " << fd;
+            LOG_STREAM_NAMED("Read", 1)
+                << "Route table changed during " << nl::kDumpAttempts << " dumps on netlink fd " << fd;
             return linnet::result::kDumpChanging;
-        default:  // kReceive; the open steps were taken above
-            LOG_STREAM(1) << "Cannot recv message from netlink fd " << fd << " (errno " << o.err
-                          << ")";
+        default:  // kReceive; the open steps were taken by open_socket
+            LOG_STREAM_NAMED("Read", 1)
+                << "Cannot recv message from netlink fd " << fd << " (errno " << o.err << ")";
             return linnet::sys::failure(o.err);
     }
 }
 
-int CRouteTable::HandleAnswer(nlmsghdr* h, long len, bool truncated, int filter,
+}  // namespace
+
+int CRouteTable::Read(int filter, const std::map<unsigned int, unsigned int>& ifmap) {
+    entries_.clear();
+    nl::DumpConversation talk;
+    const int opened = open_socket(talk);
+    if (opened != 0) return opened;
+    const DumpRequest req = dump_request();
+    TableReader reader(this, talk.fd(), filter, ifmap);
+    return result_of(talk.Run(&req, sizeof req, reader), talk.fd());
+}
+
+int CRouteTable::HandleAnswer(nlmsghdr* first, long len, bool truncated, int filter,
                               const std::map<unsigned int, unsigned int>& ifmap) {
-    bool ended = false;
-    bool done = false;
-    int result = 0;
-    for (; nl::nlmsg_ok(h, len); h = nl::nlmsg_next(h, &len)) {
-        if (h->nlmsg_seq != nl::kSeq) {
-            LOG_STREAM(1) << "Message sequence num " << h->nlmsg_seq << " isn't equal to origin "
-                          << nl::kSeq;
-            LOG_STREAM(1) << "Skip message!";
-            continue;
+    // Each kind of message as the table reads it. `result` stays "receive
+    // again" unless the dump has ended.
+    struct Answer : nl::AnswerHandler {
+        Answer(CRouteTable* t, int f, const std::map<unsigned int, unsigned int>& m)
+            : table(t), filter(f), ifmap(m) {}
+        nl::Next OtherSequence(nlmsghdr* h) override {
+            LOG_STREAM_NAMED("HandleAnswer", 1)
+                << "Message sequence num " << h->nlmsg_seq << " isn't equal to origin " << nl::kSeq;
+            LOG_STREAM_NAMED("HandleAnswer", 1) << "Skip message!";
+            return nl::Next::kGoOn;
         }
-        if (h->nlmsg_type == nl::kDone) {
-            LOG_STREAM(11) << "Got last message. Receive complete";
-            ended = done = true;
-            break;
+        nl::Next Done(nlmsghdr*) override {
+            LOG_STREAM_NAMED("HandleAnswer", 11) << "Got last message. Receive complete";
+            done = true;
+            result = 0;
+            return nl::Next::kStop;
         }
-        if (h->nlmsg_type == nl::kError) {
-            if (static_cast<long>(h->nlmsg_len) >= nl::kErrorMsgLen)
-                LOG_STREAM(1) << "Got error netlink answer (errcode " << nl::error_of(h)->error << ")";
+        nl::Next Error(nlmsghdr*, const nl::ErrorAnswer& e) override {
+            if (e.whole)
+                LOG_STREAM_NAMED("HandleAnswer", 1) << "Got error netlink answer (errcode " << e.code << ")";
             else
-                LOG_STREAM(1) << "Message truncated";
-            result = linnet::result::kStep3;
-            ended = true;
-            break;
+                LOG_STREAM_NAMED("HandleAnswer", 1) << "Message truncated";
+            result = linnet::result::kTableErrorAnswer;
+            return nl::Next::kStop;
         }
-        if (AddEntry(h, filter, ifmap) < 0) break;
-    }
+        nl::Next Data(nlmsghdr* h) override {
+            return table->AddEntry(h, filter, ifmap) < 0 ? nl::Next::kStop : nl::Next::kGoOn;
+        }
+
+        CRouteTable* table;
+        int filter;
+        const std::map<unsigned int, unsigned int>& ifmap;
+        bool done = false;
+        int result = kMoreToRead;
+    } answer(this, filter, ifmap);
+
+    const nl::WalkEnd end = nl::walk_answer(first, len, nl::kSeq, answer);
     // Bytes are counted from the message the walk stopped at, so an error
     // answer or a failed AddEntry always leaves some: -4 wins over -3
     // unless the datagram was truncated.
     if (truncated) {
         LOG_STREAM(1) << "Message truncated";
-    } else if (!done && len > 0) {
-        LOG_STREAM(1) << "Message rest size " << len;
-        return linnet::result::kStep4;
+    } else if (!answer.done && end.left > 0) {
+        LOG_STREAM(1) << "Message rest size " << end.left;
+        return linnet::result::kTableLeftover;
     }
-    return ended ? result : kMoreToRead;
+    return answer.result;
 }
 
 int CRouteTable::AddEntry(nlmsghdr* msg, int filter,

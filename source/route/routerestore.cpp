@@ -15,9 +15,10 @@
 #include "logger/log.h"
 #include "results.h"
 #include "sockops.h"
-#include "unix/nlwalk.h"
-#include "unix/routeload.h"
+#include "route/nlwalk.h"
+#include "route/routeload.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/unix/routerestore";
 
 namespace nl = linnet::nl;
@@ -58,11 +59,24 @@ Route loadable(const Route& saved) {
     return r;
 }
 
+// The last error answer of the load request's sequence. The error field is
+// read only when the message holds it; kBadMessage when it does not.
+struct Verdict : nl::AnswerHandler {
+    nl::Next Done(nlmsghdr*) override { return nl::Next::kGoOn; }
+    nl::Next Error(nlmsghdr*, const nl::ErrorAnswer& e) override {
+        verdict = e.has_code ? e.code : linnet::result::kBadMessage;
+        return nl::Next::kGoOn;
+    }
+    nl::Next Data(nlmsghdr*) override { return nl::Next::kGoOn; }
+
+    int verdict = 0;
+};
+
 // The kernel's answer to one load request: 0 when it sent none or an
 // acknowledgement, its (negative) error otherwise. rtnetlink handles a
 // request inside sendmsg, so any answer is queued by the time this reads.
 int verdict_of(int fd, std::vector<unsigned char>& buf) {
-    int verdict = 0;
+    Verdict answer;
     for (;;) {
         sockaddr_nl from;
         std::memset(&from, 0, sizeof from);
@@ -70,15 +84,9 @@ int verdict_of(int fd, std::vector<unsigned char>& buf) {
         msghdr msg = nl::one_buffer_msg(&from, &iov);
         const ssize_t got = ::recvmsg(fd, &msg, 0);
         if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return verdict;  // EAGAIN: nothing (more) queued
+        if (got <= 0) return answer.verdict;  // EAGAIN: nothing (more) queued
         if (from.nl_pid != 0 || msg.msg_namelen != sizeof from) continue;
-        long len = got;
-        for (nlmsghdr* h = reinterpret_cast<nlmsghdr*>(buf.data()); nl::nlmsg_ok(h, len);
-             h = nl::nlmsg_next(h, &len)) {
-            if (h->nlmsg_seq != nl::kSeq || h->nlmsg_type != nl::kError) continue;
-            // The error field is read only when the message holds it.
-            verdict = nl::error_code(h);
-        }
+        nl::walk_answer(reinterpret_cast<nlmsghdr*>(buf.data()), got, nl::kSeq, answer);
     }
 }
 

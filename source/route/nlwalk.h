@@ -1,11 +1,13 @@
 // Internal to linnet, never installed: the one place that touches netlink
-// framing. Every walk over an answer uses these two pairs of predicates with
-// a signed remaining length, in the form
+// framing. Every walk uses these pairs of predicates with a signed remaining
+// length, in the form
 //     for (; nlmsg_ok(h, len); h = nlmsg_next(h, &len))
 // so no caller can read a header or an attribute that is not wholly inside
-// what it was given. The raw NLMSG_*/RTA_* macros appear only here.
-#ifndef LINNET_SOURCE_UNIX_NLWALK_H
-#define LINNET_SOURCE_UNIX_NLWALK_H
+// what it was given. An answer datagram is walked by walk_answer() alone,
+// which sorts its messages for the reader's handler. The raw NLMSG_*/RTA_*
+// macros appear only here.
+#ifndef LINNET_SOURCE_ROUTE_NLWALK_H
+#define LINNET_SOURCE_ROUTE_NLWALK_H
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -13,8 +15,6 @@
 
 #include <cstdint>
 #include <cstring>
-
-#include "results.h"
 
 namespace linnet {
 namespace nl {
@@ -57,6 +57,70 @@ inline nlmsghdr* nlmsg_next(nlmsghdr* h, long* len) {
     return reinterpret_cast<nlmsghdr*>(reinterpret_cast<char*>(h) + step);
 }
 
+// ---- One answer datagram, message by message ----
+
+// What a handler tells the walk after one message.
+enum class Next { kGoOn, kStop };
+
+// An error answer as far as the message holds it. Its fields are read only
+// when nlmsg_len covers them.
+struct ErrorAnswer {
+    bool has_code;  // the 4-byte error field follows the header
+    bool whole;     // the whole nlmsgerr does (error and the request's header)
+    int code;       // the kernel's error, a negative errno (0 acknowledges); 0 without has_code
+};
+
+// A reader's meaning of each kind of message in its answer.
+class AnswerHandler {
+public:
+    // A message carrying another sequence number than the request's.
+    virtual Next OtherSequence(nlmsghdr*) { return Next::kGoOn; }
+    // NLMSG_DONE: the end of a dump.
+    virtual Next Done(nlmsghdr* h) = 0;
+    // NLMSG_ERROR, with what of its payload the message holds.
+    virtual Next Error(nlmsghdr* h, const ErrorAnswer& e) = 0;
+    // Any other type: a route, or what the reader may not know.
+    virtual Next Data(nlmsghdr* h) = 0;
+
+protected:
+    ~AnswerHandler() {}
+};
+
+struct WalkEnd {
+    bool stopped;  // a handler said kStop
+    // Bytes from the message it stopped at to the datagram's end; without a
+    // stop, the bytes after the last whole message (0 when none are left).
+    long left;
+};
+
+inline ErrorAnswer error_answer(const nlmsghdr* h) {
+    ErrorAnswer e = {false, false, 0};
+    const long n = static_cast<long>(h->nlmsg_len);
+    e.has_code = n >= kHeaderLen + static_cast<long>(sizeof e.code);
+    e.whole = n >= kErrorMsgLen;
+    if (e.has_code) std::memcpy(&e.code, NLMSG_DATA(h), sizeof e.code);
+    return e;
+}
+
+// Walks the messages of one datagram of `len` bytes and hands each to
+// `handler` by its kind, a message of another sequence than `seq` first,
+// until a handler stops or no whole message is left.
+inline WalkEnd walk_answer(nlmsghdr* h, long len, uint32_t seq, AnswerHandler& handler) {
+    for (; nlmsg_ok(h, len); h = nlmsg_next(h, &len)) {
+        Next next;
+        if (h->nlmsg_seq != seq)
+            next = handler.OtherSequence(h);
+        else if (h->nlmsg_type == kDone)
+            next = handler.Done(h);
+        else if (h->nlmsg_type == kError)
+            next = handler.Error(h, error_answer(h));
+        else
+            next = handler.Data(h);
+        if (next == Next::kStop) return WalkEnd{true, len};
+    }
+    return WalkEnd{false, len};
+}
+
 // Payload length after header and rtmsg; negative when the message is too
 // short to hold an rtmsg.
 inline long route_payload_len(const nlmsghdr* h) {
@@ -66,14 +130,6 @@ inline long route_payload_len(const nlmsghdr* h) {
 // Only for a message whose route_payload_len() is not negative.
 inline rtmsg* route_of(nlmsghdr* h) { return static_cast<rtmsg*>(NLMSG_DATA(h)); }
 inline rtattr* first_attr(nlmsghdr* h) { return RTM_RTA(route_of(h)); }
-// Only for a message of at least kErrorMsgLen bytes.
-inline nlmsgerr* error_of(nlmsghdr* h) { return static_cast<nlmsgerr*>(NLMSG_DATA(h)); }
-
-// The error field of an error message (0 for an acknowledgement), read only
-// when the message holds it; kBadMessage when it does not.
-inline int error_code(nlmsghdr* h) {
-    return static_cast<long>(h->nlmsg_len) >= kHeaderLen + 4 ? error_of(h)->error : result::kBadMessage;
-}
 
 // A whole attribute header lies within `len`, and so does its rta_len.
 inline bool attr_ok(const rtattr* a, long len) {

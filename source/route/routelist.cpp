@@ -12,10 +12,11 @@
 #include "logger/log.h"
 #include "results.h"
 #include "sockops.h"
-#include "unix/nldump.h"
-#include "unix/nlwalk.h"
-#include "unix/routeload.h"
+#include "route/nldump.h"
+#include "route/nlwalk.h"
+#include "route/routeload.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/unix/routelist";
 
 namespace nl = linnet::nl;
@@ -26,29 +27,35 @@ namespace {
 using Keep = std::function<void(nlmsghdr*)>;
 
 // Hands every route message of the dump to `keep`, in order; `restart`
-// forgets what was kept when an interrupted dump starts again.
-class ListReader : public nl::DumpReader {
+// forgets what was kept when an interrupted dump starts again. Ends with 0
+// at the end of the dump, or with the kernel's error answer.
+class ListReader : public nl::DumpReader, nl::AnswerHandler {
 public:
     ListReader(Keep keep, std::function<void()> restart) : keep_(keep), restart_(restart) {}
     void Restart() override { restart_(); }
     void Interrupted() override {}
     void Foreign(uint32_t) override {}
-    int Datagram(nlmsghdr* h, long len) override {
-        for (; nl::nlmsg_ok(h, len); h = nl::nlmsg_next(h, &len)) {
-            if (h->nlmsg_seq != nl::kSeq) continue;
-            if (h->nlmsg_type == nl::kDone) return 0;
-            if (h->nlmsg_type == nl::kError) {
-                const int e = nl::error_code(h);
-                return e < 0 ? e : result::kBadMessage;
-            }
-            if (h->nlmsg_type == RTM_NEWROUTE && nl::route_payload_len(h) >= 0) keep_(h);
-        }
-        return kMore;
+    int Datagram(nlmsghdr* first, long len) override {
+        return nl::walk_answer(first, len, nl::kSeq, *this).stopped ? result_ : kMore;
     }
 
 private:
+    nl::Next Done(nlmsghdr*) override {
+        result_ = 0;
+        return nl::Next::kStop;
+    }
+    nl::Next Error(nlmsghdr*, const nl::ErrorAnswer& e) override {
+        result_ = e.has_code && e.code < 0 ? e.code : result::kBadMessage;
+        return nl::Next::kStop;
+    }
+    nl::Next Data(nlmsghdr* h) override {
+        if (h->nlmsg_type == RTM_NEWROUTE && nl::route_payload_len(h) >= 0) keep_(h);
+        return nl::Next::kGoOn;
+    }
+
     Keep keep_;
     std::function<void()> restart_;
+    int result_ = 0;
 };
 
 int Dump(Keep keep, std::function<void()> restart) {

@@ -1,7 +1,7 @@
 // Internal to linnet, never installed: one rtnetlink dump conversation,
 // written once for every reader of a kernel table. It owns its descriptor,
 // sends the dump request and hands each answer datagram to the reader, which
-// walks it with the predicates of nlwalk.h. The conversation itself:
+// walks it with walk_answer() of nlwalk.h. The conversation itself:
 // - takes only datagrams whose sender is the peer (the kernel, port 0) and
 //   whose address is a netlink address; others are dropped;
 // - treats a truncated datagram (MSG_TRUNC) as a failed dump, never as a
@@ -12,8 +12,8 @@
 //   dumps again, at most kDumpAttempts times in all.
 // It logs nothing: every reader reports in its own words.
 // Header-only so that tests can play the kernel against it.
-#ifndef LINNET_SOURCE_UNIX_NLDUMP_H
-#define LINNET_SOURCE_UNIX_NLDUMP_H
+#ifndef LINNET_SOURCE_ROUTE_NLDUMP_H
+#define LINNET_SOURCE_ROUTE_NLDUMP_H
 
 #include <fcntl.h>
 #include <linux/netlink.h>
@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "sockops.h"
-#include "unix/nlwalk.h"
+#include "route/nlwalk.h"
 
 namespace linnet {
 namespace nl {
@@ -190,13 +190,26 @@ private:
     // Whether a message of this dump is marked interrupted; `ended` when the
     // datagram holds the dump's last message (done or error).
     static bool Scan(nlmsghdr* h, long len, uint32_t seq, bool* ended) {
-        bool spoilt = false;
-        for (; nlmsg_ok(h, len); h = nlmsg_next(h, &len)) {
-            if (h->nlmsg_seq != seq) continue;
-            if (h->nlmsg_flags & NLM_F_DUMP_INTR) spoilt = true;
-            if (h->nlmsg_type == kDone || h->nlmsg_type == kError) *ended = true;
-        }
-        return spoilt;
+        struct Marks : AnswerHandler {
+            Next Done(nlmsghdr* m) override {
+                ended = true;
+                return Look(m);
+            }
+            Next Error(nlmsghdr* m, const ErrorAnswer&) override {
+                ended = true;
+                return Look(m);
+            }
+            Next Data(nlmsghdr* m) override { return Look(m); }
+            Next Look(const nlmsghdr* m) {
+                if (m->nlmsg_flags & NLM_F_DUMP_INTR) spoilt = true;
+                return Next::kGoOn;
+            }
+            bool spoilt = false;
+            bool ended = false;
+        } marks;
+        walk_answer(h, len, seq, marks);
+        if (marks.ended) *ended = true;
+        return marks.spoilt;
     }
 
     std::vector<unsigned char> buf_;

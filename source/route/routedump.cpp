@@ -11,10 +11,11 @@
 #include "logger/log.h"
 #include "results.h"
 #include "sockops.h"
-#include "unix/nldump.h"
-#include "unix/nlwalk.h"
-#include "unix/routeload.h"
+#include "route/nldump.h"
+#include "route/nlwalk.h"
+#include "route/routeload.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/unix/routedump";
 
 namespace nl = linnet::nl;
@@ -226,7 +227,6 @@ public:
                                          << ", not the kernel: ignored";
     }
     int Datagram(nlmsghdr* first, long len) override {
-        if (!nl::nlmsg_ok(first, len)) return kMore;  // unusable datagram: skipped silently
         return DumpAccess::Walk(dump_, first, len) == 0 ? 0 : kMore;
     }
 
@@ -281,29 +281,38 @@ CRoutesDump::CRoutesDump() : ok_(true), imp_(new CRoutesDumpImp) {
 
 CRoutesDump::~CRoutesDump() { delete imp_; }
 
-int CRoutesDump::handle_answer(nlmsghdr* h, long len) {
-    for (; nl::nlmsg_ok(h, len); h = nl::nlmsg_next(h, &len)) {
-        if (h->nlmsg_seq != nl::kSeq) {
-            LOG_STREAM(11) << "sequence num " << h->nlmsg_seq << ", " << nl::kSeq << " in request";
-            continue;
+int CRoutesDump::handle_answer(nlmsghdr* first, long len) {
+    // Each kind of message as the snapshot reads it.
+    struct Answer : nl::AnswerHandler {
+        explicit Answer(CRoutesDump* d) : dump(d) {}
+        nl::Next OtherSequence(nlmsghdr* h) override {
+            LOG_STREAM_NAMED("handle_answer", 11)
+                << "sequence num " << h->nlmsg_seq << ", " << nl::kSeq << " in request";
+            return nl::Next::kGoOn;
         }
-        if (h->nlmsg_type == nl::kDone) {
-            LOG_STREAM(11) << "last message, dump complete";
-            return 0;
+        nl::Next Done(nlmsghdr*) override {
+            LOG_STREAM_NAMED("handle_answer", 11) << "last message, dump complete";
+            return nl::Next::kStop;
         }
-        if (h->nlmsg_type == nl::kError) {
-            LOG_STREAM(1) << "got netlink error";
-            ok_ = false;
-            return 0;
+        nl::Next Error(nlmsghdr*, const nl::ErrorAnswer&) override {
+            LOG_STREAM_NAMED("handle_answer", 1) << "got netlink error";
+            dump->ok_ = false;
+            return nl::Next::kStop;
         }
-        LOG_STREAM(11) << "got routing entry from the kernel";
-        if (!imp_->handle_message(h)) {
+        nl::Next Data(nlmsghdr* h) override {
+            LOG_STREAM_NAMED("handle_answer", 11) << "got routing entry from the kernel";
+            if (dump->imp_->handle_message(h)) return nl::Next::kGoOn;
             // What was gathered so far stays, and stays valid.
-            LOG_STREAM(11) << "something wrong with that rtentry...";
-            return 0;
+            LOG_STREAM_NAMED("handle_answer", 11) << "something wrong with that rtentry...";
+            return nl::Next::kStop;
         }
-    }
-    return 1;
+
+        CRoutesDump* dump;
+    } answer(this);
+
+    // A datagram without one whole message holds nothing to walk: the next
+    // one is received, silently.
+    return nl::walk_answer(first, len, nl::kSeq, answer).stopped ? 0 : 1;
 }
 
 void CRoutesDump::print(std::ostream& os) {

@@ -1,7 +1,7 @@
 // Internal to linnet, never installed: what the snapshot's dump, its
 // restore and Route::load_into_kernel share.
-#ifndef LINNET_SOURCE_UNIX_ROUTELOAD_H
-#define LINNET_SOURCE_UNIX_ROUTELOAD_H
+#ifndef LINNET_SOURCE_ROUTE_ROUTELOAD_H
+#define LINNET_SOURCE_ROUTE_ROUTELOAD_H
 
 #include <linnet/routing.h>
 #include <linux/rtnetlink.h>
@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "results.h"
-#include "unix/nlwalk.h"
+#include "route/nlwalk.h"
 
 namespace linnet {
 namespace route {
