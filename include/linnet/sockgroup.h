@@ -49,8 +49,14 @@ public:
     // end. A member only ever gets the bits it asked for; after a 0 or
     // failure all state_ are 0. The wait is the one a single socket's Poll
     // makes: select below FD_SETSIZE, poll(2) above, the same answers.
+    // A member asking POLL_READ that is a CompressedTCPSocket holding input
+    // (BufferedInput() > 0) is readable without its descriptor: the group
+    // asks every such member before waiting, and when one holds bytes it
+    // only checks the others (a wait of 0) and adds POLL_READ to the holders
+    // (counted once per descriptor, as select counts).
     // Stricter: Poll(-1, ...) with nothing to wait for is -9; it used to
-    // wait for ever.
+    // wait for ever. A compressed member's decoded bytes used to be invisible
+    // to a group, which slept while they waited.
     int Poll(int seconds, int microseconds);
     // s's state_ from the last poll; -1 when the group is empty; -2 when s
     // is not a member (a null s is simply not found).
