@@ -12,7 +12,11 @@
 //
 // Descriptors at or above FD_SETSIZE are waited for with poll(2) instead of
 // select(2), with the same state_ bits, count, time-out and interruption
-// results, so a group serves more than 1,020 connections. A member whose
+// results, so a group serves more than 1,020 connections. One descriptor
+// beyond the limit moves the whole group's wait to poll(2), every member in
+// it. Stricter: poll's POLLERR/POLLHUP, which come unasked, no longer end the
+// wait of a member that did not ask for them (a reset peer of a member asking
+// only POLL_EXCEPT made every wait return 0 at once). A member whose
 // descriptor is negative (closed) is skipped: its state_ is cleared and it
 // takes part in no wait.
 //
