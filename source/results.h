@@ -26,7 +26,8 @@ constexpr int kEndOfStream = -EPIPE;
 constexpr int kTimedOut = -ETIMEDOUT;
 // A socket group with nothing to wait for, and no time limit.
 constexpr int kNothingToWaitFor = -EBADF;
-// An argument out of its range (a null socket, a negative length).
+// An argument out of its range (a null socket, a negative length, a null
+// buffer with a positive length).
 constexpr int kBadArgument = -EINVAL;
 // Listen on a block server that already listens.
 constexpr int kAlreadyListening = -EINVAL;
