@@ -1,6 +1,7 @@
 #include <linnet/compress.h>
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -32,6 +33,7 @@ public:
     int Fill() const { return rawInFill_; }
     int RcvBuf() const { return rcvBufSize_; }
     int Fd() const { return fd_; }
+    int Pending() { return compressor_->TryRead(nullptr); }
     const void* Compressor() const { return compressor_; }
     // Puts text into the compressor without sending it.
     int CompressOnly(char* p, int n) { return compressor_->Write(p, n); }
@@ -550,4 +552,70 @@ TEST(CompressedTCPSocket, GroupSeesBufferedInputWithoutWaiting) {
     const auto t1 = Clock::now();
     EXPECT_EQ(g.Poll(0, 200000), 0);
     EXPECT_GE(testnet::SecondsSince(t1), 0.15);
+}
+
+// Plain bytes a zlib reader decodes from fd, taking at most 4000 bytes per
+// millisecond, until end of stream, an inflate error or 20 s.
+std::string SlowInflate(int fd) {
+    z_stream z{};
+    inflateInit(&z);
+    std::string out;
+    std::vector<unsigned char> in(4000), plain(1 << 16);
+    const auto deadline = Clock::now() + std::chrono::seconds(20);
+    for (bool end = false; !end && Clock::now() < deadline;) {
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, 100) <= 0) continue;
+        const ssize_t n = ::read(fd, in.data(), in.size());
+        if (n <= 0) break;
+        z.next_in = in.data();
+        z.avail_in = static_cast<uInt>(n);
+        do {
+            z.next_out = plain.data();
+            z.avail_out = static_cast<uInt>(plain.size());
+            const int r = inflate(&z, Z_NO_FLUSH);
+            end = r != Z_OK && r != Z_BUF_ERROR;
+            out.append(reinterpret_cast<char*>(plain.data()), plain.size() - z.avail_out);
+        } while (!end && z.avail_out == 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // the reader's pace
+    }
+    inflateEnd(&z);
+    return out;
+}
+
+// A Flush into a send buffer with only part of its room free sends what the
+// kernel takes and keeps the rest queued for later: a slower reader decodes
+// every byte written through a small send buffer and a compressor slab that
+// holds far more than the kernel takes at once.
+TEST(CompressedSockStream, FlushIntoAPartlyFreeSendBufferLosesNoByte) {
+    testnet::Pair p = testnet::MakeTcpPair();
+    int small = 4096, window = 65536;  // a receive window below 64 KiB stalls loopback for 200 ms at a time
+    ::setsockopt(p.server.get(), SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
+    Probe w;
+    ASSERT_EQ(w.OpenFD(p.client.release(), 0), 0);
+    w.SetSndBufSize(1 << 20);  // the compressor's slab: more than the kernel takes at once
+    ASSERT_EQ(w.SwitchCompression(1), 0);
+    ::setsockopt(w.Fd(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    const std::string data = testdata::RandomBytes(1 << 20, 11);
+    std::string got;
+    std::thread reader([&] { got = SlowInflate(p.server.get()); });
+    CompressedSockStream s(&w, 2000000, 5);
+    int partial = 0, failed = 0;
+    std::mt19937 rng(3);
+    for (size_t off = 0; off < data.size() && failed == 0;) {
+        const size_t piece = std::min<size_t>(data.size() - off, 1 + rng() % 100000);
+        failed += s.Write(const_cast<char*>(data.data()) + off, static_cast<unsigned>(piece)) !=
+                  static_cast<int>(piece);
+        off += piece;
+        w.NonBlockSocket::Poll(POLL_WRITE, 1, 0);  // some room in the kernel, maybe not all we hold
+        const int r = s.Flush();
+        failed += r < 0;
+        partial += r > 0 && w.Pending() > 0;  // some sent, the rest kept
+    }
+    EXPECT_EQ(failed, 0);
+    EXPECT_EQ(w.FullFlush(), 0);
+    ::shutdown(w.Fd(), SHUT_WR);  // the reader's end of stream
+    reader.join();
+    EXPECT_GT(partial, 0) << "no flush met a partly free send buffer";
+    EXPECT_EQ(got.size(), data.size());
+    EXPECT_TRUE(got == data) << "decoded bytes differ";
 }
