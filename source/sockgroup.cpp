@@ -1,5 +1,6 @@
 #include <linnet/sockgroup.h>
 
+#include <linnet/compress.h>
 #include <sys/time.h>
 
 #include <algorithm>
@@ -66,6 +67,21 @@ int CSockGroup::Poll(int seconds, int microseconds) {
     else
         LOG_STREAM(11) << "polling socket group (time " << seconds << "/" << microseconds << ")";
 
+    // A member that asks to read and holds bytes its descriptor no longer
+    // shows (a compressed socket with decoded, or still decodable, input) is
+    // readable now: the group then only checks the others, without waiting.
+    const auto holds_input = [](NonBlockSocket* s) {
+        if (!(s->events_ & POLL_READ) || s->fd_ < 0) return false;
+        CompressedTCPSocket* c = dynamic_cast<CompressedTCPSocket*>(s);
+        return c != nullptr && c->BufferedInput() > 0;
+    };
+    const bool held = std::any_of(socks_.begin(), socks_.end(), holds_input);
+    const timeval no_wait = {0, 0};
+    if (held) {
+        LOG_STREAM(11) << "buffered input in socket group: no wait";
+        timeout = &no_wait;
+    }
+
     // The members as the wait layer sees them: the same walk, the same
     // select/poll choice and answers as a single socket's Poll.
     struct Members {
@@ -93,8 +109,20 @@ int CSockGroup::Poll(int seconds, int microseconds) {
         LOG_STREAM(11) << "select failed (errno " << err << "), exiting";
         return linnet::sys::failure(err);
     }
-    if (n == 0) LOG_STREAM(11) << "nothing is ready in socket group";
-    return n;
+    int ready = n;
+    if (held) {
+        for (NonBlockSocket* s : socks_) {
+            if ((s->state_ & POLL_READ) || !holds_input(s)) continue;
+            // select's count: once per descriptor in the read set.
+            const bool counted = std::any_of(socks_.begin(), socks_.end(), [s](const NonBlockSocket* o) {
+                return o->fd_ == s->fd_ && (o->state_ & POLL_READ);
+            });
+            members.set_ready(s, s->state_ | POLL_READ);
+            if (!counted) ++ready;
+        }
+    }
+    if (ready == 0) LOG_STREAM(11) << "nothing is ready in socket group";
+    return ready;
 }
 
 int CSockGroup::GetState(NonBlockSocket* s) {

@@ -103,6 +103,7 @@ bool PollSet::grow() {
 int PollSet::wait(const timeval* timeout) {
     timespec ts;
     timespec* tsp = nullptr;
+    long long deadline = 0;
     if (timeout != nullptr) {
         if (timeout->tv_sec < 0 || timeout->tv_usec < 0) {
             errno = EINVAL;  // as select answers a negative time-out
@@ -111,16 +112,35 @@ int PollSet::wait(const timeval* timeout) {
         ts.tv_sec = timeout->tv_sec + timeout->tv_usec / 1000000;
         ts.tv_nsec = (timeout->tv_usec % 1000000) * 1000;
         tsp = &ts;
+        deadline = monotonic_us() + static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
     }
-    const int n = ppoll(fds_, size_, tsp, nullptr);
-    if (n <= 0) return n;
-    for (std::size_t k = 0; k < size_; ++k)
-        if (fds_[k].revents & POLLNVAL) {
-            errno = EBADF;  // select refuses a closed descriptor the same way
-            for (std::size_t j = 0; j < size_; ++j) fds_[j].revents = 0;
-            return kSystemFailure;
+    for (;;) {
+        const int n = ppoll(fds_, size_, tsp, nullptr);
+        if (n <= 0) return n;
+        for (std::size_t k = 0; k < size_; ++k)
+            if (fds_[k].revents & POLLNVAL) {
+                errno = EBADF;  // select refuses a closed descriptor the same way
+                for (std::size_t j = 0; j < size_; ++j) fds_[j].revents = 0;
+                return kSystemFailure;
+            }
+        // poll reports POLLERR and POLLHUP whether asked or not; select
+        // reports a descriptor only in the sets it was put in. An answer
+        // holding nothing that was asked is no answer: the entries that gave
+        // it leave this wait (their condition lasts, so each would end every
+        // later poll at once) and the rest of the time is waited for.
+        if (count() > 0) return n;
+        for (std::size_t k = 0; k < size_; ++k)
+            if (fds_[k].revents != 0) {
+                fds_[k].fd = kNoFd;
+                fds_[k].revents = 0;
+            }
+        if (tsp != nullptr) {
+            const long long left = deadline - monotonic_us();
+            if (left <= 0) return 0;
+            ts.tv_sec = static_cast<time_t>(left / 1000000);
+            ts.tv_nsec = static_cast<long>(left % 1000000) * 1000;
         }
-    return n;
+    }
 }
 
 // The readiness select reports for a poll(2) answer (Linux's own mapping in

@@ -129,6 +129,10 @@ public:
         return true;
     }
     // -1 with EBADF (every answer dropped) when a descriptor is not open.
+    // An entry that poll reports only for what it did not ask (POLLERR or
+    // POLLHUP beside POLLPRI alone, say) takes no further part in this wait,
+    // which goes on for the rest of its time: select's answer and select's
+    // wait, never a string of empty answers.
     int wait(const timeval* timeout);
     // The select bits the last wait found for entry k.
     int ready(std::size_t k) const { return fds_[k].revents != 0 ? select_bits(fds_[k]) : 0; }

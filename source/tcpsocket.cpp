@@ -139,6 +139,10 @@ int TCPSocket::Read(void* buf, int len) {
         LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
         return result::kBadLength;
     }
+    if (buf == nullptr && len > 0) {
+        LOG_STREAM(3) << "read into a null buffer on fd_ " << fd_;
+        return result::kBadArgument;
+    }
     LOG_STREAM(11) << "trying to read on fd_ " << fd_ << " (" << len << " bytes to " << buf << ")";
     const ssize_t n = ::read(fd_, buf, static_cast<size_t>(len));
     if (n > 0) {
@@ -165,6 +169,10 @@ int TCPSocket::Write(void* buf, int len) {
     if (len < 0) {  // send() would take it as a huge count and send the heap
         LOG_STREAM(3) << "write of negative length " << len << " on fd_ " << fd_;
         return result::kBadLength;
+    }
+    if (buf == nullptr && len > 0) {
+        LOG_STREAM(3) << "write from a null buffer on fd_ " << fd_;
+        return result::kBadArgument;
     }
     LOG_STREAM(11) << "trying to write to fd_ " << fd_ << " (" << len << " bytes from " << buf << ")";
     // A reset peer, or a pipe without reader, costs -14, never SIGPIPE.

@@ -67,6 +67,10 @@ int UDPSocket::Write(unsigned int ip, unsigned short port, void* buf, int size) 
         LOG_FORMAT("Write", 3, "write of negative length %d on fd_ %d", size, fd_);
         return result::kBadLength;
     }
+    if (buf == nullptr && size > 0) {
+        LOG_FORMAT("Write", 3, "write from a null buffer on fd_ %d", fd_);
+        return result::kBadArgument;
+    }
     LOG_FORMAT("Write", 11, "trying to write to fd_ %d ( %d bytes from %p )", fd_, size, buf);
     const sockaddr_in peer = linnet::sys::ipv4_address(ip, port);
     const ssize_t n = ::sendto(fd_, buf, static_cast<size_t>(size), MSG_NOSIGNAL,
@@ -100,6 +104,10 @@ int UDPSocket::Read(void* buf, unsigned int size, unsigned int* ip, unsigned sho
     if (fd_ < 0) {
         LOG_STREAM(3) << "read on negative fd_ = " << fd_;
         return result::kNoDescriptor;
+    }
+    if (buf == nullptr && size > 0) {  // the kernel would drop the datagram it could not copy
+        LOG_STREAM(3) << "read into a null buffer on fd_ " << fd_;
+        return result::kBadArgument;
     }
     LOG_STREAM(11) << "trying to read on fd_ " << fd_ << " (" << size << " bytes to " << buf << ")";
     sockaddr_in from{};  // stays 0.0.0.0:0 when nothing is received

@@ -1,11 +1,13 @@
 #include <linnet/compress.h>
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <zlib.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +15,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <linnet/sockgroup.h>
 
 #include "capture_host.h"
 #include "net_helpers.h"
@@ -28,6 +32,8 @@ public:
     int Buffered() { return decompressor_->TryRead(nullptr); }
     int Fill() const { return rawInFill_; }
     int RcvBuf() const { return rcvBufSize_; }
+    int Fd() const { return fd_; }
+    int Pending() { return compressor_->TryRead(nullptr); }
     const void* Compressor() const { return compressor_; }
     // Puts text into the compressor without sending it.
     int CompressOnly(char* p, int n) { return compressor_->Write(p, n); }
@@ -443,4 +449,174 @@ TEST(CompressedSockStream, FramedBlocksSurviveSwitchingCompressionOnAndOff) {
     ASSERT_EQ(c.b.SwitchCompression(0), 0);
     ASSERT_EQ(sa.WriteBlock(hello, 16), 0);
     EXPECT_EQ(read_block(&sb), hello);
+}
+
+// What a plain zlib peer sends for these blocks: each framed (4-byte length,
+// host order) and sync-flushed, in one zlib stream.
+std::string DeflatedBlocks(const std::vector<std::string>& blocks) {
+    z_stream z{};
+    deflateInit(&z, Z_DEFAULT_COMPRESSION);
+    std::string out;
+    std::vector<unsigned char> piece(1 << 16);
+    for (const std::string& b : blocks) {
+        const std::uint32_t len = static_cast<std::uint32_t>(b.size());
+        std::string frame(reinterpret_cast<const char*>(&len), 4);
+        frame += b;
+        z.next_in = reinterpret_cast<Bytef*>(&frame[0]);
+        z.avail_in = static_cast<uInt>(frame.size());
+        do {
+            z.next_out = piece.data();
+            z.avail_out = static_cast<uInt>(piece.size());
+            deflate(&z, Z_SYNC_FLUSH);
+            out.append(reinterpret_cast<char*>(piece.data()), piece.size() - z.avail_out);
+        } while (z.avail_out == 0);
+    }
+    deflateEnd(&z);
+    return out;
+}
+
+// Many small blocks fill the decoded slab while the raw buffer fills behind
+// it; a block longer than the slab then empties the slab with compressed
+// input still held and the peer silent. Every block is read, and the held
+// bytes are readable to the socket's Poll and to a group at once.
+TEST(CompressedSockStream, ReadsEveryBlockWhenTheLastBytesAreHeldBehindAFullSlab) {
+    testnet::Pair p = testnet::MakeTcpPair();
+    Probe r;
+    ASSERT_EQ(r.OpenFD(p.client.release(), 0), 0);
+    r.SetRcvBufSize(8192);  // raw buffer 8 KiB, decoded slab 40 KiB
+    ASSERT_EQ(r.SwitchCompression(1), 0);
+    // The kernel's buffers then grow apart from the slabs, to hold it all.
+    int big = 1 << 20;
+    ::setsockopt(r.Fd(), SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
+    ::setsockopt(p.server.get(), SOL_SOCKET, SO_SNDBUF, &big, sizeof big);
+    std::vector<std::string> blocks;
+    for (unsigned i = 0; i < 200; ++i) blocks.push_back(testdata::RandomBytes(100, i + 1));
+    blocks.push_back(testdata::RandomBytes(46000, 5));  // above the slab, below slab + raw buffer
+    const std::string wire = DeflatedBlocks(blocks);
+    ASSERT_LT(wire.size(), 100000u);  // the kernel's buffers hold it all
+    std::atomic<bool> sent{false};
+    std::thread peer([&] { sent = testnet::WriteAll(p.server.get(), wire.data(), wire.size()); });
+    for (int i = 0; i < 1000 && !sent; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (!sent) ::shutdown(p.server.get(), SHUT_RDWR);  // ends the peer's write
+    peer.join();
+    ASSERT_TRUE(sent) << "the peer could not hand everything to the kernel";
+
+    // The stream: every block whole, the peer silent after the last.
+    CompressedSockStream s(&r, 500000, 2);
+    int intact = 0;
+    for (const std::string& b : blocks) {
+        unsigned char* body = nullptr;
+        unsigned size = 0;
+        const int got = s.ReadBlock(&body, &size, 1 << 20);
+        if (got != 0) {
+            ADD_FAILURE() << "block " << intact << ": " << got << " with " << r.Fill() << " bytes held";
+            break;
+        }
+        intact += size == b.size() && std::memcmp(body, b.data(), size) == 0;
+        delete[] body;
+    }
+    EXPECT_EQ(intact, static_cast<int>(blocks.size()));
+}
+
+// A compressed member holding decoded bytes while its descriptor is quiet:
+// the group does not sleep, and reports it readable (counted once) beside
+// a plain member that is really readable.
+TEST(CompressedTCPSocket, GroupSeesBufferedInputWithoutWaiting) {
+    Conn c(true);
+    const std::string text = testdata::TextLike(10000);
+    ASSERT_TRUE(SendAll(&c.a, text.data(), text.size()));
+    ASSERT_EQ(c.a.FullFlush(), 0);
+    std::mt19937 rng(2);
+    ASSERT_EQ(RecvExactly(&c.b, 10, &rng).size(), 10u);
+    ASSERT_GT(c.b.Buffered(), 0);
+    testnet::Pair plain = testnet::MakeTcpPair();
+    TCPSocket other;
+    ASSERT_EQ(other.OpenFD(plain.client.release(), 0), 0);
+    CSockGroup g;
+    g.Add(&other, POLL_READ);
+    g.Add(&c.b, POLL_READ | POLL_WRITE);
+    g.Add(&c.a, POLL_READ);  // nothing for it
+    const auto t0 = Clock::now();
+    EXPECT_EQ(g.Poll(5, 0), 2);  // c.b: read (held) and write (kernel)
+    EXPECT_LT(testnet::SecondsSince(t0), 1.0);
+    EXPECT_EQ(g.GetState(&c.b), POLL_READ | POLL_WRITE);
+    EXPECT_EQ(g.GetState(&c.a), 0);
+    EXPECT_EQ(g.GetState(&other), 0);
+    ASSERT_TRUE(testnet::WriteAll(plain.server.get(), "x", 1));
+    EXPECT_EQ(g.Poll(-1, 0), 3);
+    EXPECT_EQ(g.GetState(&other), POLL_READ);
+    // Once everything is read, the group waits for the kernel again.
+    char byte;
+    ASSERT_EQ(other.Read(&byte, 1), 1);
+    EXPECT_EQ(RecvExactly(&c.b, text.size() - 10, &rng), text.substr(10));
+    g.Add(&c.b, POLL_READ);
+    const auto t1 = Clock::now();
+    EXPECT_EQ(g.Poll(0, 200000), 0);
+    EXPECT_GE(testnet::SecondsSince(t1), 0.15);
+}
+
+// Plain bytes a zlib reader decodes from fd, taking at most 4000 bytes per
+// millisecond, until end of stream, an inflate error or 20 s.
+std::string SlowInflate(int fd) {
+    z_stream z{};
+    inflateInit(&z);
+    std::string out;
+    std::vector<unsigned char> in(4000), plain(1 << 16);
+    const auto deadline = Clock::now() + std::chrono::seconds(20);
+    for (bool end = false; !end && Clock::now() < deadline;) {
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, 100) <= 0) continue;
+        const ssize_t n = ::read(fd, in.data(), in.size());
+        if (n <= 0) break;
+        z.next_in = in.data();
+        z.avail_in = static_cast<uInt>(n);
+        do {
+            z.next_out = plain.data();
+            z.avail_out = static_cast<uInt>(plain.size());
+            const int r = inflate(&z, Z_NO_FLUSH);
+            end = r != Z_OK && r != Z_BUF_ERROR;
+            out.append(reinterpret_cast<char*>(plain.data()), plain.size() - z.avail_out);
+        } while (!end && z.avail_out == 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // the reader's pace
+    }
+    inflateEnd(&z);
+    return out;
+}
+
+// A Flush into a send buffer with only part of its room free sends what the
+// kernel takes and keeps the rest queued for later: a slower reader decodes
+// every byte written through a small send buffer and a compressor slab that
+// holds far more than the kernel takes at once.
+TEST(CompressedSockStream, FlushIntoAPartlyFreeSendBufferLosesNoByte) {
+    testnet::Pair p = testnet::MakeTcpPair();
+    int small = 4096, window = 65536;  // a receive window below 64 KiB stalls loopback for 200 ms at a time
+    ::setsockopt(p.server.get(), SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
+    Probe w;
+    ASSERT_EQ(w.OpenFD(p.client.release(), 0), 0);
+    w.SetSndBufSize(1 << 20);  // the compressor's slab: more than the kernel takes at once
+    ASSERT_EQ(w.SwitchCompression(1), 0);
+    ::setsockopt(w.Fd(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    const std::string data = testdata::RandomBytes(1 << 20, 11);
+    std::string got;
+    std::thread reader([&] { got = SlowInflate(p.server.get()); });
+    CompressedSockStream s(&w, 2000000, 5);
+    int partial = 0, failed = 0;
+    std::mt19937 rng(3);
+    for (size_t off = 0; off < data.size() && failed == 0;) {
+        const size_t piece = std::min<size_t>(data.size() - off, 1 + rng() % 100000);
+        failed += s.Write(const_cast<char*>(data.data()) + off, static_cast<unsigned>(piece)) !=
+                  static_cast<int>(piece);
+        off += piece;
+        w.NonBlockSocket::Poll(POLL_WRITE, 1, 0);  // some room in the kernel, maybe not all we hold
+        const int r = s.Flush();
+        failed += r < 0;
+        partial += r > 0 && w.Pending() > 0;  // some sent, the rest kept
+    }
+    EXPECT_EQ(failed, 0);
+    EXPECT_EQ(w.FullFlush(), 0);
+    ::shutdown(w.Fd(), SHUT_WR);  // the reader's end of stream
+    reader.join();
+    EXPECT_GT(partial, 0) << "no flush met a partly free send buffer";
+    EXPECT_EQ(got.size(), data.size());
+    EXPECT_TRUE(got == data) << "decoded bytes differ";
 }

@@ -1,6 +1,7 @@
 #include <linnet/socket.h>
 
 #include <gtest/gtest.h>
+#include <linnet/blockserver.h>
 #include <linnet/compress.h>
 #include <linnet/qfiletransf.h>
 #include <linnet/udpsocket.h>
@@ -274,11 +275,14 @@ TEST(NonBlockSocket, LocalPortIsTheKernelsPortOrZero) {
     close(pair[1]);
 }
 
-// Every public operation that takes an int length, given -1: -22, and not a
-// byte reaches the peer (nor the file), nor is one taken from it. The peers
-// hold data for the reading operations, so a length taken as huge would
-// overrun the 8-byte buffer (AddressSanitizer watches it).
-TEST(NegativeLength, EveryIntLengthOperationRefusesItWithMinus22AndMovesNothing) {
+// Every public read and write that takes a buffer and a length, given a
+// length of -1 or a null buffer with a positive length: -22 (a queued
+// socket's Read and ReadBlock peek at a null buffer, as documented), and not
+// a byte reaches a peer, the file, a queue or an assembler, nor is one taken
+// from them. The peers hold data for the reading operations, so a length
+// taken as huge would overrun the 8-byte buffer, and a read at null would
+// crash (AddressSanitizer watches both).
+TEST(BadArgument, EveryBufferOperationRefusesANegativeLengthOrANullBufferAndMovesNothing) {
     testnet::Pair tcp = testnet::MakeTcpPair(), zipped = testnet::MakeTcpPair(), queued = testnet::MakeTcpPair();
     TCPSocket plain;
     ASSERT_EQ(plain.OpenFD(tcp.client.release(), 0), 0);
@@ -299,6 +303,11 @@ TEST(NegativeLength, EveryIntLengthOperationRefusesItWithMinus22AndMovesNothing)
     CQueuedFileTransf file(1, 1024);
     file.Open(name);
     SocketQueue queue;
+    SockStream stream(&plain, 100000, 0);
+    CompressedSockStream zstream(&compressed, 100000, 0);
+    CBlockOptions options;
+    CBlockAssembler assembler(options);
+    assembler.Reset(0);
 
     // Data waiting for the reading operations.
     const std::string pending(100, 'p');
@@ -308,48 +317,95 @@ TEST(NegativeLength, EveryIntLengthOperationRefusesItWithMinus22AndMovesNothing)
     ASSERT_EQ(q.Poll(POLL_READ, 2, 0), POLL_READ);
     q.Process(POLL_READ, nullptr);
     ASSERT_EQ(udp.Write(testnet::Loopback(), udp_port, const_cast<char*>(pending.data()), 100), 100);
+    ASSERT_EQ(udp_peer.Poll(POLL_READ, 2, 0), POLL_READ);
 
     char buf[8] = {};
+    char* const null = nullptr;
+    unsigned char* body = nullptr;
+    unsigned size = 0, ip = 7;
+    unsigned short port = 7;
     struct Case {
         const char* what;
         std::function<int()> call;
+        int expected;
     };
     std::vector<Case> cases = {
-        {"TCPSocket::Write", [&] { return plain.Write(buf, -1); }},
-        {"TCPSocket::Read", [&] { return plain.Read(buf, -1); }},
-        {"UDPSocket::Write", [&] { return udp.Write(buf, -1); }},
-        {"UDPSocket::Write to", [&] { return udp.Write(testnet::Loopback(), udp_port, buf, -1); }},
+        {"TCPSocket::Write", [&] { return plain.Write(buf, -1); }, -22},
+        {"TCPSocket::Read", [&] { return plain.Read(buf, -1); }, -22},
+        {"TCPSocket::Write null", [&] { return plain.Write(null, 64); }, -22},
+        {"TCPSocket::Read null", [&] { return plain.Read(null, 64); }, -22},
+        {"UDPSocket::Write", [&] { return udp.Write(buf, -1); }, -22},
+        {"UDPSocket::Write to", [&] { return udp.Write(testnet::Loopback(), udp_port, buf, -1); }, -22},
         {"UDPSocket::WriteWithEspecialTimeToLive",
-         [&] { return udp.WriteWithEspecialTimeToLive(testnet::Loopback(), udp_port, buf, -1, 9); }},
-        {"UDPSocket::Read", [&] { return udp_peer.Read(buf, -1); }},
-        {"QueuedTCPSocket::Write", [&] { return q.Write(buf, -1); }},
-        {"QueuedTCPSocket::Read", [&] { return q.Read(buf, -1); }},
-        {"QueuedTCPSocket::ReadBlock", [&] { return q.ReadBlock(buf, -1); }},
-        {"CompressedTCPSocket::Write off", [&] { return compressed.Write(buf, -1); }},
-        {"CompressedTCPSocket::Read off", [&] { return compressed.Read(buf, -1); }},
+         [&] { return udp.WriteWithEspecialTimeToLive(testnet::Loopback(), udp_port, buf, -1, 9); }, -22},
+        {"UDPSocket::Read", [&] { return udp_peer.Read(buf, -1); }, -22},
+        {"UDPSocket::Write null", [&] { return udp.Write(null, 64); }, -22},
+        {"UDPSocket::Write to null", [&] { return udp.Write(testnet::Loopback(), udp_port, null, 64); }, -22},
+        {"UDPSocket::WriteWithEspecialTimeToLive null",
+         [&] { return udp.WriteWithEspecialTimeToLive(testnet::Loopback(), udp_port, null, 64, 9); }, -22},
+        {"UDPSocket::Read null", [&] { return udp_peer.Read(null, 64); }, -22},
+        {"UDPSocket::Read from null", [&] { return udp_peer.Read(null, 64u, &ip, &port, 0); }, -22},
+        {"QueuedTCPSocket::Write", [&] { return q.Write(buf, -1); }, -22},
+        {"QueuedTCPSocket::Read", [&] { return q.Read(buf, -1); }, -22},
+        {"QueuedTCPSocket::ReadBlock", [&] { return q.ReadBlock(buf, -1); }, -22},
+        {"QueuedTCPSocket::Write null", [&] { return q.Write(null, 64); }, -22},
+        {"QueuedTCPSocket::Read null peeks", [&] { return q.Read(null, 64); }, 100},
+        {"QueuedTCPSocket::ReadBlock null peeks", [&] { return q.ReadBlock(null, 64); }, 100},
+        {"CompressedTCPSocket::Write off", [&] { return compressed.Write(buf, -1); }, -22},
+        {"CompressedTCPSocket::Read off", [&] { return compressed.Read(buf, -1); }, -22},
+        {"CompressedTCPSocket::Write null off", [&] { return compressed.Write(null, 64); }, -22},
+        {"CompressedTCPSocket::Read null off", [&] { return compressed.Read(null, 64); }, -22},
         {"CompressedTCPSocket::Write on",
-         [&] { return compressed.SwitchCompression(1) == 0 ? compressed.Write(buf, -1) : 1; }},
-        {"CompressedTCPSocket::Read on", [&] { return compressed.Read(buf, -1); }},
-        {"CQueuedFileTransf::Write", [&] { return file.Write(buf, -1); }},
-        {"CQueuedFileTransf::Read", [&] { return file.Read(buf, -1); }},
-        {"SocketQueue::PutBack", [&] { return queue.PutBack(buf, -1, 1); }},
-        {"SocketQueue::PutFront", [&] { return queue.PutFront(buf, -1, 1); }},
+         [&] { return compressed.SwitchCompression(1) == 0 ? compressed.Write(buf, -1) : 1; }, -22},
+        {"CompressedTCPSocket::Read on", [&] { return compressed.Read(buf, -1); }, -22},
+        {"CompressedTCPSocket::Write null on", [&] { return compressed.Write(null, 64); }, -22},
+        {"CompressedTCPSocket::Read null on", [&] { return compressed.Read(null, 64); }, -22},
+        {"SockStream::Write null", [&] { return stream.Write(null, 64); }, -22},
+        {"SockStream::Read null", [&] { return stream.Read(null, 64); }, -22},
+        {"SockStream::WriteBlock null", [&] { return stream.WriteBlock(null, 64); }, -22},
+        {"SockStream::ReadBlock null body", [&] { return stream.ReadBlock(nullptr, &size, 0); }, -22},
+        {"SockStream::ReadBlock null size", [&] { return stream.ReadBlock(&body, nullptr, 0); }, -22},
+        {"CompressedSockStream::WriteBlock null", [&] { return zstream.WriteBlock(null, 64); }, -22},
+        {"CompressedSockStream::ReadBlock null body", [&] { return zstream.ReadBlock(nullptr, &size, 0); }, -22},
+        {"CQueuedFileTransf::Write", [&] { return file.Write(buf, -1); }, -22},
+        {"CQueuedFileTransf::Read", [&] { return file.Read(buf, -1); }, -22},
+        {"CQueuedFileTransf::Write null", [&] { return file.Write(null, 64); }, -22},
+        {"CQueuedFileTransf::Read null", [&] { return file.Read(null, 64); }, -22},
+        {"SocketQueue::PutBack", [&] { return queue.PutBack(buf, -1, 1); }, -22},
+        {"SocketQueue::PutFront", [&] { return queue.PutFront(buf, -1, 1); }, -22},
+        {"SocketQueue::PutBack null", [&] { return queue.PutBack(null, 64, 1); }, -22},
+        {"SocketQueue::PutFront null", [&] { return queue.PutFront(null, 64, 1); }, -22},
+        {"SocketQueue::PutBack null uncopied", [&] { return queue.PutBack(null, 64, 0); }, -22},
+        {"CBlockAssembler::Feed", [&] { return assembler.Feed(buf, -1, 0); }, -22},
+        {"CBlockAssembler::Reply", [&] { return assembler.Reply(buf, -1); }, -22},
+        {"CBlockAssembler::Feed null", [&] { return assembler.Feed(null, 64, 0); }, -22},
+        {"CBlockAssembler::Reply null", [&] { return assembler.Reply(null, 64); }, -22},
+        {"CBlockAssembler::ReplyBlock null", [&] { return assembler.ReplyBlock(null, 64); }, -22},
     };
-    for (const Case& c : cases) EXPECT_EQ(c.call(), -22) << c.what;
+    for (const Case& c : cases) EXPECT_EQ(c.call(), c.expected) << c.what;
 
-    // Nothing went out: the queued socket sends what it holds, then every
-    // peer is empty.
+    // Nothing went out: the queued socket sends what it holds, the
+    // compressed one flushes, then every peer is empty.
     EXPECT_FALSE(q.Process(POLL_WRITE, nullptr));
+    EXPECT_EQ(compressed.FullFlush(), 0);
     char peek[128];
-    for (int fd : {tcp.server.get(), zipped.server.get(), queued.server.get()})
+    for (int fd : {tcp.server.get(), queued.server.get()})
         EXPECT_EQ(::recv(fd, peek, sizeof peek, MSG_DONTWAIT), -1) << "fd " << fd;
+    EXPECT_EQ(::recv(zipped.server.get(), peek, 2, MSG_DONTWAIT), 2);  // the zlib header...
+    EXPECT_EQ(::recv(zipped.server.get(), peek, sizeof peek, MSG_DONTWAIT), 5);  // ...an empty sync block
     EXPECT_EQ(udp_peer.Read(peek, sizeof peek, nullptr, nullptr, 0), 100);  // the one sent above
     EXPECT_EQ(udp_peer.Poll(POLL_READ, 0, 100000), 0);
+    EXPECT_EQ(ip, 7u);
+    EXPECT_EQ(port, 7);
     EXPECT_EQ(queue.Size(), 0);
+    EXPECT_TRUE(queue.Empty());
+    EXPECT_EQ(assembler.QueuedInput(), 0);
+    EXPECT_EQ(assembler.QueuedOutput(), 0);
     std::ifstream written(name, std::ios::binary);
     EXPECT_EQ(written.peek(), std::char_traits<char>::eof());
     // ...and nothing was taken: every pending byte is still there.
     EXPECT_EQ(::recv(FdOf::get(plain), peek, sizeof peek, MSG_DONTWAIT), 100);
+    EXPECT_EQ(::recv(FdOf::get(compressed), peek, sizeof peek, MSG_DONTWAIT), 100);
     EXPECT_EQ(q.ReadBlock(peek, 100), 100);
     std::remove(name);
 }

@@ -2,12 +2,15 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <map>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include <linnet/tcpsocket.h>
@@ -160,11 +163,18 @@ TEST(SockGroup, UnlimitedWaitWithNoDescriptorAtAllFailsAtOnce) {
 // One group of members on descriptors below FD_SETSIZE (select), one of
 // aliases on duplicates of the same descriptors above it (poll): the same
 // interests must give the same count and the same bits, member by member.
+// The members that found nothing, polled again alone, make both paths wait
+// the whole time: poll's unasked POLLERR/POLLHUP of a reset peer is no
+// answer to a member asking only POLL_EXCEPT.
 TEST(SockGroup, SelectAndPollPathsGiveTheSameAnswersForTheSameMembers) {
     if (!testnet::RaiseFdLimit(FD_SETSIZE + 400)) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE above the select limit";
-    Member readable(false), quiet(false), urgent(false);
+    Member readable(false), quiet(false), urgent(false), reset(false);
     readable.Send();
     urgent.Send(MSG_OOB);
+    testnet::SetLingerZero(reset.pair.server.get());
+    reset.pair.server.reset();
+    pollfd arrived{reset.fd, POLLIN, 0};
+    ASSERT_EQ(::poll(&arrived, 1, 5000), 1);  // the reset is there
     TCPSocket never_opened;
     struct Interest {
         int fd;
@@ -179,6 +189,7 @@ TEST(SockGroup, SelectAndPollPathsGiveTheSameAnswersForTheSameMembers) {
         {urgent.fd, POLL_EXCEPT},
         {urgent.fd, POLL_READ | POLL_WRITE | POLL_EXCEPT},
         {-1, POLL_READ},                        // no descriptor
+        {reset.fd, POLL_EXCEPT},                // hung up and in error: never asked
     };
     const size_t rows = sizeof table / sizeof table[0];
     std::vector<std::unique_ptr<Alias>> low, high;
@@ -209,7 +220,61 @@ TEST(SockGroup, SelectAndPollPathsGiveTheSameAnswersForTheSameMembers) {
     EXPECT_EQ(low[1]->GetState(), POLL_READ | POLL_WRITE);
     EXPECT_EQ(low[3]->GetState(), 0);
     EXPECT_EQ(low[5]->GetState(), POLL_EXCEPT);
+    EXPECT_EQ(low[8]->GetState(), 0);
+
+    CSockGroup select_rest, poll_rest;
+    for (size_t i = 0; i < rows; ++i)
+        if (low[i]->GetState() == 0) {
+            select_rest.Add(low[i].get());
+            poll_rest.Add(high[i].get());
+        }
+    for (CSockGroup* g : {&select_rest, &poll_rest}) {
+        SCOPED_TRACE(g == &select_rest ? "select path" : "poll path");
+        auto t0 = testnet::Clock::now();
+        EXPECT_EQ(g->Poll(0, 200000), 0);
+        EXPECT_GE(testnet::SecondsSince(t0), 0.19);
+        {
+            testnet::Alarm alarm(150000);  // ends the unlimited wait
+            t0 = testnet::Clock::now();
+            EXPECT_EQ(g->Poll(-1, 0), 0);
+            EXPECT_GE(testnet::SecondsSince(t0), 0.14);
+        }
+        EXPECT_EQ(g->GetState(g == &select_rest ? low[8].get() : high[8].get()), 0);
+    }
     for (const auto& fds : high_fds) ::close(fds.second);
+}
+
+// One group of descriptors below and above the select limit waits on one
+// path for all of them: a low member's readiness is reported, and waited
+// for, on either side of the first high one.
+TEST(SockGroup, LowAndHighDescriptorsInOneGroupAreAllWaitedFor) {
+    if (!testnet::RaiseFdLimit(FD_SETSIZE + 400)) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE above the select limit";
+    Member before(false), high(true), after(false);
+    CSockGroup g;
+    for (Member* m : {&before, &high, &after}) ASSERT_EQ(g.Add(&m->sock, POLL_READ), 0);
+    char c;
+    for (Member* m : {&before, &after}) {
+        m->Send();
+        EXPECT_EQ(g.Poll(1, 0), 1);
+        EXPECT_EQ(m->sock.GetState(), POLL_READ);
+        EXPECT_EQ(high.sock.GetState(), 0);
+        ASSERT_EQ(m->sock.Read(&c, 1), 1);
+    }
+    std::thread later([&before] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));  // the peer's pace
+        before.Send();
+    });
+    const auto t0 = testnet::Clock::now();
+    const int n = g.Poll(5, 0);
+    const double waited = testnet::SecondsSince(t0);
+    later.join();
+    EXPECT_EQ(n, 1);
+    EXPECT_EQ(before.sock.GetState(), POLL_READ);
+    EXPECT_GE(waited, 0.1);
+    EXPECT_LT(waited, 4.0);
+    high.Send();
+    EXPECT_EQ(g.Poll(1, 0), 2);
+    EXPECT_EQ(after.sock.GetState(), 0);
 }
 
 // Members that have descriptors but all ask for nothing leave nothing that

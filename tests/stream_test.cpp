@@ -11,8 +11,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,6 +40,7 @@ public:
         if (!caps.empty()) caps.erase(caps.begin());
         return TCPSocket::Read(buf, std::min(len, cap));
     }
+    int fd() const { return fd_; }
     int polls = 0, reads = 0;
     std::vector<int> caps;  // per-Read byte limits, used up in order
 };
@@ -351,6 +354,55 @@ TEST(SockStreamSignals, PeriodicTimerNeitherCutsWritesNorEndsReads) {
     EXPECT_EQ(read, -110);
     EXPECT_GE(waited, 0.45);
     EXPECT_LT(waited, 5.0);
+}
+
+// One signal 100 ms into a quiet half-second step, with SA_RESTART and
+// without: the step is resumed for what is left of it and ends at about
+// 0.5 s, for a read (-110, final time-out 0) and for a blocked write (0).
+// A rest converted in the wrong unit ends it at 0.1 s or not for minutes: a
+// watchdog then resets the peer (3 s), which changes the result.
+TEST(SockStreamSignals, OneSignalMidStepEndsTheStepAfterItsWholeTime) {
+    for (int flags : {SA_RESTART, 0}) {
+        for (bool write : {false, true}) {
+            SCOPED_TRACE(std::string(write ? "write" : "read") + (flags ? ", SA_RESTART" : ""));
+            Link l;
+            std::vector<char> big(write ? 16 << 20 : 4);
+            if (write) l.sock.SetSndBufSize(4096);  // the peer never reads
+            std::mutex m;
+            std::condition_variable cv;
+            bool done = false;
+            sigset_t alarm_only, old;
+            sigemptyset(&alarm_only);
+            sigaddset(&alarm_only, SIGALRM);
+            pthread_sigmask(SIG_BLOCK, &alarm_only, &old);  // the watchdog is born blocking it
+            std::thread watchdog([&] {
+                std::unique_lock<std::mutex> lock(m);
+                if (cv.wait_for(lock, std::chrono::seconds(3), [&] { return done; })) return;
+                testnet::SetLingerZero(l.peer());
+                l.pair.server.reset();
+            });
+            pthread_sigmask(SIG_SETMASK, &old, nullptr);
+            int r = 1;
+            double waited = 0;
+            {
+                testnet::Alarm alarm(100000, flags);
+                SockStream s(&l.sock, 500000, 0);
+                const auto t0 = testnet::Clock::now();
+                r = write ? s.Write(big.data(), static_cast<unsigned>(big.size())) : s.Read(big.data(), 4);
+                waited = SecondsSince(t0);
+            }
+            {
+                std::lock_guard<std::mutex> lock(m);
+                done = true;
+            }
+            cv.notify_one();
+            watchdog.join();
+            testnet::SetLingerZero(l.sock.fd());  // closing drops the unsent bytes at once
+            EXPECT_EQ(r, write ? 0 : -110);
+            EXPECT_GE(waited, 0.45);
+            EXPECT_LT(waited, 1.5);
+        }
+    }
 }
 
 TEST(SockStreamBlock, BlockCutShortByTheStepTimeOutIsAFailureOfThatStep) {

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -284,4 +285,19 @@ TEST(TcpSocket, BufferSizeSettersRememberTheRequest) {
     EXPECT_EQ(s.SetSndBufSize(65536), 0);
     EXPECT_EQ(Members::snd(s), 65536);
     EXPECT_EQ(IntOpt(Members::fd(s), SOL_SOCKET, SO_SNDBUF), 131072);  // the kernel doubles
+}
+
+// Each keep-alive argument lands in its own option: distinct values read
+// back with getsockopt. Without a descriptor the first option fails: -1.
+TEST(TcpSocket, KeepAliveArgumentsEachReachTheirOwnOption) {
+    TCPSocket s;
+    EXPECT_EQ(s.SetKeepAliveFeatures(37, 5, 11), -1);
+    ASSERT_EQ(s.Open(), 0);
+    const int fd = Members::fd(s);
+    EXPECT_EQ(IntOpt(fd, SOL_SOCKET, SO_KEEPALIVE), 0);
+    ASSERT_EQ(s.SetKeepAliveFeatures(37, 5, 11), 0);
+    EXPECT_EQ(IntOpt(fd, SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(IntOpt(fd, IPPROTO_TCP, TCP_KEEPIDLE), 37);
+    EXPECT_EQ(IntOpt(fd, IPPROTO_TCP, TCP_KEEPCNT), 5);
+    EXPECT_EQ(IntOpt(fd, IPPROTO_TCP, TCP_KEEPINTVL), 11);
 }

@@ -24,7 +24,9 @@
 // that raw input buffer is full (the decompressor's slab of five times the
 // receive buffer size full of decoded bytes not yet read); the rest waits
 // in the kernel. Switching compression off or on empties the raw input, so
-// nothing from an earlier stream is ever decoded as received data.
+// nothing from an earlier stream is ever decoded as received data. Input
+// already read from the kernel never waits for it: the socket's Poll and a
+// socket group report it readable while it holds bytes Read can deliver.
 // Stricter: new input used to be read to the START of the raw buffer, over
 // unconsumed bytes (a peer running ahead corrupted the stream while Read
 // reported success), and the raw fill count used to survive an off-on cycle.
@@ -135,8 +137,8 @@ public:
 // receive buffer size (sizes as at switch-on; the receive buffer size is taken
 // between 0 and INT_MAX / 5). Negative lengths are refused with -22 while
 // compression is on, as TCPSocket refuses them while it is off.
-// A socket group polls the descriptor only: decoded bytes already buffered
-// are seen by this class's own Poll, not by a group. Close does not switch
+// Bytes it already holds make it readable without the kernel: its own Poll
+// and a CSockGroup both see them (BufferedInput). Close does not switch
 // compression off; the destructor does.
 class LINNET_API CompressedTCPSocket : public TCPSocket {
 public:
@@ -149,20 +151,22 @@ public:
     // Compression off: TCPSocket::Write. On: deflates what the compressor
     // takes and sends as much of its output as the socket takes now. Returns
     // the plain bytes accepted (0 when the compressor is full: offer them
-    // again later), -22 for a negative len, or the socket's negative code
-    // unchanged.
+    // again later), -22 for a negative len or a null buf with len > 0
+    // (nothing taken), or the socket's negative code unchanged.
+    // Stricter: a null buf is refused (deflate took nothing from it, so a
+    // stream writing it waited for room for ever).
     int Write(void* buf, int len) override;
     using TCPSocket::Write;  // Write(const T*, len)
     // Compression off: TCPSocket::Read. On: one socket read (skipped while
     // the raw buffer is full) behind the unconsumed raw input, inflate, then
     // the plain bytes available now, up to len: 0 when none (also for ever
-    // after corrupt input), -22 for a negative len, or the socket's negative
-    // code unchanged. The
+    // after corrupt input), -22 for a negative len or a null buf with
+    // len > 0 (nothing read), or the socket's negative code unchanged. The
     // socket is read first, so at end of stream Read gives -32 even while
     // decoded bytes remain: end an exchange before closing, not by closing.
     int Read(void* buf, int len) override;
-    // Compression on: buffered state answers first. Readable when decoded
-    // bytes are waiting, writable while the compressor's pending output is
+    // Compression on: buffered state answers first. Readable, without
+    // waiting, while BufferedInput() is above 0; writable while the compressor's pending output is
     // below the send buffer size and below its slab's size; the socket is
     // asked (NonBlockSocket::Poll) only for the bits not answered so. Never
     // readable while nothing is decoded and the raw buffer stays full
@@ -172,8 +176,18 @@ public:
     // then ends by its time-outs. Returns the ready bits; on a failed wait
     // the known bits are OR-ed into the negative code (still negative).
     // Stricter: a compressor that can take nothing used to be reported
-    // writable whenever the socket was, so SockStream::Write looped for ever.
+    // writable whenever the socket was, so SockStream::Write looped for ever;
+    // compressed input held behind a full decoded slab used to wait for the
+    // kernel, which had nothing more to say (a stream read ended at its final
+    // time-out with the bytes in hand).
     int Poll(int events, int seconds, int microseconds) override;
+    // Plain bytes this socket can hand to Read without its descriptor: the
+    // decoded bytes waiting, after inflating the compressed input it holds
+    // (no system call, never waits). 0 with compression off, and for held
+    // input that is only the start of a piece (the kernel has the rest) or
+    // that inflate no longer takes. A host with its own wait (epoll, say)
+    // asks this before waiting on the descriptor.
+    int BufferedInput();
 
     // Sync-flushes the compressor and makes one attempt to send its output:
     // bytes sent, 0 (nothing pending, or the socket takes nothing now; the
@@ -213,6 +227,8 @@ protected:
 
 private:
     int RawCapacity() const;  // size of rawIn_: the decompressor's slab / 5
+    // rawIn_ into the decompressor, as far as it takes (not exported).
+    __attribute__((visibility("hidden"))) void InflateHeld();
 };
 
 // A SockStream over a CompressedTCPSocket: exact-count timed Read/Write and

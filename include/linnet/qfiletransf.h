@@ -35,13 +35,16 @@ public:
     // Disabled: -1, nothing opened.
     int Open() override;
     // Puts len bytes into the file: 0 when all were taken, else -1 (also
-    // when the file is not open or not writable); -22 for a negative len.
-    // Stricter: a negative len is -22, nothing written (it used to be -1).
+    // when the file is not open or not writable); -22 for a negative len or
+    // a null buf with len > 0.
+    // Stricter: a negative len or a null buf is -22, nothing written (the one
+    // used to be -1, the other to be read by the file stream).
     int Write(void* buf, int len) override;
     using QueuedTCPSocket::Write;  // Write(const T*, len)
     // Gets len bytes from the file: 0 when exactly len came, else -1 (a
     // short read at the end of the file consumes what was left and is -1);
-    // -22 for a negative len, nothing read (stricter: it used to be -1).
+    // -22 for a negative len or a null buf with len > 0, nothing read
+    // (stricter: the one used to be -1, the other written at null).
     int Read(void* buf, int len) override;
     // Closes the file only (the socket and the queues are left alone):
     // nonzero when it was open and closed cleanly, 0 otherwise.

@@ -50,9 +50,11 @@ public:
     ~SocketQueue();
 
     // Appends a chunk (copied with array new when copy is nonzero): returns
-    // size; -22 when size is negative, -1 when memory is short, the queue
-    // unchanged either way.
-    // Stricter: a negative size is -22 (it used to be -1).
+    // size; -22 when size is negative or data is null with size > 0, -1 when
+    // memory is short, the queue unchanged in each case.
+    // Stricter: a negative size is -22 (it used to be -1); a null data with
+    // size > 0 is -22 (it used to queue a chunk of stale heap, or a pointer
+    // nobody could read).
     int PutBack(void* data, int size, int copy);
     // The same, the chunk becoming the new head.
     int PutFront(void* data, int size, int copy);
@@ -104,14 +106,16 @@ public:
     // the constructor (their results ignored): 0, or Open's negative code.
     int Open() override;
     // Queues a copy of the len bytes; nothing is sent. Returns len; -1 when
-    // the copy cannot be made, -22 when len is negative; nothing queued.
-    // Stricter: a negative len is -22 (it used to be -1).
+    // the copy cannot be made, -22 when len is negative or buf is null with
+    // len > 0; nothing queued.
+    // Stricter: a negative len is -22 (it used to be -1); a null buf is -22
+    // (it used to queue len bytes of stale heap, which Process then sent).
     int Write(void* buf, int len) override;
     using TCPSocket::Write;  // Write(const T*, len): queues a copy as well
     // Takes exactly one input chunk: its size (0 when none is queued) after
     // copying it into buf. -1, nothing taken, when the chunk is longer than
     // len; -22, nothing taken, when len is negative. With a null buf: the
-    // first chunk's size, nothing taken.
+    // first chunk's size, nothing taken (a peek: nothing is read at buf).
     int Read(void* buf, int len) override;
     // Empties the output queue, then the input queue (the queues are kept,
     // the object can be opened again), then closes the descriptor: 0.
@@ -125,7 +129,8 @@ public:
     int OpenFD(int fd);
     // Takes exactly len bytes across chunk borders; a chunk cut in two keeps
     // its rest first in the queue (not copied again). Returns len; the total
-    // queued when it is 0 or buf is null; -1 when fewer than len bytes are
+    // queued when it is 0 or buf is null (a peek, nothing taken); -1 when
+    // fewer than len bytes are
     // queued, -22 for a negative len, nothing taken.
     // Stricter: a cut needs no scratch buffer, so there is no -2 (it used to
     // come when that buffer could not be had, whole chunks already taken).

@@ -12,7 +12,11 @@
 //
 // Descriptors at or above FD_SETSIZE are waited for with poll(2) instead of
 // select(2), with the same state_ bits, count, time-out and interruption
-// results, so a group serves more than 1,020 connections. A member whose
+// results, so a group serves more than 1,020 connections. One descriptor
+// beyond the limit moves the whole group's wait to poll(2), every member in
+// it. Stricter: poll's POLLERR/POLLHUP, which come unasked, no longer end the
+// wait of a member that did not ask for them (a reset peer of a member asking
+// only POLL_EXCEPT made every wait return 0 at once). A member whose
 // descriptor is negative (closed) is skipped: its state_ is cleared and it
 // takes part in no wait.
 //
@@ -52,8 +56,14 @@ public:
     // end. A member only ever gets the bits it asked for; after a 0 or
     // failure all state_ are 0. The wait is the one a single socket's Poll
     // makes: select below FD_SETSIZE, poll(2) above, the same answers.
+    // A member asking POLL_READ that is a CompressedTCPSocket holding input
+    // (BufferedInput() > 0) is readable without its descriptor: the group
+    // asks every such member before waiting, and when one holds bytes it
+    // only checks the others (a wait of 0) and adds POLL_READ to the holders
+    // (counted once per descriptor, as select counts).
     // Stricter: Poll(-1, ...) with nothing to wait for is -9; it used to
-    // wait for ever.
+    // wait for ever. A compressed member's decoded bytes used to be invisible
+    // to a group, which slept while they waited.
     int Poll(int seconds, int microseconds);
     // s's state_ from the last poll; -1 when the group is empty; -2 when s
     // is not a member (a null s is simply not found).

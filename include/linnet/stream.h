@@ -49,12 +49,16 @@ public:
     // negative result unchanged (-32 peer closed, -14 error, -22 no
     // descriptor, -errno from Poll). A failure leaves an unknown number of
     // bytes consumed. Sizes above INT_MAX come back converted to int.
+    // -22 at once, with no Poll, for a null buf with size > 0 (stricter: the
+    // socket's Read was handed the null buffer).
     int Read(void* buf, unsigned size);
     // Hands exactly `size` bytes to the socket. Returns size (0 for size 0,
     // with no Poll made). There is NO final time-out: a single step time-out
     // ends the write and returns 0, which is not negative. Otherwise the
     // Poll mask if it was not POLL_WRITE alone, or the negative result of
-    // Poll or of the socket's Write (-14 reset, -22 no descriptor).
+    // Poll or of the socket's Write (-14 reset, -22 no descriptor). -22 at
+    // once, with no Poll, for a null buf with size > 0 (stricter: a
+    // compressed socket took nothing from it, and the write waited for ever).
     int Write(void* buf, unsigned size);
     // Const data, handed on unchanged to the one above (a template, so that
     // Write(nullptr, 0) still means that one).
@@ -68,8 +72,10 @@ public:
     // 0). 0 on success, the whole block handed to the socket; -1 when the
     // header was not written whole, -2 when the body was not (an error, or
     // a step time-out: Write's 0), each logged "write failed, exiting".
+    // -22, nothing sent (not even the header), for a null data with size > 0.
     // Stricter: a header or body cut by the step time-out is -1/-2; it used
-    // to be reported as sent (0).
+    // to be reported as sent (0). A null body used to go out as a header
+    // whose body never came (or, compressed, a write that never ended).
     int WriteBlock(void* data, unsigned size);
     // Const data, handed on unchanged to the one above.
     template <typename T, typename std::enable_if<std::is_const<T>::value, int>::type = 0>
@@ -83,7 +89,9 @@ public:
     //   -1 the header could not be read (error, end of stream, final time-out);
     //   -2 L above max_size: the body is left unread in the socket;
     //   -3 no memory for L bytes: all waiting input is flushed;
-    //   -4 the body could not be read: the buffer is freed.
+    //   -4 the body could not be read: the buffer is freed;
+    //  -22 body or size_out is null: refused before the header, nothing read
+    //      (stricter: the block used to be read, then stored at null).
     // max_size 0 means NO limit and trusts the peer's length (up to 4 GiB is
     // allocated on its word): servers facing untrusted peers pass a limit.
     int ReadBlock(unsigned char** body, unsigned* size_out, unsigned max_size);

@@ -33,18 +33,21 @@ public:
     // open on failure.
     int Connect(unsigned int ip, unsigned short port, int sec, int usec) override;
     // One send: bytes written (possibly fewer than len); 0 when the send
-    // buffer is full; -22 without descriptor or for a negative len (nothing
-    // sent); -14 on any other error. Never raises SIGPIPE: a reset peer, or
-    // a pipe adopted with OpenFD whose reader is gone, gives -14.
+    // buffer is full; -22 without descriptor, for a negative len or for a
+    // null buf with len > 0 (nothing sent); -14 on any other error. Never
+    // raises SIGPIPE: a reset peer, or a pipe adopted with OpenFD whose
+    // reader is gone, gives -14.
     // Stricter: a negative len is refused with -22 (it used to send the
-    // memory after buf); a pipe without reader no longer raises SIGPIPE.
+    // memory after buf), and a null buf too (it used to reach send: -14);
+    // a pipe without reader no longer raises SIGPIPE.
     int Write(void* buf, int len) override;
     using NonBlockSocket::Write;  // Write(const T*, len)
     // One read: bytes read; 0 when nothing is waiting (try later); -32 at end
-    // of stream (the peer closed); -22 without descriptor or for a negative
-    // len (nothing read); -14 on any other error (EINTR included; the real
-    // errno is not reported).
-    // Stricter: a negative len is refused with -22 (it used to reach read()).
+    // of stream (the peer closed); -22 without descriptor, for a negative
+    // len or for a null buf with len > 0 (nothing read); -14 on any other
+    // error (EINTR included; the real errno is not reported).
+    // Stricter: a negative len or a null buf is refused with -22 (either
+    // used to reach read()).
     int Read(void* buf, int len) override;
     // Also remembers `size` in sndBufSize_/rcvBufSize_, even when the kernel
     // refuses it (then -1 and a level-1 line). The kernel doubles what it

@@ -29,8 +29,10 @@ public:
     int Write(void* buf, int size) override;
     using NonBlockSocket::Write;  // Write(const T*, size)
     // Read(buf, size, &addr_, &port_, MSG_NOSIGNAL): overwrites the
-    // remembered peer also when nothing arrived. A negative size is refused
-    // with -22 before any system call (it would let a datagram overrun buf).
+    // remembered peer also when nothing arrived. A negative size, or a null
+    // buf with size > 0, is refused with -22 before any system call and with
+    // the peer untouched (the one would let a datagram overrun buf, the
+    // other had the kernel drop the datagram it could not copy).
     int Read(void* buf, int size) override;
     // Adopts fd as it is (no option, no INIT_OPEN): 0; -22 when this object
     // already has a descriptor (nothing changed). A nonzero port goes to port_.
@@ -38,14 +40,17 @@ public:
 
     // One datagram: its length (a longer one is cut to size, silently); 0
     // when none is waiting; -32 for a zero-length datagram; -22 without
-    // descriptor; -errno otherwise. The sender is stored through the non-null
+    // descriptor, or for a null buf with size > 0 (nothing received, the
+    // sender pointers untouched: stricter, the kernel used to drop the
+    // datagram it could not copy); -errno otherwise. The sender is stored through the non-null
     // pointers whatever the result; when nothing was received it is 0.0.0.0:0.
     int Read(void* buf, unsigned int size, unsigned int* ip, unsigned short* port, int flags);
     // One datagram to ip:port: bytes sent (0 for an empty datagram, and 0
     // when the send buffer is full: the datagram is then dropped); -22
-    // without descriptor or for a negative size (nothing sent); -errno
-    // otherwise. Never raises SIGPIPE.
-    // Stricter: a negative size is refused with -22 before any system call.
+    // without descriptor, for a negative size or for a null buf with
+    // size > 0 (nothing sent); -errno otherwise. Never raises SIGPIPE.
+    // Stricter: a negative size or a null buf is refused with -22 before any
+    // system call (a null buf used to give -14 from the kernel).
     int Write(unsigned int ip, unsigned short port, void* buf, int size);
     // The same for const data, which Write only reads.
     template <typename T, typename std::enable_if<std::is_const<T>::value, int>::type = 0>

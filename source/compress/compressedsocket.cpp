@@ -118,6 +118,10 @@ int CompressedTCPSocket::Write(void* buf, int len) {
         LOG_STREAM(3) << "write of negative length " << len << " on fd_ " << fd_;
         return result::kBadLength;
     }
+    if (buf == nullptr && len > 0) {
+        LOG_STREAM(3) << "write from a null buffer on fd_ " << fd_;
+        return result::kBadArgument;
+    }
     const int accepted = compressor_->Write(static_cast<char*>(buf), len);
     // Send straight from the slab while the socket takes anything.
     for (;;) {
@@ -138,6 +142,10 @@ int CompressedTCPSocket::Read(void* buf, int len) {
         LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
         return result::kBadLength;
     }
+    if (buf == nullptr && len > 0) {
+        LOG_STREAM(3) << "read into a null buffer on fd_ " << fd_;
+        return result::kBadArgument;
+    }
     // The fill count never lies outside the buffer.
     const int capacity = RawCapacity();
     if (rawInFill_ > capacity) rawInFill_ = capacity;
@@ -148,13 +156,27 @@ int CompressedTCPSocket::Read(void* buf, int len) {
         if (r < 0) return r;
         rawInFill_ += r;
     }
+    InflateHeld();
+    return decompressor_->Read(static_cast<char*>(buf), len);
+}
+
+void CompressedTCPSocket::InflateHeld() {
+    if (rawInFill_ <= 0) return;
     const int used = decompressor_->Write(reinterpret_cast<char*>(rawIn_), rawInFill_);
     if (used != 0) {
         const int rest = rawInFill_ - used;
         linnet::compress::shift_to_front(reinterpret_cast<char*>(rawIn_), used, rest);
         rawInFill_ = rest;
     }
-    return decompressor_->Read(static_cast<char*>(buf), len);
+}
+
+int CompressedTCPSocket::BufferedInput() {
+    if (!compressionOn_) return 0;
+    // A Read that emptied the decoded bytes may have left compressed input
+    // behind (the slab was full when it came): decode it now, so that no
+    // byte the socket already holds waits for the kernel to say readable.
+    if (decompressor_->TryRead(nullptr) == 0) InflateHeld();
+    return decompressor_->TryRead(nullptr);
 }
 
 int CompressedTCPSocket::Poll(int events, int seconds, int microseconds) {
@@ -162,11 +184,11 @@ int CompressedTCPSocket::Poll(int events, int seconds, int microseconds) {
     int left = events;
     int known = 0;
     bool stuck = false;
-    if ((events & POLL_READ) && decompressor_->TryRead(nullptr) > 0) {
+    if ((events & POLL_READ) && BufferedInput() > 0) {
         known |= POLL_READ;
         left &= ~POLL_READ;
     } else if ((events & POLL_READ) && rawInFill_ >= RawCapacity()) {
-        // Nothing decoded and the raw buffer still full after Read's inflate
+        // Nothing decoded and the raw buffer still full after inflating it
         // (corrupt input, or the peer ended its zlib stream): Read no longer
         // reads the socket and can deliver nothing, so the socket's
         // readability is not passed on. Otherwise a reader looping on Poll

@@ -41,7 +41,7 @@ int CQueuedFileTransf::Write(void* buf, int len) {
         LOG_STREAM(3) << "write of negative length " << len << " to " << std::string(path_, strnlen(path_, sizeof path_));
         return result::kBadLength;
     }
-    if (buf == nullptr && len > 0) return result::kFailed;
+    if (buf == nullptr && len > 0) return result::kBadArgument;
     return file_.sputn(static_cast<const char*>(buf), len) == len ? 0 : result::kFailed;
 }
 
@@ -50,7 +50,7 @@ int CQueuedFileTransf::Read(void* buf, int len) {
         LOG_STREAM(3) << "read of negative length " << len << " from " << std::string(path_, strnlen(path_, sizeof path_));
         return result::kBadLength;
     }
-    if (buf == nullptr && len > 0) return result::kFailed;
+    if (buf == nullptr && len > 0) return result::kBadArgument;
     return file_.sgetn(static_cast<char*>(buf), len) == len ? 0 : result::kFailed;
 }
 

@@ -82,6 +82,10 @@ int QueuedTCPSocket::Write(void* buf, int len) {
         LOG_STREAM(3) << "write of negative length " << len << " on fd_ " << fd_;
         return result::kBadLength;
     }
+    if (buf == nullptr && len > 0) {
+        LOG_STREAM(3) << "write from a null buffer on fd_ " << fd_;
+        return result::kBadArgument;
+    }
     return outQueue_->PutBack(buf, len, 1);
 }
 

@@ -55,6 +55,7 @@ SocketQueue::~SocketQueue() { Clear(); }
 
 int SocketQueue::PutBack(void* data, int size, int copy) {
     if (size < 0) return result::kBadLength;
+    if (data == nullptr && size > 0) return result::kBadArgument;
     Node* node = make_node(data, size, copy);
     if (node == nullptr) return result::kFailed;
     if (tail_ != nullptr)
@@ -67,6 +68,7 @@ int SocketQueue::PutBack(void* data, int size, int copy) {
 
 int SocketQueue::PutFront(void* data, int size, int copy) {
     if (size < 0) return result::kBadLength;
+    if (data == nullptr && size > 0) return result::kBadArgument;
     Node* node = make_node(data, size, copy);
     if (node == nullptr) return result::kFailed;
     node->next = head_;

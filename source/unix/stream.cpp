@@ -69,6 +69,10 @@ TCPSocket* SockStream::GetSock() { return sock_; }
 int SockStream::Read(void* buf, unsigned size) {
     unsigned char* const out = static_cast<unsigned char*>(buf);
     LOG_STREAM(11) << "reading " << size << " bytes to " << buf << " from fd " << sock_->fd_;
+    if (buf == nullptr && size > 0) {
+        LOG_STREAM(3) << "read into a null buffer, refused";
+        return linnet::result::kBadArgument;
+    }
     std::time_t last_activity = std::time(nullptr);
     unsigned total = 0;
     int r = 0;
@@ -114,6 +118,10 @@ int SockStream::Read(void* buf, unsigned size) {
 int SockStream::Write(void* buf, unsigned size) {
     unsigned char* const in = static_cast<unsigned char*>(buf);
     LOG_STREAM(11) << "writing " << size << " bytes from " << buf << " to fd " << sock_->fd_;
+    if (buf == nullptr && size > 0) {
+        LOG_STREAM(3) << "write from a null buffer, refused";
+        return linnet::result::kBadArgument;
+    }
     unsigned total = 0;
     int r = 0;
     while (total < size) {
@@ -153,6 +161,10 @@ void SockStream::Flush() {
 
 int SockStream::WriteBlock(void* data, unsigned size) {
     LOG_STREAM(11) << "writing block size (" << size << ")";
+    if (data == nullptr && size > 0) {  // refused before the header: the stream stays in step
+        LOG_STREAM(3) << "block body is a null buffer, refused";
+        return linnet::result::kBadArgument;
+    }
     std::uint32_t header = size;  // host byte order on the wire
     // Anything but the whole count is a failure of that step, a step
     // time-out (Write's 0) included: a cut block is never reported sent.
@@ -177,6 +189,10 @@ int SockStream::WriteBlock(void* data, unsigned size) {
 
 int SockStream::ReadBlock(unsigned char** body, unsigned* size_out, unsigned max_size) {
     LOG_STREAM(11) << "reading block size";
+    if (body == nullptr || size_out == nullptr) {  // refused before the header: nothing taken
+        LOG_STREAM(3) << "null block outputs, refused";
+        return linnet::result::kBadArgument;
+    }
     std::uint32_t length = 0;
     if (Read(&length, sizeof length) < 0) {
         LOG_STREAM(11) << "error reading block size, exiting";

@@ -203,9 +203,10 @@ void SetLingerZero(int fd) {
 
 static void OnAlarm(int) {}
 
-Alarm::Alarm(long usec) {
+Alarm::Alarm(long usec, int flags) {
     struct sigaction sa {};
-    sa.sa_handler = OnAlarm;  // no SA_RESTART
+    sa.sa_handler = OnAlarm;
+    sa.sa_flags = flags;
     sigemptyset(&sa.sa_mask);
     ::sigaction(SIGALRM, &sa, &old_);
     itimerval t{{0, 0}, {usec / 1000000, usec % 1000000}};

@@ -89,11 +89,12 @@ bool WriteAll(int fd, const void* buf, std::size_t n);
 // Reset the connection on close (SO_LINGER 0).
 void SetLingerZero(int fd);
 
-// While alive: SIGALRM is caught without SA_RESTART and fires once after
-// `usec`, so a blocking wait started meanwhile returns EINTR.
+// While alive: SIGALRM is caught (without SA_RESTART unless `flags` has it)
+// and fires once after `usec`, so a blocking wait started meanwhile returns
+// EINTR. The timer is disarmed and the old handler put back on destruction.
 class Alarm {
 public:
-    explicit Alarm(long usec);
+    explicit Alarm(long usec, int flags = 0);
     ~Alarm();
     Alarm(const Alarm&) = delete;
     Alarm& operator=(const Alarm&) = delete;
