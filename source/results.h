@@ -26,14 +26,10 @@ constexpr int kEndOfStream = -EPIPE;
 constexpr int kTimedOut = -ETIMEDOUT;
 // A socket group with nothing to wait for, and no time limit.
 constexpr int kNothingToWaitFor = -EBADF;
-<<<<<<< HEAD
 // A scalable group asked to watch a descriptor another member watches.
 constexpr int kDuplicateDescriptor = -EEXIST;
-// An argument out of its range (a null socket, a negative length).
-=======
 // An argument out of its range (a null socket, a negative length, a null
 // buffer with a positive length).
->>>>>>> stream
 constexpr int kBadArgument = -EINVAL;
 // Listen on a block server that already listens.
 constexpr int kAlreadyListening = -EINVAL;
