@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -62,6 +63,15 @@ void MakePair(Pair* p, bool nodelay) {
 
 void SetNonBlocking(int fd) { ::fcntl(fd, F_SETFL, O_NONBLOCK); }
 
+bool RaiseFdLimit(unsigned long n) {
+    rlimit rl{};
+    if (::getrlimit(RLIMIT_NOFILE, &rl) != 0) return false;
+    if (rl.rlim_cur == RLIM_INFINITY || rl.rlim_cur >= n) return true;
+    if (rl.rlim_max != RLIM_INFINITY && rl.rlim_max < n) return false;
+    rl.rlim_cur = n;
+    return ::setrlimit(RLIMIT_NOFILE, &rl) == 0;
+}
+
 bool ReadFull(int fd, void* buf, std::size_t n) {
     char* p = static_cast<char*>(buf);
     while (n > 0) {
@@ -89,7 +99,7 @@ bool WaitFor(int fd, bool readable) {
     fd_set set;
     FD_ZERO(&set);
     FD_SET(fd, &set);
-    timeval tv{1, 0};
+    timeval tv{10, 0};  // as long as the library stream's final time-out
     return ::select(fd + 1, readable ? &set : nullptr, readable ? nullptr : &set, nullptr, &tv) > 0;
 }
 }  // namespace

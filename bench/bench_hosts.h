@@ -3,8 +3,6 @@
 #ifndef LINNET_BENCH_BENCH_HOSTS_H
 #define LINNET_BENCH_BENCH_HOSTS_H
 
-#include <benchmark/benchmark.h>
-
 #include <cstddef>
 #include <string>
 
@@ -32,16 +30,9 @@ bool WriteFull(int fd, const void* buf, std::size_t n);
 bool SelectReadFull(int fd, void* buf, std::size_t n);
 bool SelectWriteFull(int fd, const void* buf, std::size_t n);
 
-// The "rate" counter the ratio table reads: `per_iteration` units (round
-// trips, MB, polls) per second of the benchmark's clock.
-inline void Rate(benchmark::State& state, double per_iteration = 1.0) {
-    state.counters["rate"] = benchmark::Counter(static_cast<double>(state.iterations()) * per_iteration,
-                                                benchmark::Counter::kIsRate);
-}
-
-// Records one row of the ratio table printed at the end.
-void Figure(const std::string& figure, const std::string& linnet, const std::string& baseline,
-            const std::string& unit);
+// Raises the soft RLIMIT_NOFILE to n within the hard limit: false when the
+// hard limit is below n (or the call fails).
+bool RaiseFdLimit(unsigned long n);
 
 }  // namespace bench
 

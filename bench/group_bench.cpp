@@ -2,12 +2,11 @@
 // select() over the same descriptors followed by the FD_ISSET scan; and over
 // 10,000 idle + 1 (the poll(2) path, the descriptors being above
 // FD_SETSIZE) against a bare poll() over the same descriptors and its
-// revents scan.
+// revents scan; each pair in alternating batches over the same descriptors.
 #include <benchmark/benchmark.h>
 #include <linnet/sockgroup.h>
 #include <linnet/tcpsocket.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -16,22 +15,12 @@
 #include <vector>
 
 #include "bench_hosts.h"
+#include "paired.h"
 
 namespace {
 
 const int kIdle = 1000;
 const int kManyIdle = 10000;
-
-// Room for `n` more descriptors than the usual limit: false when the hard
-// limit does not allow it.
-bool RaiseFdLimit(rlim_t n) {
-    rlimit rl;
-    if (::getrlimit(RLIMIT_NOFILE, &rl) != 0) return false;
-    if (rl.rlim_cur >= n) return true;
-    if (rl.rlim_max != RLIM_INFINITY && rl.rlim_max < n) return false;
-    rl.rlim_cur = n;
-    return ::setrlimit(RLIMIT_NOFILE, &rl) == 0;
-}
 
 // Idle UDP sockets, then the readable end of a pair. `owned` false when
 // the descriptors were handed to sockets that close them. `ok` false when
@@ -77,50 +66,56 @@ struct Members {
         raw->owned = false;
     }
     ~Members() { group.Clear(); }
-    void PollOnce(benchmark::State& state) {
+    bool PollOnce() {
         const int n = group.Poll(0, 0);
         int ready = 0;
         for (auto& m : socks) ready += m->GetState() != 0;
         benchmark::DoNotOptimize(ready);
-        if (n != 1) state.SkipWithError("expected one ready member");
+        return n == 1;
     }
 };
 
-void BM_GroupPoll_Linnet(benchmark::State& state) {
+// A bare select over the same descriptors and its FD_ISSET scan.
+bool SelectOnce(const Sockets& raw) {
+    fd_set rd;
+    FD_ZERO(&rd);
+    int largest = 0;
+    for (int fd : raw.fds) {
+        FD_SET(fd, &rd);
+        if (fd > largest) largest = fd;
+    }
+    timeval tv{0, 0};
+    const int n = ::select(largest + 1, &rd, nullptr, nullptr, &tv);
+    int ready = 0;
+    for (int fd : raw.fds) ready += FD_ISSET(fd, &rd) != 0;
+    benchmark::DoNotOptimize(ready);
+    return n == 1;
+}
+
+// A bare poll over the same descriptors and its revents scan.
+bool PollOnce(const Sockets& raw, std::vector<pollfd>* fds) {
+    for (std::size_t i = 0; i < fds->size(); ++i) (*fds)[i] = pollfd{raw.fds[i], POLLIN, 0};
+    const int n = ::poll(fds->data(), fds->size(), 0);
+    int ready = 0;
+    for (const pollfd& p : *fds) ready += p.revents != 0;
+    benchmark::DoNotOptimize(ready);
+    return n == 1;
+}
+
+void BM_GroupPoll(benchmark::State& state) {
     Sockets raw;
     if (!raw.ok || raw.fds.back() >= FD_SETSIZE) {
         state.SkipWithError("descriptors above the select limit");
         return;
     }
     Members members(&raw);
-    for (auto _ : state) members.PollOnce(state);
-    bench::Rate(state);
+    bench::Paired(state, {{"linnet", 16, bench::Timed([&members] { return members.PollOnce(); })},
+                          {"select", 16, bench::Timed([&raw] { return SelectOnce(raw); })}});
 }
-BENCHMARK(BM_GroupPoll_Linnet);
+BENCHMARK(BM_GroupPoll);
 
-void BM_GroupPoll_Select(benchmark::State& state) {
-    Sockets raw;
-    for (auto _ : state) {
-        fd_set rd;
-        FD_ZERO(&rd);
-        int largest = 0;
-        for (int fd : raw.fds) {
-            FD_SET(fd, &rd);
-            if (fd > largest) largest = fd;
-        }
-        timeval tv{0, 0};
-        const int n = ::select(largest + 1, &rd, nullptr, nullptr, &tv);
-        int ready = 0;
-        for (int fd : raw.fds) ready += FD_ISSET(fd, &rd) != 0;
-        benchmark::DoNotOptimize(ready);
-        if (n != 1) state.SkipWithError("expected one ready descriptor");
-    }
-    bench::Rate(state);
-}
-BENCHMARK(BM_GroupPoll_Select);
-
-void BM_GroupPoll10k_Linnet(benchmark::State& state) {
-    if (!RaiseFdLimit(kManyIdle + 256)) {
+void BM_GroupPoll10k(benchmark::State& state) {
+    if (!bench::RaiseFdLimit(kManyIdle + 256)) {
         state.SkipWithError("cannot raise RLIMIT_NOFILE to 10,256 descriptors");
         return;
     }
@@ -130,39 +125,16 @@ void BM_GroupPoll10k_Linnet(benchmark::State& state) {
         return;
     }
     Members members(&raw);
-    for (auto _ : state) members.PollOnce(state);
-    bench::Rate(state);
-}
-BENCHMARK(BM_GroupPoll10k_Linnet);
-
-void BM_GroupPoll10k_Poll(benchmark::State& state) {
-    if (!RaiseFdLimit(kManyIdle + 256)) {
-        state.SkipWithError("cannot raise RLIMIT_NOFILE to 10,256 descriptors");
-        return;
-    }
-    Sockets raw(kManyIdle);
-    if (!raw.ok) {
-        state.SkipWithError("cannot open 10,000 sockets");
-        return;
-    }
     std::vector<pollfd> fds(raw.fds.size());
-    for (auto _ : state) {
-        for (size_t i = 0; i < fds.size(); ++i) fds[i] = pollfd{raw.fds[i], POLLIN, 0};
-        const int n = ::poll(fds.data(), fds.size(), 0);
-        int ready = 0;
-        for (const pollfd& p : fds) ready += p.revents != 0;
-        benchmark::DoNotOptimize(ready);
-        if (n != 1) state.SkipWithError("expected one ready descriptor");
-    }
-    bench::Rate(state);
+    bench::Paired(state, {{"linnet", 4, bench::Timed([&members] { return members.PollOnce(); })},
+                          {"poll", 4, bench::Timed([&] { return PollOnce(raw, &fds); })}});
 }
-BENCHMARK(BM_GroupPoll10k_Poll);
+BENCHMARK(BM_GroupPoll10k);
 
 const bool kFigures = [] {
-    bench::Figure("group poll, 1,000 idle + 1 ready vs bare select", "BM_GroupPoll_Linnet",
-                  "BM_GroupPoll_Select", "polls/s");
-    bench::Figure("group poll, 10,000 idle + 1 ready (poll path) vs bare poll", "BM_GroupPoll10k_Linnet",
-                  "BM_GroupPoll10k_Poll", "polls/s");
+    bench::Figure("group poll, 1,000 idle + 1 ready vs bare select", "BM_GroupPoll", "linnet", "select", "polls/s");
+    bench::Figure("group poll, 10,000 idle + 1 ready (poll path) vs bare poll", "BM_GroupPoll10k", "linnet", "poll",
+                  "polls/s");
     return true;
 }();
 
