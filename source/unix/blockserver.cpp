@@ -51,7 +51,7 @@ struct Conn : Member {
     std::size_t index = 0;        // its place among the connections
     int handle = kNoHandle;       // its registration
     std::uint32_t serial = 0;     // tells it from an earlier holder of the handle
-    std::uint32_t round = 0;      // the round that served it last
+    unsigned long long round = 0;  // the round that served it last (never wraps)
     bool switchPending = false;   // compression goes on once the replies are out
     // Input may wait without readiness (decoded inside the socket, or a read
     // loop cut short): read at the next round, which then does not sleep.
@@ -87,7 +87,8 @@ public:
     std::vector<Conn*> conns_;  // owned; ending one swaps the last into its place
     DeadlineHeap deadlines_;
     long long acceptResume_ = kNoTime;  // listener left out of the wait until then
-    std::uint32_t round_ = 0, serials_ = 0;
+    unsigned long long round_ = 0;
+    std::uint32_t serials_ = 0;
     CBlockStats stats_;
 
 private:
