@@ -47,8 +47,8 @@ double Seconds(Clock::time_point since) {
 // client that asks for it (the answer to the request still goes out plain).
 struct EchoServer : CBlockServer {
     using CBlockServer::CBlockServer;
-    int OnBlock(CBlockAssembler* conn, const unsigned char* body, unsigned size) override {
-        if (conn->ReplyBlock(body, size) < 0) return -3;
+    int OnBlock(CBlockReply& reply, const unsigned char* body, unsigned size) override {
+        if (reply.ReplyBlock(body, size) < 0) return -3;
         return size == sizeof kCompressRequest && std::memcmp(body, kCompressRequest, size) == 0 ? 1 : 0;
     }
     void OnEnd(const CBlockRecord& r) override {

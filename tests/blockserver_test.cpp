@@ -1,3 +1,4 @@
+#include <linnet/blockassembler.h>
 #include <linnet/blockserver.h>
 
 #include <gtest/gtest.h>
@@ -34,12 +35,12 @@ CBlockOptions Options(unsigned max_block) {
     return o;
 }
 
-// Every block the assembler yields now, as strings.
-std::vector<std::string> Drain(CBlockAssembler& a, long long now, int* last) {
+// Every block the assembler yields now, as strings; *last: what ended the
+// run (kNeedMore, or kEnd with the reason).
+std::vector<std::string> Drain(CBlockAssembler& a, long long now, CBlockNext* last) {
     std::vector<std::string> out;
-    const unsigned char* body = nullptr;
-    unsigned size = 0;
-    while ((*last = a.Next(&body, &size, now)) == 1) out.emplace_back(reinterpret_cast<const char*>(body), size);
+    while ((*last = a.Next(now)).kind == CBlockNext::kBlock)
+        out.emplace_back(reinterpret_cast<const char*>(last->body), last->size);
     return out;
 }
 
@@ -62,7 +63,7 @@ TEST(BlockAssembler, YieldsEveryBlockWhateverTheCutsOfTheByteStream) {
         a.Reset(0);
         std::vector<std::string> got;
         std::size_t at = 0;
-        int last = 0;
+        CBlockNext last;
         std::vector<std::size_t> pieces = row.cuts;
         pieces.push_back(wire.size());
         for (std::size_t piece : pieces) {
@@ -70,7 +71,7 @@ TEST(BlockAssembler, YieldsEveryBlockWhateverTheCutsOfTheByteStream) {
             EXPECT_EQ(static_cast<int>(n), a.Feed(wire.data() + at, static_cast<int>(n), 0)) << row.name;
             at += n;
             for (const std::string& b : Drain(a, 0, &last)) got.push_back(b);
-            EXPECT_EQ(0, last) << row.name;
+            EXPECT_EQ(CBlockNext::kNeedMore, last.kind) << row.name;
         }
         EXPECT_EQ(bodies, got) << row.name;
         EXPECT_EQ(0, a.QueuedInput()) << row.name;
@@ -81,14 +82,18 @@ TEST(BlockAssembler, YieldsEveryBlockWhateverTheCutsOfTheByteStream) {
 TEST(BlockAssembler, RefusesALengthAboveTheLimitBeforeTakingItsBody) {
     const struct {
         std::uint32_t length;
-        int next;  // first Next after the header
-    } rows[] = {{4096, 0}, {4097, -2}, {0xffffffffu, -2}, {0x80000000u, -2}};
+        CBlockNext::Kind next;  // first Next after the header
+    } rows[] = {{4096, CBlockNext::kNeedMore}, {4097, CBlockNext::kEnd}, {0xffffffffu, CBlockNext::kEnd},
+                {0x80000000u, CBlockNext::kEnd}};
     for (const auto& row : rows) {
         CBlockAssembler a(Options(4096));
         a.Reset(0);
         EXPECT_EQ(4, a.Feed(&row.length, 4, 0));
-        EXPECT_EQ(row.next, a.Next(nullptr, nullptr, 0)) << row.length;
-        EXPECT_EQ(row.next, a.Next(nullptr, nullptr, 0)) << row.length << ": the answer stays";
+        for (const char* when : {"first", "again: the answer stays"}) {
+            const CBlockNext n = a.Next(0);
+            EXPECT_EQ(row.next, n.kind) << row.length << ", " << when;
+            EXPECT_EQ(BlockEnd::kTooBig, n.kind == CBlockNext::kEnd ? n.end : BlockEnd::kTooBig) << row.length;
+        }
         EXPECT_EQ(0, a.QueuedInput()) << row.length << ": nothing held for the body";
     }
 }
@@ -109,7 +114,7 @@ TEST(BlockAssembler, TellsWhereAPeersCloseCutTheStream) {
         CBlockAssembler a(Options(100));
         a.Reset(0);
         EXPECT_EQ(static_cast<int>(row.fed.size()), a.Feed(row.fed.data(), static_cast<int>(row.fed.size()), 0));
-        int last = 0;
+        CBlockNext last;
         Drain(a, 0, &last);
         EXPECT_STREQ(BlockEndName(row.end), BlockEndName(a.EndOnClose())) << row.fed.size();
     }
@@ -144,7 +149,8 @@ TEST(BlockAssembler, TakesAQueuedSocketsChunksAndItsCloseMarker) {
     CBlockAssembler a(Options(4096));
     a.Reset(0);
     std::vector<std::string> got;
-    int last = 0, taken = 0, status = 0;
+    CBlockNext last;
+    int taken = 0, status = 0;
     for (int i = 0; i < 100 && taken < static_cast<int>(wire.size()); ++i) {
         if (q.Poll(POLL_READ, 1, 0) == POLL_READ) q.Process(POLL_READ, &status);
         const int r = a.TakeQueued(&q, status, 0);
@@ -209,7 +215,7 @@ TEST(BlockAssembler, KeepsTheBlockIdleAndStalledReaderDeadlines) {
     EXPECT_EQ(1, a.Expired(6001, &why));
     EXPECT_EQ(BlockEnd::kDeadline, why);
     EXPECT_EQ(5, a.Feed("\x00\x00xyz", 5, 5500));
-    int last = 0;
+    CBlockNext last;
     EXPECT_EQ(1u, Drain(a, 5500, &last).size());
     EXPECT_EQ(0, a.Expired(6001, &why)) << "the block came whole in time";
 
@@ -232,10 +238,10 @@ TEST(BlockAssembler, KeepsTheBlockIdleAndStalledReaderDeadlines) {
 // connection.
 struct SwitchingServer : CBlockServer {
     using CBlockServer::CBlockServer;
-    int OnBlock(CBlockAssembler* conn, const unsigned char* body, unsigned size) override {
+    int OnBlock(CBlockReply& reply, const unsigned char* body, unsigned size) override {
         const std::string b(reinterpret_cast<const char*>(body), std::min(size, 8u));
         if (b == "refuse" && size == 6) return -1;
-        const int r = answer.empty() ? conn->ReplyBlock(body, size) : conn->Reply(answer.data(), static_cast<int>(answer.size()));
+        const int r = answer.empty() ? reply.ReplyBlock(body, size) : reply.Reply(answer.data(), static_cast<int>(answer.size()));
         if (r < 0) return -3;
         ++answered;
         return b == "zlib" && size == 4 ? 1 : 0;
@@ -459,29 +465,41 @@ TEST(BlockServer, EndsTheConnectionOfABlockTheHostRefuses) {
 }
 
 TEST(BlockServer, ARoundEndsAtTheNextDeadlineOrASignalNotAtTheWaitAsked) {
-    CBlockOptions o;
-    o.idleMs = 200;
-    SwitchingServer server(o);
-    ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
-    testnet::Fd silent = testnet::Dial(server.Port());
-    for (int i = 0; i < 100 && server.Connections() == 0; ++i) server.RunOnce(10);
-    ASSERT_EQ(1u, server.Connections());
+    const struct {
+        int idle_ms, deadline_ms;
+        std::string sent;
+        BlockEnd end;
+    } rows[] = {
+        {200, 10000, "", BlockEnd::kIdle},
+        {10000, 200, std::string("\x05\x00", 2), BlockEnd::kDeadline},  // due before the idle clock's 10 s
+    };
+    for (const auto& row : rows) {
+        CBlockOptions o;
+        o.idleMs = row.idle_ms;
+        o.deadlineMs = row.deadline_ms;
+        SwitchingServer server(o);
+        ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
+        testnet::Fd peer = testnet::Dial(server.Port());
+        for (int i = 0; i < 100 && server.Connections() == 0; ++i) server.RunOnce(10);
+        ASSERT_EQ(1u, server.Connections());
+        const auto start = std::chrono::steady_clock::now();
+        ASSERT_TRUE(testnet::WriteAll(peer.get(), row.sent.data(), row.sent.size()));
+        for (int i = 0; i < 5 && server.ended.empty(); ++i) server.RunOnce(10000);  // 200 ms ends it
+        const double ended_s = testnet::SecondsSince(start);
+        ASSERT_EQ(1u, server.ended.size());
+        EXPECT_EQ(row.end, server.ended[0]);
+        EXPECT_LT(ended_s, 2.0) << BlockEndName(row.end) << ": the round waited for the deadline, not for 10 s";
+        if (row.end != BlockEnd::kIdle) continue;
 
-    auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < 5 && server.ended.empty(); ++i) server.RunOnce(10000);  // idle ends it at 200 ms
-    const double idle_s = testnet::SecondsSince(start);
-    ASSERT_EQ(1u, server.ended.size());
-    EXPECT_EQ(BlockEnd::kIdle, server.ended[0]);
-    EXPECT_LT(idle_s, 2.0) << "the round waited for the deadline, not for 10 s";
-
-    start = std::chrono::steady_clock::now();
-    int r = -1;
-    {
-        testnet::Alarm alarm(200000);
-        r = server.RunOnce(8000);  // nothing due: only the signal ends the wait
+        const auto signalled = std::chrono::steady_clock::now();
+        int r = -1;
+        {
+            testnet::Alarm alarm(200000);
+            r = server.RunOnce(8000);  // nothing due: only the signal ends the wait
+        }
+        EXPECT_EQ(0, r) << "an interrupted wait is an empty round";
+        EXPECT_LT(testnet::SecondsSince(signalled), 4.0);
     }
-    EXPECT_EQ(0, r) << "an interrupted wait is an empty round";
-    EXPECT_LT(testnet::SecondsSince(start), 4.0);
 }
 
 TEST(BlockServer, AnswersEveryBlockOfABurstThatOutrunsItsReplies) {
@@ -504,6 +522,7 @@ TEST(BlockServer, AnswersEveryBlockOfABurstThatOutrunsItsReplies) {
             const std::string name = std::string(row.name) + (compress ? ", compressed" : ", plain");
             CBlockOptions o = Options(row.max_block);
             o.compress = compress;
+            o.idleMs = 0, o.deadlineMs = 60000;  // no deadline's visit may read what was left unread
             SwitchingServer server(o);
             ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
             ServerThread running(&server);

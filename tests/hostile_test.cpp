@@ -34,13 +34,13 @@ std::string Header(std::uint32_t length) { return std::string(reinterpret_cast<c
 // have sent a block.
 struct RecordingServer : CBlockServer {
     using CBlockServer::CBlockServer;
-    int OnBlock(CBlockAssembler* conn, const unsigned char* body, unsigned size) override {
-        talked.insert(conn);
-        return CBlockServer::OnBlock(conn, body, size);
+    int OnBlock(CBlockReply& reply, const unsigned char* body, unsigned size) override {
+        talked.insert(&reply);  // one per connection
+        return CBlockServer::OnBlock(reply, body, size);
     }
     void OnEnd(const CBlockRecord& r) override { ended.push_back(r); }
     std::vector<CBlockRecord> ended;
-    std::set<const CBlockAssembler*> talked;
+    std::set<const CBlockReply*> talked;
 };
 
 // Runs `f` when the scope ends, a failed ASSERT's return included.

@@ -1,7 +1,9 @@
 // Load on the library's block server (linnet/blockserver.h): a forked child
 // drives many concurrent echo clients (support/echo_clients.h, blocks of 0
 // to 2 KiB, every echo checked); the server, in this process, must echo
-// every block, lose none and keep its memory bounded. Then the server runs
+// every block, lose none and keep its memory bounded. One busy client must
+// be served about as fast among 10,000 idle connections as among 1,000,
+// and every idle one, low descriptor or high, still answered. Then the server runs
 // out of descriptors: it must not spin, and must serve again once some are
 // free. LINNET_TEST_SCALE divides the connection counts (at least 50) and
 // widens the time bound.
@@ -14,6 +16,7 @@
 #include <sys/wait.h>
 
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 
@@ -23,15 +26,20 @@ namespace {
 
 using testnet::MsSince;
 
+struct ClientReport {  // plain data: it crosses a pipe
+    testnet::EchoTally echo;
+    long busy_echoes = 0, busy_ms = 0;  // one busy connection's round trips, and their time
+};
+
 struct Figures {
-    testnet::EchoTally client;
+    ClientReport client;
     CBlockStats server;
     long ms = 0, rss_before = 0, rss_peak = 0;
     long long peak_queued = 0;
 };
 
-// Serves n connections from a child that sends new blocks for 3 s.
-Figures RunLoad(unsigned n) {
+// Serves the connections `clients` makes from a forked child.
+Figures RunLoad(const std::function<ClientReport(unsigned short port)>& clients) {
     Figures f;
     f.rss_before = f.rss_peak = testnet::ResidentKb();
     CBlockOptions o;
@@ -43,8 +51,7 @@ Figures RunLoad(unsigned n) {
     const testnet::Clock::time_point start = testnet::Clock::now();
     const pid_t pid = ::fork();
     if (pid == 0) {  // the client process: no test assertions here
-        const testnet::EchoTally r =
-            testnet::DriveEchoClients(server.Port(), n, 2048, [&] { return MsSince(start) < 3000; });
+        const ClientReport r = clients(server.Port());
         ::_exit(::write(to_parent.get(), &r, sizeof r) == static_cast<ssize_t>(sizeof r) ? 0 : 1);
     }
     to_parent.reset();
@@ -61,13 +68,23 @@ Figures RunLoad(unsigned n) {
     if (!child_done) ::kill(pid, SIGKILL), ::waitpid(pid, nullptr, 0);  // a stuck child is reaped
     f.ms = MsSince(start);
     if (::read(from_child.get(), &f.client, sizeof f.client) != static_cast<ssize_t>(sizeof f.client))
-        f.client = testnet::EchoTally();
+        f.client = ClientReport();
     f.server = server.GetStats();
     return f;
 }
 
+// n connections that send new blocks for 3 s.
+Figures RunEchoLoad(unsigned n) {
+    return RunLoad([n](unsigned short port) {
+        const auto start = testnet::Clock::now();
+        ClientReport r;
+        r.echo = testnet::DriveEchoClients(port, n, 2048, [&] { return MsSince(start) < 3000; });
+        return r;
+    });
+}
+
 void Check(unsigned n, const Figures& f) {
-    const testnet::EchoTally& c = f.client;
+    const testnet::EchoTally& c = f.client.echo;
     const auto& s = f.server;
     std::printf("\n%u connections (server peak %zu, highest fd %d), %ld ms: blocks sent %ld, echoed %ld "
                 "(server %llu, %llu bytes), corrupt %ld, lost %ld, worst round trip %ld ms; failed %ld, "
@@ -97,7 +114,7 @@ unsigned Scaled(unsigned n) { return std::max(50u, n / static_cast<unsigned>(tes
 TEST(BlockServerLoad, HoldsOneThousandConnectionsEchoingEveryBlockIntact) {
     const unsigned n = Scaled(1000);
     if (!testnet::RaiseFdLimit(n + 256)) GTEST_SKIP() << "cannot raise the descriptor limit to " << n + 256;
-    Check(n, RunLoad(n));
+    Check(n, RunEchoLoad(n));
 }
 
 TEST(BlockServerLoad, ServesTwoThousandConnectionsAboveTheSelectLimit) {
@@ -111,9 +128,75 @@ TEST(BlockServerLoad, ServesTwoThousandConnectionsAboveTheSelectLimit) {
         filler.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
         if (filler.back().get() < 0 || filler.back().get() >= FD_SETSIZE - 1) break;
     }
-    const Figures f = RunLoad(n);
+    const Figures f = RunEchoLoad(n);
     Check(n, f);
     EXPECT_GE(f.server.maxFd, FD_SETSIZE + static_cast<int>(n) - 1) << "every connection above the select limit";
+}
+
+// `idle` silent connections, then one busy one echoing for 2 s, then one
+// block echoed on every silent one (the first made hold the server's low
+// descriptors, the last its high ones).
+ClientReport IdleAndBusy(unsigned short port, unsigned idle) {
+    ClientReport r;
+    std::vector<testnet::Fd> quiet;
+    for (unsigned i = 0; i < idle; ++i) {
+        try {
+            quiet.push_back(testnet::Dial(port));
+        } catch (...) {
+            ++r.echo.failed;
+        }
+    }
+    r.echo.connected = static_cast<long>(quiet.size());
+    const auto start = testnet::Clock::now();
+    const testnet::EchoTally busy = testnet::DriveEchoClients(port, 1, 2048, [&] { return MsSince(start) < 2000; });
+    r.busy_echoes = busy.echoed;
+    r.busy_ms = MsSince(start);
+    r.echo.failed += busy.failed + busy.corrupt + busy.lost;
+    auto block = [](int fd) {  // 8 bytes of body that name the connection
+        const std::uint32_t size = 8;
+        return std::string(reinterpret_cast<const char*>(&size), 4) + std::to_string(10000000 + fd);
+    };
+    for (testnet::Fd& fd : quiet)  // all at once, then every echo checked
+        r.echo.sent += testnet::WriteAll(fd.get(), block(fd.get()).data(), 12);
+    for (testnet::Fd& fd : quiet) {
+        std::string echo(12, '\0');
+        const bool got = testnet::ReadAll(fd.get(), &echo[0], echo.size());
+        r.echo.echoed += got;
+        r.echo.corrupt += got && echo != block(fd.get());
+    }
+    return r;
+}
+
+TEST(BlockServerLoad, OneBusyAmongTenThousandIdleIsServedNearlyAsFastAsAmongOneThousand) {
+    const unsigned most = 10000 / static_cast<unsigned>(testnet::Scale());
+    if (!testnet::RaiseFdLimit(most + 256))
+        GTEST_SKIP() << "cannot raise the descriptor limit to " << most + 256 << " (RLIMIT_NOFILE hard limit)";
+    ASSERT_LT(testnet::CountOpenFds(), 900) << "the first connections must land below 1024";
+    double rate[2] = {0, 0};
+    for (int big = 0; big < 2; ++big) {
+        const unsigned idle = big ? most : most / 10;
+        const Figures f = RunLoad([idle](unsigned short port) { return IdleAndBusy(port, idle); });
+        const ClientReport& c = f.client;
+        rate[big] = c.busy_echoes * 1000.0 / std::max(1L, c.busy_ms);
+        std::printf("\none busy among %u idle: %.0f round trips/s; %ld of %ld silent ones echoed (%ld corrupt, "
+                    "%ld failed); server: %zu at most, highest fd %d\n",
+                    idle, rate[big], c.echo.echoed, c.echo.connected, c.echo.corrupt, c.echo.failed,
+                    f.server.peakConnections, f.server.maxFd);
+        EXPECT_EQ(static_cast<long>(idle), c.echo.connected);
+        EXPECT_EQ(c.echo.connected, c.echo.sent);
+        EXPECT_EQ(c.echo.connected, c.echo.echoed);
+        EXPECT_EQ(0, c.echo.corrupt);
+        EXPECT_EQ(0, c.echo.failed);
+        EXPECT_GT(c.busy_echoes, 0);
+        EXPECT_EQ(idle + 1, f.server.ended[static_cast<int>(BlockEnd::kClosed)]) << "all closed by the clients";
+        EXPECT_EQ(static_cast<unsigned long long>(idle + c.busy_echoes), f.server.blocks);
+        if (big) {
+            EXPECT_GE(f.server.maxFd, static_cast<int>(most)) << "low and high descriptors in one server";
+        }
+    }
+    // No test asserts speed tightly: this only catches a round that walks
+    // every connection (ten times the connections, a tenth of the rate).
+    EXPECT_GT(rate[1] * 10, rate[0]);
 }
 
 // The descriptor limit that leaves exactly `free` numbers unused below it

@@ -15,6 +15,7 @@
 #include <linnet/compress.h>
 #include <linnet/netif.h>
 #include <linnet/routing.h>
+#include <linnet/blockassembler.h>
 #include <linnet/blockserver.h>
 #include <linnet/version.h>
 

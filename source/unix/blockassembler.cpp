@@ -1,4 +1,4 @@
-#include <linnet/blockserver.h>
+#include <linnet/blockassembler.h>
 
 #include <time.h>
 
@@ -178,29 +178,44 @@ int CBlockAssembler::Feed(const void* data, int len, long long now) {
     return len;
 }
 
-int CBlockAssembler::Next(const unsigned char** body, unsigned* size, long long now) {
-    if (refused_) return result::kStep2;
+CBlockNext CBlockAssembler::Next(long long now) {
+    CBlockNext n;
+    if (refused_) {
+        n.kind = CBlockNext::kEnd;
+        n.end = BlockEnd::kTooBig;
+        return n;
+    }
     if (inStart_ == inEnd_ && inCap_ > 2LL * options_.readSize) {  // all taken: give back a long block's room
         std::free(in_);
         in_ = nullptr;
         inCap_ = inStart_ = inEnd_ = 0;
     }
     if (!haveHeader_) {
-        if (inEnd_ - inStart_ < 4) return 0;
+        if (inEnd_ - inStart_ < 4) return n;
         std::memcpy(&length_, in_ + inStart_, 4);
         inStart_ += 4;
         if (length_ > options_.maxBlock) {  // refused before anything is allocated for it
             refused_ = true;
-            return result::kStep2;
+            return Next(now);
         }
         haveHeader_ = true;
     }
-    if (static_cast<unsigned>(inEnd_ - inStart_) < length_) return 0;
-    if (body != nullptr) *body = in_ + inStart_;
-    if (size != nullptr) *size = length_;
+    if (static_cast<unsigned>(inEnd_ - inStart_) < length_) return n;
+    n.kind = CBlockNext::kBlock;
+    n.body = in_ + inStart_;
+    n.size = length_;
     inStart_ += static_cast<int>(length_);
     haveHeader_ = false;
     if (inStart_ < inEnd_) blockStart_ = now;  // the next block is under way
+    return n;
+}
+
+int CBlockAssembler::Next(const unsigned char** body, unsigned* size, long long now) {
+    const CBlockNext n = Next(now);
+    if (n.kind == CBlockNext::kEnd) return result::kStep2;
+    if (n.kind == CBlockNext::kNeedMore) return 0;
+    if (body != nullptr) *body = n.body;
+    if (size != nullptr) *size = n.size;
     return 1;
 }
 

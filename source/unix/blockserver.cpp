@@ -1,119 +1,174 @@
 #include <linnet/blockserver.h>
 
+#include <cstdint>
 #include <new>
+#include <vector>
 
 #include "logger/log.h"
 #include "results.h"
 #include "sockops.h"
+#include "unix/deadlineheap.h"
 #include "unix/peek.h"
+#include "wait/epoll_engine.h"
 
 static const char kLogFile[] = "source/unix/blockserver";
 
 namespace result = linnet::result;
 using linnet::kNoTime;
 using linnet::peek::Socket;
+using linnet::server::DeadlineHeap;
+using linnet::wait::EpollEngine;
 
 namespace {
 
 const int kAcceptsPerRound = 64;     // keeps one round short under a connect storm
 const int kReadsPerRound = 8;        // per connection: the others get their turn
 const int kAcceptPauseMs = 100;      // listener left out after EMFILE and the like
+const std::size_t kHeapSlack = 256;  // stale deadline entries tolerated beyond 2 per connection
+const int kNoHandle = linnet::kNoFd;
 
 bool OutOfDescriptors(int code) {
     return code == result::kTooManyFiles || code == result::kFileTableFull ||
            code == result::kNoBuffers || code == result::kNoMemory;
 }
 
-}  // namespace
+// What a registration's token points at: the listener's socket or a
+// connection's.
+struct Member {
+    NonBlockSocket* socket;
+};
 
 // One connection. With compression off a CompressedTCPSocket is a plain
 // TCPSocket, so every connection can be switched later.
-struct CBlockServer::Conn {
-    explicit Conn(const CBlockOptions& o) : a(o) {}
+struct Conn : Member {
+    explicit Conn(const CBlockOptions& o) : Member{&sock}, a(o), reply(&a) {}
     CompressedTCPSocket sock;
     CBlockAssembler a;
+    CBlockReply reply;
     CBlockRecord rec;
     long long accepted = 0;
-    bool switchPending = false;  // compression goes on once the replies are out
-    bool hot = false;            // decoded input may wait inside the socket
-    bool resume = false;         // reading paused while it may: read again once it resumes
+    long long timerAt = kNoTime;  // when its current deadline entry falls due; kNoTime: none
+    std::size_t index = 0;        // its place among the connections
+    int handle = kNoHandle;       // its registration
+    std::uint32_t serial = 0;     // tells it from an earlier holder of the handle
+    unsigned long long round = 0;  // the round that served it last (never wraps)
+    bool switchPending = false;   // compression goes on once the replies are out
+    // Input may wait without readiness (decoded inside the socket, or a read
+    // loop cut short): read at the next round, which then does not sleep.
+    bool hot = false;
+    bool resume = false;          // reading paused while it may: read again once it resumes
 };
 
-CBlockServer::CBlockServer(const CBlockOptions& options) : options_(options) {}
+Conn* ConnOf(void* token) { return static_cast<Conn*>(static_cast<Member*>(token)); }
 
-CBlockServer::~CBlockServer() {
+// Asked by the engine before a wait, for connections only (the listener
+// is registered without a probe).
+int Held(void* token, int asked) { return ConnOf(token)->hot ? asked & POLL_READ : 0; }
+
+int FdOf(void* token) { return Socket::Fd(*static_cast<Member*>(token)->socket); }
+
+}  // namespace
+
+class __attribute__((visibility("hidden"))) CBlockServer::Impl {
+public:
+    Impl(CBlockServer* owner, const CBlockOptions& options)
+        : owner_(owner), options_(options), engine_(EpollEngine::Hooks{&Held, &FdOf}), listenerMember_{&listener_} {}
+    ~Impl();
+
+    int Listen(unsigned ip, unsigned short port, int backlog);
+    int Round(int waitMs);
+
+    CBlockServer* owner_;
+    CBlockOptions options_;
+    EpollEngine engine_;
+    TCPSocket listener_;
+    Member listenerMember_;
+    int listenerHandle_ = kNoHandle;
+    std::vector<Conn*> conns_;  // owned; ending one swaps the last into its place
+    DeadlineHeap deadlines_;
+    long long acceptResume_ = kNoTime;  // listener left out of the wait until then
+    unsigned long long round_ = 0;
+    std::uint32_t serials_ = 0;
+    CBlockStats stats_;
+
+private:
+    void Accept(long long now);
+    bool Adopt(Conn* c, int fd);
+    void PauseAccept(long long now, int code);
+    void Visit(Conn& c, int bits, long long now);
+    bool Serve(Conn& c, int bits, long long now, BlockEnd* why);
+    bool Dispatch(Conn& c, long long now, BlockEnd* why);
+    void Finish(Conn& c, BlockEnd why, long long now);
+    bool Arm(Conn& c);
+    Conn* Current(const DeadlineHeap::Entry& e) const;
+    long long NextDeadline();
+    void Due(long long now);
+};
+
+CBlockServer::Impl::~Impl() {
+    engine_.clear();  // every registration ends with the instance: no call per connection
     for (Conn* c : conns_) {
-        group_.Remove(&c->sock);
         linnet::sys::set_close_now(Socket::Fd(c->sock), false);
         c->sock.Close();  // closed first: the destructor's final flush then cannot wait
         delete c;
     }
-    group_.Clear();
     listener_.Close();
 }
 
-int CBlockServer::Listen(unsigned ip, unsigned short port, int backlog) {
+int CBlockServer::Impl::Listen(unsigned ip, unsigned short port, int backlog) {
     if (listener_.GetInitState() & INIT_LISTENING) return result::kAlreadyListening;
     int r = listener_.Open();
     if (r == 0) r = listener_.Bind(ip, port);
     if (r == 0) r = listener_.Listen(backlog);
-    if (r == 0) r = group_.Add(&listener_, POLL_READ) == 0 ? 0 : result::kBadArgument;
+    if (r == 0) {
+        listenerHandle_ = engine_.add(Socket::Fd(listener_), POLL_READ, &listenerMember_, false);
+        if (listenerHandle_ < 0) r = listenerHandle_;
+    }
     if (r != 0) {
-        group_.Remove(&listener_);
+        listenerHandle_ = kNoHandle;
         listener_.Close();
     }
     return r;
 }
 
-unsigned short CBlockServer::Port() const {
-    const int fd = Socket::Fd(listener_);
-    return fd >= 0 ? linnet::sys::local_port(fd) : 0;
-}
-
-long long CBlockServer::QueuedBytes() const {
-    long long total = 0;
-    for (const Conn* c : conns_) total += c->a.QueuedInput() + c->a.QueuedOutput();
-    return total;
-}
-
-int CBlockServer::RunOnce(int waitMs) {
+int CBlockServer::Impl::Round(int waitMs) {
     long long now = CBlockAssembler::NowMs();
-    if (acceptResume_ >= 0 && now >= acceptResume_) {
-        listener_.SetEvents(POLL_READ);
-        acceptResume_ = kNoTime;
+    if (acceptResume_ != kNoTime && now >= acceptResume_) {
+        if (engine_.change(listenerHandle_, POLL_READ) == 0)
+            acceptResume_ = kNoTime;
+        else
+            acceptResume_ = now + kAcceptPauseMs;
     }
+    if (engine_.size() == 0) return 0;  // not listening: nothing can come
     long long wait = waitMs < 0 ? kNoTime : waitMs;
-    const long long timers[] = {acceptResume_, nextDeadline_};
+    const long long timers[] = {acceptResume_, NextDeadline()};
     for (long long t : timers)
-        if (t >= 0 && (wait < 0 || t - now < wait)) wait = t > now ? t - now : 0;
-    if (hot_) wait = 0;
-    const int r = wait < 0 ? group_.Poll(linnet::kWaitForever, 0)
-                           : group_.Poll(static_cast<int>(wait / 1000), static_cast<int>(wait % 1000) * 1000);
+        if (t != kNoTime && (wait == kNoTime || t - now < wait)) wait = t > now ? t - now : 0;
+    const int r = engine_.wait(wait == kNoTime ? kNoTime : wait * 1000, true);  // a signal ends the round
+    if (r == linnet::sys::kNothingToWaitFor) return result::kNothingToWaitFor;
+    if (r < 0) return r;
     now = CBlockAssembler::NowMs();
-    if (acceptResume_ < 0 && (listener_.GetState() & POLL_READ)) Accept(now);
-    hot_ = false;
-    nextDeadline_ = kNoTime;
-    for (std::size_t i = 0; i < conns_.size();) {
-        BlockEnd why = BlockEnd::kClosed;
-        if (Serve(*conns_[i], now, &why)) ++i;
-        else Finish(i, why, now);
+    ++round_;
+    EpollEngine::Ready ready;
+    while (engine_.next(&ready)) {
+        if (ready.token == &listenerMember_) {
+            if (acceptResume_ == kNoTime) Accept(now);
+        } else {
+            Visit(*ConnOf(ready.token), ready.bits, now);
+        }
     }
+    Due(now);
     return r;
 }
 
-void CBlockServer::Accept(long long now) {
+void CBlockServer::Impl::Accept(long long now) {
     for (int i = 0; i < kAcceptsPerRound; ++i) {
         unsigned ip = 0;
         unsigned short port = 0;
         const int fd = listener_.Accept(&ip, &port);
         if (fd == result::kTryLater) break;
         if (OutOfDescriptors(fd)) {
-            // The listener stays readable while the backlog waits: polling it
-            // now would spin. Left out for a while, it is tried again then.
-            listener_.SetEvents(0);
-            acceptResume_ = now + kAcceptPauseMs;
-            ++stats_.acceptPauses;
-            LOG_FORMAT("RunOnce", 4, "accept failed (%d), listener paused for %d ms", fd, kAcceptPauseMs);
+            PauseAccept(now, fd);
             break;
         }
         if (fd < 0) continue;  // the peer gave up before we took it, or similar
@@ -131,23 +186,55 @@ void CBlockServer::Accept(long long now) {
         c->rec.peerPort = port;
         c->accepted = now;
         c->a.Reset(now);
-        try {
-            conns_.push_back(c);
-        } catch (...) {  // no memory for one more pointer: refuse this peer
+        if (!Adopt(c, fd)) {  // no memory to keep or watch it: this peer is refused
             linnet::sys::set_close_now(fd, true);
             delete c;  // closes the descriptor
+            PauseAccept(now, result::kNoMemory);
             break;
         }
-        group_.Add(&c->sock, POLL_READ);
         if (fd > stats_.maxFd) stats_.maxFd = fd;
         ++stats_.accepted;
     }
     if (conns_.size() > stats_.peakConnections) stats_.peakConnections = conns_.size();
 }
 
-bool CBlockServer::Serve(Conn& c, long long now, BlockEnd* why) {
+// Registers c, stores it and sets its first deadline; on failure nothing
+// of it is left behind.
+bool CBlockServer::Impl::Adopt(Conn* c, int fd) {
+    c->serial = ++serials_;
+    c->handle = engine_.add(fd, POLL_READ, static_cast<Member*>(c), true);
+    if (c->handle < 0) return false;
+    try {
+        conns_.push_back(c);
+    } catch (...) {
+        engine_.remove(c->handle);
+        return false;
+    }
+    c->index = conns_.size() - 1;
+    if (Arm(*c)) return true;
+    conns_.pop_back();
+    engine_.remove(c->handle);
+    return false;
+}
+
+void CBlockServer::Impl::PauseAccept(long long now, int code) {
+    // The listener stays readable while the backlog waits: waiting on it
+    // now would spin. Left out for a while, it is tried again then.
+    engine_.change(listenerHandle_, 0);
+    acceptResume_ = now + kAcceptPauseMs;
+    ++stats_.acceptPauses;
+    LOG_FORMAT("RunOnce", 4, "accept failed (%d), listener paused for %d ms", code, kAcceptPauseMs);
+}
+
+void CBlockServer::Impl::Visit(Conn& c, int bits, long long now) {
+    c.round = round_;
+    BlockEnd why = BlockEnd::kClosed;
+    if (!Serve(c, bits, now, &why)) Finish(c, why, now);
+}
+
+bool CBlockServer::Impl::Serve(Conn& c, int bits, long long now, BlockEnd* why) {
     CBlockAssembler& a = c.a;
-    int ready = c.sock.GetState() & (POLL_READ | POLL_WRITE);
+    int ready = bits;
     if (c.hot) ready |= POLL_READ;
     c.hot = false;
     const int outBefore = a.QueuedOutput();
@@ -170,9 +257,10 @@ bool CBlockServer::Serve(Conn& c, long long now, BlockEnd* why) {
                 c.resume = true;
                 break;
             }
-            if (k == kReadsPerRound - 1) c.hot = hot_ = true;
+            if (k == kReadsPerRound - 1) c.hot = true;
         }
     }
+    // Written at once: writability is asked for only when this falls short.
     const bool send = (ready & POLL_WRITE) || a.QueuedOutput() > outBefore || a.InputEnded();
     if (send && a.Pending() && a.Send(&c.sock, now) < 0) {
         *why = BlockEnd::kSendFailed;
@@ -189,37 +277,39 @@ bool CBlockServer::Serve(Conn& c, long long now, BlockEnd* why) {
         }
         c.sock.SwitchCompression(1);
         c.switchPending = false;
-        c.hot = hot_ = true;  // read what came while switching
+        c.hot = true;  // read what came while switching
     }
     const int queued = a.QueuedInput() + a.QueuedOutput();
     if (queued > c.rec.peakQueued) c.rec.peakQueued = queued;
     if (a.Expired(now, why)) return false;
-    // Reading resumes: the socket may hold decoded input that no poll shows,
-    // so it is read at once.
+    // Reading resumes: the socket may hold decoded input that no wait
+    // shows, so it is read at once.
     if (c.resume && (a.Wanted() & POLL_READ)) {
         c.resume = false;
-        c.hot = hot_ = true;
+        c.hot = true;
     }
-    c.sock.SetEvents(a.Wanted() & (c.switchPending ? POLL_WRITE : POLL_READ | POLL_WRITE));
-    const long long t = a.NextDeadline();
-    if (t >= 0 && (nextDeadline_ < 0 || t < nextDeadline_)) nextDeadline_ = t;
+    // No system call unless the events change.
+    const int events = a.Wanted() & (c.switchPending ? POLL_WRITE : POLL_READ | POLL_WRITE);
+    if (engine_.change(c.handle, events) < 0 || !Arm(c)) {
+        *why = BlockEnd::kNoMemory;
+        return false;
+    }
+    if (c.hot) engine_.mark_held(c.handle);
     return true;
 }
 
-bool CBlockServer::Dispatch(Conn& c, long long now, BlockEnd* why) {
+bool CBlockServer::Impl::Dispatch(Conn& c, long long now, BlockEnd* why) {
     for (;;) {
-        const unsigned char* body = nullptr;
-        unsigned size = 0;
-        const int r = c.a.Next(&body, &size, now);
-        if (r == 0) return true;
-        if (r < 0) {
-            *why = BlockEnd::kTooBig;
+        const CBlockNext n = c.a.Next(now);
+        if (n.kind == CBlockNext::kNeedMore) return true;
+        if (n.kind == CBlockNext::kEnd) {
+            *why = n.end;
             return false;
         }
-        const int h = OnBlock(&c.a, body, size);
+        const int h = owner_->OnBlock(c.reply, n.body, n.size);
         ++c.rec.blocks;
         ++stats_.blocks;
-        stats_.bytes += size;
+        stats_.bytes += n.size;
         if (h < 0) {
             *why = h == result::kStep3 ? BlockEnd::kNoMemory : BlockEnd::kRefused;
             return false;
@@ -231,28 +321,98 @@ bool CBlockServer::Dispatch(Conn& c, long long now, BlockEnd* why) {
     }
 }
 
-void CBlockServer::Finish(std::size_t index, BlockEnd why, long long now) {
-    Conn* c = conns_[index];
-    group_.Remove(&c->sock);
-    c->rec.end = why;
-    c->rec.heldMs = static_cast<long>(now - c->accepted);
+void CBlockServer::Impl::Finish(Conn& c, BlockEnd why, long long now) {
+    engine_.remove(c.handle);  // before the descriptor is closed
+    c.rec.end = why;
+    c.rec.heldMs = static_cast<long>(now - c.accepted);
     ++stats_.ended[static_cast<int>(why)];
-    LOG_FORMAT("RunOnce", 11, "connection fd_ %d ended: %s", Socket::Fd(c->sock), BlockEndName(why));
-    OnEnd(c->rec);
+    LOG_FORMAT("RunOnce", 11, "connection fd_ %d ended: %s", Socket::Fd(c.sock), BlockEndName(why));
+    owner_->OnEnd(c.rec);
     // Never the one-second linger, which would stop every connection: a
     // peer that ended its stream and was handed every reply gets what is in
     // flight; every other end is a reset.
-    const bool answered = c->a.InputEnded() && !c->a.Pending();
-    linnet::sys::set_close_now(Socket::Fd(c->sock), !answered);
-    c->sock.Close();  // before the destructor, whose final flush then cannot wait
-    delete c;
-    if (acceptResume_ > now) acceptResume_ = now;  // a descriptor came free: accept again next round
-    conns_[index] = conns_.back();
+    const bool answered = c.a.InputEnded() && !c.a.Pending();
+    linnet::sys::set_close_now(Socket::Fd(c.sock), !answered);
+    c.sock.Close();  // before the destructor, whose final flush then cannot wait
+    Conn* last = conns_.back();
+    conns_[c.index] = last;
+    last->index = c.index;
     conns_.pop_back();
+    delete &c;
+    if (acceptResume_ > now) acceptResume_ = now;  // a descriptor came free: accept again next round
 }
 
-int CBlockServer::OnBlock(CBlockAssembler* conn, const unsigned char* body, unsigned size) {
-    return conn->ReplyBlock(body, size) < 0 ? result::kStep3 : 0;
+// Gives c an entry for its next deadline unless one falls due no later:
+// that one, when it comes, finds the truth in c and re-arms.
+bool CBlockServer::Impl::Arm(Conn& c) {
+    const long long t = c.a.NextDeadline();
+    if (t == kNoTime || (c.timerAt != kNoTime && c.timerAt <= t)) return true;
+    if (!deadlines_.push(DeadlineHeap::Entry{t, c.handle, c.serial})) return false;
+    c.timerAt = t;
+    return true;
+}
+
+// The connection whose current entry e is, or null for a stale entry.
+Conn* CBlockServer::Impl::Current(const DeadlineHeap::Entry& e) const {
+    void* token = engine_.token(e.handle);
+    if (token == nullptr || token == &listenerMember_) return nullptr;
+    Conn* c = ConnOf(token);
+    return c->serial == e.serial && c->timerAt == e.when ? c : nullptr;
+}
+
+long long CBlockServer::Impl::NextDeadline() {
+    while (!deadlines_.empty() && Current(deadlines_.top()) == nullptr) deadlines_.pop();
+    return deadlines_.empty() ? kNoTime : deadlines_.top().when;
+}
+
+// Serves every connection whose entry fell due (it ends, or re-arms for
+// what is left of its time).
+void CBlockServer::Impl::Due(long long now) {
+    while (!deadlines_.empty() && deadlines_.top().when <= now) {
+        Conn* c = Current(deadlines_.top());
+        deadlines_.pop();
+        if (c == nullptr) continue;
+        c->timerAt = kNoTime;
+        if (c->round != round_)
+            Visit(*c, 0, now);
+        else if (!Arm(*c))  // served this round already: only its next entry
+            Finish(*c, BlockEnd::kNoMemory, now);
+    }
+    if (deadlines_.size() > 2 * conns_.size() + kHeapSlack)
+        deadlines_.compact([this](const DeadlineHeap::Entry& e) { return Current(e) != nullptr; });
+}
+
+CBlockServer::CBlockServer(const CBlockOptions& options) : impl_(new (std::nothrow) Impl(this, options)) {}
+
+CBlockServer::~CBlockServer() { delete impl_; }
+
+int CBlockServer::Listen(unsigned ip, unsigned short port, int backlog) {
+    return impl_ != nullptr ? impl_->Listen(ip, port, backlog) : result::kNoMemory;
+}
+
+unsigned short CBlockServer::Port() const {
+    const int fd = impl_ != nullptr ? Socket::Fd(impl_->listener_) : linnet::kNoFd;
+    return fd >= 0 ? linnet::sys::local_port(fd) : 0;
+}
+
+int CBlockServer::RunOnce(int waitMs) { return impl_ != nullptr ? impl_->Round(waitMs) : result::kNoMemory; }
+
+std::size_t CBlockServer::Connections() const { return impl_ != nullptr ? impl_->conns_.size() : 0; }
+
+long long CBlockServer::QueuedBytes() const {
+    long long total = 0;
+    if (impl_ != nullptr)
+        for (const Conn* c : impl_->conns_) total += c->a.QueuedInput() + c->a.QueuedOutput();
+    return total;
+}
+
+const CBlockStats& CBlockServer::GetStats() const {
+    static const CBlockStats kNone;  // a constant: the figures of a server that could not be made
+    return impl_ != nullptr ? impl_->stats_ : kNone;
+}
+
+int CBlockServer::OnBlock(CBlockReply& reply, const unsigned char* body, unsigned size) {
+    return reply.ReplyBlock(body, size) < 0 ? result::kStep3 : 0;
 }
 
 void CBlockServer::OnEnd(const CBlockRecord&) {}

@@ -305,7 +305,7 @@ int EpollEngine::collect(int n, bool* orphan) {
     return entry_count_;
 }
 
-int EpollEngine::wait(long long timeout_us) {
+int EpollEngine::wait(long long timeout_us, bool end_on_signal) {
     entry_count_ = 0;
     cursor_ = 0;
     ++round_;
@@ -328,7 +328,7 @@ int EpollEngine::wait(long long timeout_us) {
         const int n = ::epoll_wait(epfd_, events_, kBatch - entry_count_, ms);
         if (n < 0) {
             if (errno != EINTR) return sys::failure();
-            if (ms == 0) break;
+            if (ms == 0 || end_on_signal) break;
             continue;  // the time left is measured again
         }
         bool orphan = false;

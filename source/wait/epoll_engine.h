@@ -41,7 +41,7 @@
 //     reporting it and no descriptor number reaches it any more) makes the
 //     engine replace its instance and register everything again.
 //   - epoll_wait interrupted by a signal is resumed for the time left on
-//     the monotonic clock. Events are read into a fixed array: no
+//     the monotonic clock (or ends the wait, when asked). Events are read into a fixed array: no
 //     allocation per wait (a full array means more on the next call).
 //
 // Costs: wait O(ready + probed); add O(1) amortised (one epoll_ctl when it
@@ -127,8 +127,10 @@ public:
     // 0 after the whole time without any, or -errno when epoll_wait fails
     // (-12, -9 ...). Without limit and with nothing registered and nothing
     // probed: result::kNothingToWaitFor at once. Entries of the previous
-    // wait are dropped first.
-    int wait(long long timeout_us);
+    // wait are dropped first. A signal does not end the wait (it goes on
+    // for the time left) unless end_on_signal: then it ends at once with
+    // the entries found so far (0 unless some were held).
+    int wait(long long timeout_us, bool end_on_signal = false);
     // The next entry of the last wait that is still live (its handle not
     // removed, detached or re-added since): true and *out filled, or false.
     bool next(Ready* out);
