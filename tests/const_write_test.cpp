@@ -101,14 +101,11 @@ TEST(ConstWrite, EachConstForwarderSendsTheBytesUnchanged) {
         EXPECT_EQ(got, row.expected);
     }
 
-    testnet::Fd rx(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = testnet::Loopback();
-    ASSERT_EQ(bind(rx.get(), reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    unsigned short port = 0;
+    testnet::Fd rx = testnet::UdpBound(&port);
     UDPSocket tx;
     ASSERT_EQ(tx.Open(), 0);
-    EXPECT_EQ(tx.Write(testnet::Loopback(), testnet::LocalPort(rx.get()), kData, kLen), kLen);
+    EXPECT_EQ(tx.Write(testnet::Loopback(), port, kData, kLen), kLen);
     char buf[128] = {};
     const timeval limit{5, 0};
     setsockopt(rx.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);

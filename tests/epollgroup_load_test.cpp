@@ -71,12 +71,10 @@ std::vector<long> Clients(unsigned short port, int idle) {
             continue;
         }
         switch (round % 4) {
-            case 0:  // exchange, then close
+            case 0:  // exchange, then close (case 1: reset)
+            case 1:
                 ++out[Exchange(c.get(), Request(&rng, "c" + std::to_string(round))) ? 0 : 1];
-                break;
-            case 1:  // exchange, then reset
-                ++out[Exchange(c.get(), Request(&rng, "r" + std::to_string(round))) ? 0 : 1];
-                testnet::SetLingerZero(c.get());
+                if (round % 4 == 1) testnet::SetLingerZero(c.get());
                 break;
             case 2: {  // send and reset at once: the reply has nowhere to go
                 const std::string req = Request(&rng, "x");

@@ -34,6 +34,12 @@ std::string Version() {
            std::to_string(LINNET_VERSION_PATCH);
 }
 
+// A command line for a trace, each argument in brackets.
+std::string Cmd(std::string cmd, const Args& args) {
+    for (const std::string& a : args) cmd += " [" + a + "]";
+    return cmd;
+}
+
 const char* const kTools[] = {"linnet-ifaces",      "linnet-echo-client",  "linnet-demo",
                               "linnet-echo-server", "linnet-block-server", "linnet-routes"};
 
@@ -59,80 +65,72 @@ TEST(ToolArguments, EachMistakeIsNamedOnStderrWithTheUsageAndExitTwo) {
     const struct {
         const char* tool;
         Args args;
-        const char* message;  // the first line on stderr
+        const char* message;  // the first line on stderr, after "TOOL: "
     } rows[] = {
-        {"linnet-ifaces", {"--bad"}, "linnet-ifaces: unknown option '--bad'"},
-        {"linnet-ifaces", {"lo", "eth0"}, "linnet-ifaces: unexpected argument 'eth0'"},
-        {"linnet-ifaces", {"--json=yes"}, "linnet-ifaces: --json takes no value"},
-        {"linnet-echo-client", {}, "linnet-echo-client: --port is required"},
-        {"linnet-echo-client", {"--port"}, "linnet-echo-client: --port needs a value"},
-        {"linnet-echo-client", {"--port", "70000"}, "linnet-echo-client: --port: '70000' is out of range 1-65535"},
-        {"linnet-echo-client", {"--port=0"}, "linnet-echo-client: --port: '0' is out of range 1-65535"},
-        {"linnet-echo-client", {"--port", "abc"}, "linnet-echo-client: --port: 'abc' is not a number (expected 1-65535)"},
-        {"linnet-echo-client", {"--port", ""}, "linnet-echo-client: --port: '' is not a number (expected 1-65535)"},
-        {"linnet-echo-client", {"--port", "1", "--size", "-1"},
-         "linnet-echo-client: --size: '-1' is not a number (expected 0-67108864)"},
-        {"linnet-echo-client", {"--port", "1", "--size", "67108865"},
-         "linnet-echo-client: --size: '67108865' is out of range 0-67108864"},
-        {"linnet-echo-client", {"--port", "1", "--count", "0"},
-         "linnet-echo-client: --count: '0' is out of range 1-10000000"},
-        {"linnet-echo-client", {"--port", "1", "--compress=1"}, "linnet-echo-client: --compress takes no value"},
-        {"linnet-echo-client", {"--port", "1", "extra"}, "linnet-echo-client: unexpected argument 'extra'"},
-        {"linnet-echo-client", {"--port", "1", "--host", "::1"},
-         "linnet-echo-client: --host: '::1' is an IPv6 address: linnet is IPv4 only"},
-        {"linnet-echo-server", {"--port", "70000"}, "linnet-echo-server: --port: '70000' is out of range 0-65535"},
-        {"linnet-echo-server", {"--port", "-1"}, "linnet-echo-server: --port: '-1' is not a number (expected 0-65535)"},
-        {"linnet-echo-server", {"--max-block", "268435457"},
-         "linnet-echo-server: --max-block: '268435457' is out of range 0-268435456"},
-        {"linnet-echo-server", {"--deadline", "0"}, "linnet-echo-server: --deadline: '0' is out of range 0.001-3600 s"},
-        {"linnet-echo-server", {"--deadline", "1.0005"},
-         "linnet-echo-server: --deadline: '1.0005' is finer than a millisecond (expected 0.001-3600 s)"},
-        {"linnet-echo-server", {"--idle", "-1"},
-         "linnet-echo-server: --idle: '-1' is not a time in seconds (expected 0-86400 s)"},
-        {"linnet-echo-server", {"--once=1"}, "linnet-echo-server: --once takes no value"},
-        {"linnet-echo-server", {"7000"}, "linnet-echo-server: unexpected argument '7000'"},
-        {"linnet-block-server", {"--port", "70000"}, "linnet-block-server: --port: '70000' is out of range 0-65535"},
-        {"linnet-block-server", {"--idle", "86400.001"},
-         "linnet-block-server: --idle: '86400.001' is out of range 0-86400 s"},
-        {"linnet-block-server", {"--deadline="}, "linnet-block-server: --deadline: '' is not a time in seconds (expected 0.001-3600 s)"},
-        {"linnet-block-server", {"--max-block", "1k"},
-         "linnet-block-server: --max-block: '1k' is not a number (expected 0-268435456)"},
-        {"linnet-block-server", {"--host=fe80::1"},
-         "linnet-block-server: --host: 'fe80::1' is an IPv6 address: linnet is IPv4 only"},
-        {"linnet-routes", {"--main", "--all"}, "linnet-routes: --main, --local and --all exclude each other"},
-        {"linnet-routes", {"--json=1"}, "linnet-routes: --json takes no value"},
-        {"linnet-routes", {"--snapshot-format", "--json"}, "linnet-routes: --snapshot-format takes no other option"},
-        {"linnet-routes", {"--table"}, "linnet-routes: unknown option '--table'"},
-        {"linnet-routes", {"main"}, "linnet-routes: unexpected argument 'main'"},
-        {"linnet-demo", {"extra"}, "linnet-demo: unexpected argument 'extra'"},
-        {"linnet-demo", {"--fast"}, "linnet-demo: unknown option '--fast'"},
+        {"linnet-ifaces", {"--bad"}, "unknown option '--bad'"},
+        {"linnet-ifaces", {"lo", "eth0"}, "unexpected argument 'eth0'"},
+        {"linnet-ifaces", {"--json=yes"}, "--json takes no value"},
+        {"linnet-echo-client", {}, "--port is required"},
+        {"linnet-echo-client", {"--port"}, "--port needs a value"},
+        {"linnet-echo-client", {"--port", "70000"}, "--port: '70000' is out of range 1-65535"},
+        {"linnet-echo-client", {"--port", "abc"}, "--port: 'abc' is not a number (expected 1-65535)"},
+        {"linnet-echo-client", {"--port", ""}, "--port: '' is not a number (expected 1-65535)"},
+        {"linnet-echo-client", {"--port", "1", "--size", "-1"}, "--size: '-1' is not a number (expected 0-67108864)"},
+        {"linnet-echo-client", {"--port", "1", "--size", "67108865"}, "--size: '67108865' is out of range 0-67108864"},
+        {"linnet-echo-client", {"--port", "1", "--count", "0"}, "--count: '0' is out of range 1-10000000"},
+        {"linnet-echo-client", {"--port", "1", "--compress=1"}, "--compress takes no value"},
+        {"linnet-echo-client", {"--port", "1", "extra"}, "unexpected argument 'extra'"},
+        {"linnet-echo-client", {"--port", "1", "--host", "::1"}, "--host: '::1' is an IPv6 address: linnet is IPv4 only"},
+        {"linnet-echo-server", {"--port", "70000"}, "--port: '70000' is out of range 0-65535"},
+        {"linnet-echo-server", {"--port", "-1"}, "--port: '-1' is not a number (expected 0-65535)"},
+        {"linnet-echo-server", {"--max-block", "268435457"}, "--max-block: '268435457' is out of range 0-268435456"},
+        {"linnet-echo-server", {"--deadline", "0"}, "--deadline: '0' is out of range 0.001-3600 s"},
+        {"linnet-echo-server", {"--deadline", "1.0005"}, "--deadline: '1.0005' is finer than a millisecond (expected 0.001-3600 s)"},
+        {"linnet-echo-server", {"--idle", "-1"}, "--idle: '-1' is not a time in seconds (expected 0-86400 s)"},
+        {"linnet-block-server", {"--idle", "86400.001"}, "--idle: '86400.001' is out of range 0-86400 s"},
+        {"linnet-block-server", {"--deadline="}, "--deadline: '' is not a time in seconds (expected 0.001-3600 s)"},
+        {"linnet-block-server", {"--max-block", "1k"}, "--max-block: '1k' is not a number (expected 0-268435456)"},
+        {"linnet-block-server", {"--host=fe80::1"}, "--host: 'fe80::1' is an IPv6 address: linnet is IPv4 only"},
+        {"linnet-routes", {"--main", "--all"}, "--main, --local and --all exclude each other"},
+        {"linnet-routes", {"--snapshot-format", "--json"}, "--snapshot-format takes no other option"},
+        {"linnet-routes", {"--table"}, "unknown option '--table'"},
+        {"linnet-routes", {"main"}, "unexpected argument 'main'"},
+        {"linnet-demo", {"extra"}, "unexpected argument 'extra'"},
+        {"linnet-demo", {"--fast"}, "unknown option '--fast'"},
     };
     for (const auto& row : rows) {
-        std::string cmd = row.tool;
-        for (const std::string& a : row.args) cmd += " [" + a + "]";
-        SCOPED_TRACE(cmd);
+        SCOPED_TRACE(Cmd(row.tool, row.args));
         const tool::Result r = tool::Run(tool::Path(row.tool), row.args);
         EXPECT_EQ(r.status, 2);
-        EXPECT_EQ(r.err.substr(0, r.err.find('\n')), row.message);
+        EXPECT_EQ(r.err.substr(0, r.err.find('\n')), std::string(row.tool) + ": " + row.message);
         EXPECT_NE(r.err.find(std::string("\nusage: ") + row.tool), std::string::npos) << r.err;
         EXPECT_EQ(r.out, "");
     }
 }
 
-TEST(ToolErrors, UnknownInterfaceIsOneLineOnStderrAndExitOne) {
-    const tool::Result r = tool::Run(tool::Path("linnet-ifaces"), {"nosuch0"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "linnet-ifaces: no interface named 'nosuch0'\n");
-}
-
-TEST(ToolErrors, RefusedConnectionIsReportedWithTheErrorText) {
-    unsigned short port = 0;
-    testnet::Fd closed = testnet::BoundNotListening(&port);
-    const tool::Result r = tool::Run(tool::Path("linnet-echo-client"), {"--port", std::to_string(port)});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "linnet-echo-client: cannot connect to 127.0.0.1:" + std::to_string(port) +
-                         ": Connection refused (-111)\n");
+// A failure at run time: one line on stderr naming it, with the error's
+// text, nothing on stdout, exit status 1.
+TEST(ToolErrors, RunTimeFailureIsOneLineOnStderrAndExitOne) {
+    unsigned short refused = 0, held = 0;
+    testnet::Fd closed = testnet::BoundNotListening(&refused), holder = testnet::Listen(&held);
+    const std::string r = std::to_string(refused), h = std::to_string(held);
+    const struct {
+        const char* tool;
+        Args args;
+        std::string err;
+    } rows[] = {
+        {"linnet-ifaces", {"nosuch0"}, "no interface named 'nosuch0'"},
+        {"linnet-echo-client", {"--port", r}, "cannot connect to 127.0.0.1:" + r + ": Connection refused (-111)"},
+        {"linnet-echo-server", {"--port", h}, "cannot listen on 127.0.0.1:" + h + ": Address already in use (-98)"},
+        {"linnet-block-server", {"--port", h}, "cannot listen on 127.0.0.1:" + h + ": Address already in use (-98)"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.tool);
+        const tool::Result res = tool::Run(tool::Path(row.tool), row.args);
+        EXPECT_EQ(res.status, 1);
+        EXPECT_EQ(res.err, std::string(row.tool) + ": " + row.err + "\n");
+        EXPECT_EQ(res.out, "");
+    }
 }
 
 // One connection accepted on a thread; `serve` plays the server's part.
@@ -219,33 +217,45 @@ unsigned short ListeningPort(const std::string& line, const std::string& addr) {
 // both names; with --once it exits after its client, else on SIGTERM,
 // having printed the client's end (its address and port) and the totals.
 // The names differ only in the default --max-block: 2 MB pass the echo
-// server's, not the block server's.
+// server's, not the block server's. Both ends name the likely cause of the
+// two mistakes a user makes: a block above the server's --max-block, and a
+// client compressing towards a plain server. (The client sends its body
+// while the server may already have reset the connection: either step may
+// be the one that fails.)
 TEST(ToolServers, PortZeroIsPrintedAndServesTheEchoClient) {
+    const std::string limits = "(by default 1048576 for linnet-block-server, 16777216 for linnet-echo-server)\n";
+    const std::string server_why = "; likely: the block is above --max-block 1048576, or the client uses --compress "
+                                   "and this server does not\n";
+    const char* const kIntact = "3 of 3 blocks of 1000 bytes echoed intact";
     const struct {
         const char* server;
         Args args;
         Args client;  // besides --port
         bool once;    // exits by itself after the client
         const char* summary;
+        std::string client_why{}, server_why{};  // the ends of both sides' last lines, when the block is refused
     } rows[] = {
-        {"linnet-echo-server", {"--port", "0", "--once"}, {"--count", "3", "--size", "1000"}, true,
-         "3 of 3 blocks of 1000 bytes echoed intact"},
+        {"linnet-echo-server", {"--port", "0", "--once"}, {"--count", "3", "--size", "1000"}, true, kIntact},
         {"linnet-echo-server", {"--once", "--compress", "--deadline", "2.5", "--idle", "30"},
-         {"--count", "3", "--size", "1000", "--compress"}, true, "3 of 3 blocks of 1000 bytes echoed intact"},
+         {"--count", "3", "--size", "1000", "--compress"}, true, kIntact},
         {"linnet-echo-server", {"--host", "localhost", "--max-block", "1000"}, {"--count", "3", "--size", "1000"},
-         false, "3 of 3 blocks of 1000 bytes echoed intact"},
+         false, kIntact},
         {"linnet-echo-server", {"--once"}, {"--count", "1", "--size", "2000000"}, true,
          "1 of 1 blocks of 2000000 bytes echoed intact"},
-        {"linnet-block-server", {"--port=0", "--once"}, {"--count", "3", "--size", "1000"}, true,
-         "3 of 3 blocks of 1000 bytes echoed intact"},
+        {"linnet-block-server", {"--port=0", "--once"}, {"--count", "3", "--size", "1000"}, true, kIntact},
         {"linnet-block-server", {"--compress", "--deadline", "2.5", "--idle", "30"},
-         {"--count", "3", "--size", "1000", "--compress"}, false, "3 of 3 blocks of 1000 bytes echoed intact"},
-        {"linnet-block-server", {"--once"}, {"--count", "1", "--size", "2000000"}, true, "0 of 1 blocks"},
+         {"--count", "3", "--size", "1000", "--compress"}, false, kIntact},
+        {"linnet-block-server", {"--once"}, {"--count", "1", "--size", "2000000"}, true, "0 of 1 blocks",
+         "; likely: --size 2000000 is above the server's --max-block " + limits, server_why},
+        {"linnet-block-server", {"--once"}, {"--count", "1", "--compress"}, true, "0 of 1 blocks",
+         "; likely: the server runs without --compress, or --size 1024 is above the server's --max-block " + limits,
+         server_why},
+        {"linnet-block-server", {"--once", "--max-block", "50"}, {"--count", "1", "--size", "100"}, true,
+         "0 of 1 blocks", "; likely: --size 100 is above the server's --max-block " + limits,
+         "; likely: the block is above --max-block 50, or the client uses --compress and this server does not\n"},
     };
     for (const auto& row : rows) {
-        std::string cmd = row.server;
-        for (const std::string& a : row.args) cmd += " [" + a + "]";
-        SCOPED_TRACE(cmd);
+        SCOPED_TRACE(Cmd(row.server, row.args) + Cmd(" client", row.client));
         tool::Background server(tool::Path(row.server), row.args);
         const std::string line = server.Line(10);
         const unsigned short port = ListeningPort(line, "127.0.0.1");
@@ -253,59 +263,23 @@ TEST(ToolServers, PortZeroIsPrintedAndServesTheEchoClient) {
         Args client{"--port", std::to_string(port)};
         client.insert(client.end(), row.client.begin(), row.client.end());
         const tool::Result c = tool::Run(tool::Path("linnet-echo-client"), client);
-        const bool intact = std::string(row.summary).find(" intact") != std::string::npos;
+        const bool intact = row.client_why.empty();
         EXPECT_EQ(c.status, intact ? 0 : 1) << c.err;
         EXPECT_EQ(c.out.rfind(row.summary, 0), 0u) << c.out;
+        if (!intact) {
+            EXPECT_EQ(c.err.rfind("linnet-echo-client: block 1: the server ended the connection ", 0), 0u) << c.err;
+            EXPECT_TRUE(c.err.size() > row.client_why.size() &&
+                        c.err.compare(c.err.size() - row.client_why.size(), std::string::npos, row.client_why) == 0)
+                << c.err;
+        }
         if (!row.once) server.Signal(SIGTERM);
         const tool::Result r = server.Finish(10);
         EXPECT_EQ(r.status, 0);
         EXPECT_EQ(r.err, "");
         EXPECT_EQ(r.out.rfind("peer 127.0.0.1:", 0), 0u) << r.out;
         EXPECT_NE(r.out.find(intact ? ": closed (0) after " : ": too big (-2) after "), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find(row.server_why), std::string::npos) << r.out;
         EXPECT_NE(r.out.find("\n1 connections, "), std::string::npos) << r.out;
-    }
-}
-
-// Both ends name the likely cause of the two mistakes a user makes: a
-// client compressing towards a plain server, and a block above the
-// server's --max-block. (The client sends its body while the server may
-// already have reset the connection: either step may be the one that
-// fails.)
-TEST(ToolServers, CompressionMismatchAndBlockAboveTheLimitAreNamedOnBothEnds) {
-    const char* const kLimits = "by default 1048576 for linnet-block-server, 16777216 for linnet-echo-server";
-    const struct {
-        Args server, client;  // client besides --port and --count 1
-        std::string client_why, server_why;
-    } rows[] = {
-        {{}, {"--compress"},
-         std::string("; likely: the server runs without --compress, or --size 1024 is above the server's "
-                     "--max-block (") + kLimits + ")\n",
-         "; likely: the block is above --max-block 1048576, or the client uses --compress and this server does "
-         "not\n"},
-        {{"--max-block", "50"}, {"--size", "100"},
-         std::string("; likely: --size 100 is above the server's --max-block (") + kLimits + ")\n",
-         "; likely: the block is above --max-block 50, or the client uses --compress and this server does not\n"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.client_why);
-        Args args = row.server;
-        args.push_back("--once");
-        tool::Background server(tool::Path("linnet-block-server"), args);
-        const unsigned short port = ListeningPort(server.Line(10), "127.0.0.1");
-        ASSERT_NE(port, 0);
-        Args client{"--port", std::to_string(port), "--count", "1"};
-        client.insert(client.end(), row.client.begin(), row.client.end());
-        const tool::Result c = tool::Run(tool::Path("linnet-echo-client"), client);
-        EXPECT_EQ(c.status, 1);
-        EXPECT_EQ(c.err.rfind("linnet-echo-client: block 1: the server ended the connection ", 0), 0u) << c.err;
-        EXPECT_TRUE(c.err.size() > row.client_why.size() &&
-                    c.err.compare(c.err.size() - row.client_why.size(), std::string::npos, row.client_why) == 0)
-            << c.err;
-        const std::string end = server.Line(10);
-        EXPECT_EQ(end.rfind("peer 127.0.0.1:", 0), 0u) << end;
-        EXPECT_NE(end.find(": too big (-2) after "), std::string::npos) << end;
-        EXPECT_TRUE((end + "\n").find(row.server_why) != std::string::npos) << end;
-        EXPECT_EQ(server.Finish(10).status, 0);
     }
 }
 
@@ -350,21 +324,6 @@ TEST(ToolServers, BlockServerEndsEachPeerForTheLimitItBroke) {
         EXPECT_LT(ms, row.max_ms) << line;
         server.Signal(SIGTERM);
         EXPECT_EQ(server.Finish(10).status, 0);
-    }
-}
-
-// A port held by another socket: one line naming the address and the
-// error's text, exit status 1, nothing on stdout.
-TEST(ToolServers, OccupiedPortIsNamedWithTheErrorText) {
-    unsigned short port = 0;
-    testnet::Fd holder = testnet::Listen(&port);
-    for (const char* name : {"linnet-echo-server", "linnet-block-server"}) {
-        SCOPED_TRACE(name);
-        const tool::Result r = tool::Run(tool::Path(name), {"--port", std::to_string(port)});
-        EXPECT_EQ(r.status, 1);
-        EXPECT_EQ(r.err, std::string(name) + ": cannot listen on 127.0.0.1:" + std::to_string(port) +
-                             ": Address already in use (-98)\n");
-        EXPECT_EQ(r.out, "");
     }
 }
 
@@ -469,17 +428,9 @@ TEST(ArgsParser, OptionsPositionalsAndDefaults) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "prog: NAME is required\nusage: prog\n");
 }
 
-TEST(ArgsParser, ResultsAndHostsAsText) {
-    EXPECT_EQ(args::ErrorText(-98), "Address already in use (-98)");
-    EXPECT_EQ(args::ErrorText(-111), "Connection refused (-111)");
+TEST(ArgsParser, ResultsWithoutAnErrnoText) {
     EXPECT_EQ(args::ErrorText(-1), "unspecified error (-1)");
     EXPECT_EQ(args::ErrorText(3), "3");
-    unsigned int ip = 0;
-    EXPECT_EQ(args::ResolveIPv4("127.0.0.1", &ip), "");
-    EXPECT_EQ(ip, htonl(INADDR_LOOPBACK));
-    ip = 0;
-    EXPECT_EQ(args::ResolveIPv4("localhost", &ip), "");  // /etc/hosts
-    EXPECT_EQ(ip, htonl(INADDR_LOOPBACK));
 }
 
 TEST(InterfaceText, PrefixLengthsAndFlagNames) {
@@ -504,14 +455,9 @@ TEST(InterfaceText, PrefixLengthsAndFlagNames) {
     for (const auto& f : flags) EXPECT_EQ(iftable::FlagText(f.flags), f.text) << std::hex << f.flags;
 }
 
-TEST(InterfaceText, NotFullTableLeavesNothingOut) {
-    CNetworkInterfaceInfo t;
-    ASSERT_LT(t.GetCount(), 128);
-    EXPECT_EQ(iftable::LeftOut(t, "h1\nh2\n  nosuch0: 1 2 3\n"), 0);
-}
-
 // Every string the writer quotes is RFC 8259 JSON that a real parser reads
-// back as the same bytes; invalid UTF-8 becomes U+FFFD and is reported.
+// back as the same bytes, and writes again exactly as the writer did;
+// invalid UTF-8 becomes U+FFFD and is reported.
 TEST(JsonWriter, QuotesEveryByteSoAParserReadsItBack) {
     const struct {
         std::string in, quoted;
@@ -534,12 +480,9 @@ TEST(JsonWriter, QuotesEveryByteSoAParserReadsItBack) {
     for (int c = 1; c < 0x80; ++c) every += char(c);
     w.BeginObject().Key(every).Null().Key("n").Number(-3).EndObject().EndArray();
     EXPECT_FALSE(w.Replaced());
-    const json::Value v = json::Parse(w.Text());
-    ASSERT_EQ(v.items.size(), 6u);
-    for (size_t i = 0; i < 5; ++i) EXPECT_EQ(v.items[i].text, rows[i].in);
-    EXPECT_EQ(v.items[5][every].kind, json::Value::kNull);
-    EXPECT_EQ(v.items[5]["n"].number, -3);
-    EXPECT_THROW(json::Parse("[\"a\x01\"]"), std::runtime_error);  // the parser is strict
+    EXPECT_EQ(json::Query(w.Text(), "doc"), w.Text());
+    EXPECT_EQ(json::Query(w.Text(), "doc[5][''.join(map(chr, range(1, 128)))]"), "null");
+    EXPECT_THROW(json::Query("[\"a\x01\"]"), std::runtime_error);  // the parser is strict
 
     for (const char* bad : {"\xff", "\xc0\xaf", "\xed\xa0\x80", "\xe2\x82"}) {
         bool replaced = false;

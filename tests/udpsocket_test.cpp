@@ -61,11 +61,18 @@ TEST(UdpSocket, DatagramRoundTripReportsTheSenderAndAnswersIt) {
     EXPECT_TRUE(capture::Contains("EOF occured when reading from fd_ " + Fd(b), 1));
 }
 
+// Connect only notes the peer; OpenFD keeps its port unless given one.
 TEST(UdpSocket, ConnectTouchesNoSystemCallAndPlainReadOverwritesThePeer) {
     UDPSocket closed;
     EXPECT_EQ(closed.Connect(htonl(0xC0000201), 53, 1, 2), 0);  // no descriptor needed
     EXPECT_EQ(Members::addr(closed), htonl(0xC0000201));
     EXPECT_EQ(Members::port(closed), 53);
+    for (unsigned short given : {0, 77}) {
+        UDPSocket s;
+        EXPECT_EQ(s.Connect(testnet::Loopback(), 4242, 0, 0), 0);
+        EXPECT_EQ(s.OpenFD(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), given), 0);
+        EXPECT_EQ(Members::port(s), given != 0 ? given : 4242) << given;
+    }
 
     UDPSocket s;
     OpenOnLoopback(s);
@@ -105,20 +112,12 @@ TEST(UdpSocket, EspecialTimeToLiveIsPutBackAlsoWhenTheSendFails) {
     EXPECT_EQ(a.GetValueTimeToLive(), 33);
 }
 
-
 // An adopted UDP descriptor that the kernel connected to a closed port: the
 // refusal (ICMP port unreachable on loopback) comes back from Read as
 // -ECONNREFUSED, not as "nothing yet".
 TEST(UdpSocket, AdoptedConnectedDescriptorReportsARefusedPort) {
     unsigned short closed = 0;
-    {
-        testnet::Fd probe(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_addr.s_addr = testnet::Loopback();
-        ASSERT_EQ(::bind(probe.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
-        closed = testnet::LocalPort(probe.get());
-    }  // the port is free again
+    testnet::UdpBound(&closed);  // closed at once: the port is free again
     testnet::Fd raw(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_in to{};
     to.sin_family = AF_INET;
@@ -131,15 +130,4 @@ TEST(UdpSocket, AdoptedConnectedDescriptorReportsARefusedPort) {
     ASSERT_EQ(s.Write(testnet::Loopback(), closed, data, 5), 5);
     ASSERT_EQ(s.Poll(POLL_READ, 2, 0), POLL_READ);  // the error is pending
     EXPECT_EQ(s.Read(data, sizeof data), -ECONNREFUSED);
-}
-
-// OpenFD keeps the peer port unless it is given one.
-TEST(UdpSocket, OpenFDKeepsThePortUnlessGivenOne) {
-    for (unsigned short given : {static_cast<unsigned short>(0), static_cast<unsigned short>(77)}) {
-        SCOPED_TRACE(given);
-        UDPSocket s;
-        EXPECT_EQ(s.Connect(testnet::Loopback(), 4242, 0, 0), 0);
-        EXPECT_EQ(s.OpenFD(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), given), 0);
-        EXPECT_EQ(Members::port(s), given != 0 ? given : 4242);
-    }
 }

@@ -33,10 +33,10 @@ void Fd::reset(int fd) {
     fd_ = fd;
 }
 
-// A stream socket, bound to 127.0.0.1 (port chosen by the kernel) or
+// A socket of `type`, bound to 127.0.0.1 (port chosen by the kernel) or
 // connected to 127.0.0.1:port; throws `what` on failure.
-static Fd Loop(bool connect, unsigned short port, const char* what) {
-    Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+static Fd Loop(bool connect, unsigned short port, const char* what, int type = SOCK_STREAM) {
+    Fd fd(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
     sa.sin_port = htons(port);
@@ -75,6 +75,12 @@ Pair MakeTcpPair() {
 
 Fd BoundNotListening(unsigned short* port) {
     Fd fd = Loop(false, 0, "cannot bind on 127.0.0.1");
+    *port = LocalPort(fd.get());
+    return fd;
+}
+
+Fd UdpBound(unsigned short* port) {
+    Fd fd = Loop(false, 0, "cannot bind a UDP socket on 127.0.0.1", SOCK_DGRAM);
     *port = LocalPort(fd.get());
     return fd;
 }

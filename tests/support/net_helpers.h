@@ -52,6 +52,8 @@ Pair MakeTcpPair();
 // A TCP socket bound to 127.0.0.1 but not listening: connecting to its port
 // is refused, and no other socket can take the port meanwhile.
 Fd BoundNotListening(unsigned short* port);
+// A blocking UDP socket bound to 127.0.0.1, port chosen by the kernel.
+Fd UdpBound(unsigned short* port);
 
 // The local port of a bound socket.
 unsigned short LocalPort(int fd);
