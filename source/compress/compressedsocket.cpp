@@ -5,7 +5,7 @@
 #include "compress/shift.h"
 #include "logger/log.h"
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
 
 static const char kLogFile[] = "source/compress/compressedsocket";
 

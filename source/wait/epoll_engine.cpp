@@ -8,7 +8,7 @@
 #include <climits>
 
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
 
 namespace linnet {
 namespace wait {

@@ -8,7 +8,7 @@ src=${1:?source directory}
 found=$(grep -rnE --include='*.cpp' --include='*.h' \
           '([^A-Za-z0-9_]-[0-9]+|[^A-Za-z0-9_]-E[A-Z]{2,}\b|-errno|-err\b|-e\b|-o\.err\b)' "$src" |
         grep -v "^$src/results.h:" |
-        grep -v "^$src/sockops.h:.*inline int failure(int err)" |
+        grep -v "^$src/socket/sockops.h:.*inline int failure(int err)" |
         grep -vE '^[^:]+:[0-9]+:\s*//' |
         sed -E 's#//.*$##' |
         grep -E '([^A-Za-z0-9_]-[0-9]+|[^A-Za-z0-9_]-E[A-Z]{2,}\b|-errno|-err\b|-e\b|-o\.err\b)')

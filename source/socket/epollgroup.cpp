@@ -8,10 +8,11 @@
 
 #include "logger/log.h"
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
 #include "unix/peek.h"
 #include "wait/epoll_engine.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/epollgroup";
 
 namespace result = linnet::result;

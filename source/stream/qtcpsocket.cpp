@@ -9,6 +9,7 @@
 #include "logger/log.h"
 #include "results.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/unix/qtcpsocket";
 
 namespace result = linnet::result;

@@ -1,8 +1,8 @@
 // Internal to linnet, never installed: the thin layer over raw system calls
 // that the socket classes share. Results here are the system's (-1 and
 // errno); the classes turn them into the library's codes with failure().
-#ifndef LINNET_SOURCE_SOCKOPS_H
-#define LINNET_SOURCE_SOCKOPS_H
+#ifndef LINNET_SOURCE_SOCKET_SOCKOPS_H
+#define LINNET_SOURCE_SOCKET_SOCKOPS_H
 
 #include <linnet/socket.h>
 #include <netinet/in.h>

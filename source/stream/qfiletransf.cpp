@@ -10,6 +10,7 @@
 #include "logger/log.h"
 #include "results.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/unix/qfiletransf";
 
 namespace result = linnet::result;

@@ -1,5 +1,5 @@
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
 
 #include <linnet/socket.h>
 #include <poll.h>
