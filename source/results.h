@@ -81,6 +81,11 @@ constexpr int kStep4 = -4;
 // A raw system call's own failure value, which comes with errno.
 constexpr int kSystemFailure = -1;
 
+// The wait layer's answer (select, poll or epoll) to a wait without limit
+// that nothing in it could end: refused without waiting. Never a result of
+// the library: each group turns it into result::kNothingToWaitFor.
+constexpr int kEndlessWait = -2;
+
 // The value of a descriptor member that holds none.
 constexpr int kNoFd = -1;
 // A time (milliseconds) that is not set: no deadline, no pause.

@@ -232,7 +232,7 @@ int CEpollGroup::Wait(int seconds, int microseconds) {
             if (left < 0) left = 0;
         }
         const int n = g.engine.wait(left);
-        if (n == linnet::sys::kNothingToWaitFor) {
+        if (n == linnet::kEndlessWait) {
             LOG_STREAM(3) << "nothing to wait for in socket group: no member with a descriptor asks for events";
             return result::kNothingToWaitFor;
         }

@@ -13,6 +13,7 @@
 #include "logger/log.h"
 #include "results.h"
 #include "socket/sockops.h"
+#include "wait/select_wait.h"
 
 // The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/socket";
@@ -80,10 +81,10 @@ int NonBlockSocket::Poll(int events, int sec, int usec) {
     timeval tv;
     tv.tv_sec = sec;
     tv.tv_usec = usec;
-    linnet::sys::WaitItem item{fd_, events & (POLL_READ | POLL_WRITE), 0};
+    linnet::wait::WaitItem item{fd_, events & (POLL_READ | POLL_WRITE), 0};
     lastError_ = 0;
     state_ = 0;
-    const int n = linnet::sys::wait_ready(&item, 1, &tv);
+    const int n = linnet::wait::wait_ready(&item, 1, &tv);
     if (n > 0) {
         state_ = item.ready;
         LOG_STREAM(11) << "return on fd_ " << fd_ << ": read " << (state_ & POLL_READ)

@@ -10,6 +10,7 @@
 #include "logger/log.h"
 #include "results.h"
 #include "socket/sockops.h"
+#include "wait/select_wait.h"
 
 // The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/sockgroup";
@@ -96,8 +97,8 @@ int CSockGroup::Poll(int seconds, int microseconds) {
                                              << (bits & POLL_EXCEPT);
         }
     } members;
-    const int n = linnet::sys::wait_ready(socks_.begin(), socks_.end(), members, timeout);
-    if (n == linnet::sys::kNothingToWaitFor) {
+    const int n = linnet::wait::wait_ready(socks_.begin(), socks_.end(), members, timeout);
+    if (n == linnet::kEndlessWait) {
         LOG_STREAM(3) << "nothing to wait for in socket group: no member with a descriptor asks for events";
         return result::kNothingToWaitFor;
     }

@@ -126,8 +126,8 @@ public:
     // registered events or held bytes: the number of entries ready (> 0),
     // 0 after the whole time without any, or -errno when epoll_wait fails
     // (-12, -9 ...). Without limit and with nothing registered and nothing
-    // probed: result::kNothingToWaitFor at once. Entries of the previous
-    // wait are dropped first.
+    // probed: kEndlessWait at once. Entries of the previous wait are dropped
+    // first.
     int wait(long long timeout_us);
     // The next entry of the last wait that is still live (its handle not
     // removed, detached or re-added since): true and *out filled, or false.
