@@ -32,6 +32,12 @@ using Clock = std::chrono::steady_clock;
 const char kCompressRequest[] = "linnet-demo: compress";
 const unsigned kMaxBlock = 8u << 20;
 
+// SockStream's block codes (linnet/stream.h); kNoMemory is also what ends a
+// block server's connection with BlockEnd::kNoMemory (linnet/blockserver.h).
+const int kHeaderFailed = -1;  // header not sent, or not read
+const int kTooBig = -2;        // reading: the announced length is above the limit
+const int kNoMemory = -3;      // reading: no memory for the body
+
 uint64_t Fnv(uint64_t h, const unsigned char* p, std::size_t n) {
     for (std::size_t i = 0; i < n; ++i) h = (h ^ p[i]) * 1099511628211ull;
     return h;
@@ -48,7 +54,7 @@ double Seconds(Clock::time_point since) {
 struct EchoServer : CBlockServer {
     using CBlockServer::CBlockServer;
     int OnBlock(CBlockAssembler* conn, const unsigned char* body, unsigned size) override {
-        if (conn->ReplyBlock(body, size) < 0) return -3;
+        if (conn->ReplyBlock(body, size) < 0) return kNoMemory;
         return size == sizeof kCompressRequest && std::memcmp(body, kCompressRequest, size) == 0 ? 1 : 0;
     }
     void OnEnd(const CBlockRecord& r) override {
@@ -112,11 +118,12 @@ struct ClientResult {
 
 // Why a framed step failed, from the stream's step codes.
 std::string BlockFailure(int block, bool reading, int code) {
-    const char* what = !reading ? (code == -1 ? "its header could not be sent" : "its body could not be sent")
-                       : code == -1 ? "no echo header within 10 s (connection closed, failed or silent)"
-                       : code == -2 ? "the echo announced a block above the limit"
-                       : code == -3 ? "no memory for the echo"
-                                    : "the echo's body could not be read within 10 s";
+    const char* what = !reading
+                           ? (code == kHeaderFailed ? "its header could not be sent" : "its body could not be sent")
+                       : code == kHeaderFailed ? "no echo header within 10 s (connection closed, failed or silent)"
+                       : code == kTooBig       ? "the echo announced a block above the limit"
+                       : code == kNoMemory     ? "no memory for the echo"
+                                               : "the echo's body could not be read within 10 s";
     return "block " + std::to_string(block) + ": " + what;
 }
 

@@ -127,7 +127,7 @@ CEpollGroup::~CEpollGroup() { delete impl_; }
 int CEpollGroup::Add(NonBlockSocket* s, int events) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return result::kStep1;
+        return result::kGroupNullMember;
     }
     if (impl_ == nullptr) return result::kNoMemory;
     s->SetEvents(events);
@@ -135,7 +135,7 @@ int CEpollGroup::Add(NonBlockSocket* s, int events) {
     if (found != impl_->members.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " exists in group";
         impl_->Update(&found->second);
-        return result::kStep2;
+        return result::kGroupDuplicate;
     }
     Member m{s, dynamic_cast<QueuedTCPSocket*>(s), dynamic_cast<CompressedTCPSocket*>(s), kNoHandle, false, 0, 0};
     Member* slot;
@@ -157,13 +157,13 @@ int CEpollGroup::Add(NonBlockSocket* s, int events) {
 int CEpollGroup::Change(NonBlockSocket* s, int events) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return result::kStep1;
+        return result::kGroupNullMember;
     }
     if (impl_ == nullptr) return result::kNoMemory;
     const auto found = impl_->members.find(s);
     if (found == impl_->members.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " not found in group";
-        return result::kStep2;
+        return result::kGroupNotMember;
     }
     const int before = Socket::Events(*s);
     s->SetEvents(events);
@@ -178,13 +178,13 @@ int CEpollGroup::Change(NonBlockSocket* s, int events) {
 int CEpollGroup::Remove(NonBlockSocket* s) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return result::kStep1;
+        return result::kGroupNullMember;
     }
-    if (impl_ == nullptr) return result::kStep2;
+    if (impl_ == nullptr) return result::kGroupNotMember;
     const auto found = impl_->members.find(s);
     if (found == impl_->members.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " not found in group";
-        return result::kStep2;
+        return result::kGroupNotMember;
     }
     Member& m = found->second;
     if (m.handle != kNoHandle) {

@@ -27,7 +27,7 @@ namespace result = linnet::result;
 // number, -1 (with errno) when it cannot be opened.
 int read_proc_int(const char* path) {
     linnet::sys::ScopedFd file(::open(path, O_RDONLY | O_CLOEXEC));
-    if (file.get() < 0) return result::kFailed;
+    if (file.get() < 0) return linnet::kSystemFailure;
     char text[32];
     const ssize_t n = ::read(file.get(), text, sizeof text - 1);
     if (n <= 0) return 0;

@@ -20,11 +20,11 @@ namespace result = linnet::result;
 int CSockGroup::Add(NonBlockSocket* s) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return result::kStep1;
+        return result::kGroupNullMember;
     }
     if (std::find(socks_.begin(), socks_.end(), s) != socks_.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " exists in group";
-        return result::kStep2;
+        return result::kGroupDuplicate;
     }
     socks_.push_back(s);
     return 0;
@@ -33,7 +33,7 @@ int CSockGroup::Add(NonBlockSocket* s) {
 int CSockGroup::Add(NonBlockSocket* s, int events) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return result::kStep1;
+        return result::kGroupNullMember;
     }
     s->SetEvents(events);
     return Add(s);
@@ -42,12 +42,12 @@ int CSockGroup::Add(NonBlockSocket* s, int events) {
 int CSockGroup::Remove(NonBlockSocket* s) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return result::kStep1;
+        return result::kGroupNullMember;
     }
     const auto it = std::find(socks_.begin(), socks_.end(), s);
     if (it == socks_.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " not found in group";
-        return result::kStep2;
+        return result::kGroupNotMember;
     }
     socks_.erase(it);
     return 0;
@@ -130,12 +130,12 @@ int CSockGroup::Poll(int seconds, int microseconds) {
 int CSockGroup::GetState(NonBlockSocket* s) {
     if (socks_.empty()) {
         LOG_STREAM(11) << "socket group empty";
-        return result::kStep1;
+        return result::kGroupEmpty;
     }
     const auto it = std::find(socks_.begin(), socks_.end(), s);
     if (it == socks_.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " not found in group";
-        return result::kStep2;
+        return result::kGroupNotMember;
     }
     return (*it)->state_;
 }

@@ -138,7 +138,7 @@ int TCPSocket::Read(void* buf, int len) {
     }
     if (len < 0) {  // read() would take it as a huge count and overrun buf
         LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     if (buf == nullptr && len > 0) {
         LOG_STREAM(3) << "read into a null buffer on fd_ " << fd_;
@@ -169,7 +169,7 @@ int TCPSocket::Write(void* buf, int len) {
     }
     if (len < 0) {  // send() would take it as a huge count and send the heap
         LOG_STREAM(3) << "write of negative length " << len << " on fd_ " << fd_;
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     if (buf == nullptr && len > 0) {
         LOG_STREAM(3) << "write from a null buffer on fd_ " << fd_;

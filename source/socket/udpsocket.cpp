@@ -66,7 +66,7 @@ int UDPSocket::Write(unsigned int ip, unsigned short port, void* buf, int size) 
     }
     if (size < 0) {  // sendto() would take it as a huge count
         LOG_FORMAT("Write", 3, "write of negative length %d on fd_ %d", size, fd_);
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     if (buf == nullptr && size > 0) {
         LOG_FORMAT("Write", 3, "write from a null buffer on fd_ %d", fd_);
@@ -137,7 +137,7 @@ int UDPSocket::Read(void* buf, unsigned int size, unsigned int* ip, unsigned sho
 int UDPSocket::Read(void* buf, int size) {
     if (size < 0) {
         LOG_STREAM(3) << "read of negative length " << size << " on fd_ " << fd_;
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     return Read(buf, static_cast<unsigned int>(size), &addr_, &port_, MSG_NOSIGNAL);
 }

@@ -81,7 +81,7 @@ int QueuedTCPSocket::GetInitState() const { return initState_ & ~kCloseQueued; }
 int QueuedTCPSocket::Write(void* buf, int len) {
     if (len < 0) {
         LOG_STREAM(3) << "write of negative length " << len << " on fd_ " << fd_;
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     if (buf == nullptr && len > 0) {
         LOG_STREAM(3) << "write from a null buffer on fd_ " << fd_;
@@ -93,7 +93,7 @@ int QueuedTCPSocket::Write(void* buf, int len) {
 int QueuedTCPSocket::Read(void* buf, int len) {
     if (len < 0) {
         LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     const int first = inQueue_->Get(nullptr, 0);
     if (buf == nullptr) return first;
@@ -104,7 +104,7 @@ int QueuedTCPSocket::Read(void* buf, int len) {
 int QueuedTCPSocket::ReadBlock(void* buf, int len) {
     if (len < 0) {
         LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     const int total = inQueue_->Size();
     if (total == 0 || buf == nullptr) return total;

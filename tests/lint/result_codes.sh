@@ -1,7 +1,8 @@
 #!/bin/bash
 # The library's negative results have names (source/results.h) and every
 # errno becomes a result through sys::failure(): a bare negative literal or
-# a hand-negated errno anywhere else in source/ fails this check.
+# a hand-negated errno anywhere else in source/ fails this check, and so
+# does a numbered step code (kStepN) outside the block server.
 # Usage: result_codes.sh SOURCE_DIR
 set -u
 src=${1:?source directory}
@@ -15,6 +16,15 @@ found=$(grep -rnE --include='*.cpp' --include='*.h' \
 if [ -n "$found" ]; then
     echo "bare result codes outside source/results.h:"
     echo "$found"
+    exit 1
+fi
+# A result says what failed: the numbered step codes are left only to the
+# block server, until it names its own.
+steps=$(grep -rnwE --include='*.cpp' --include='*.h' 'kStep[0-9]+' "$src" |
+        grep -v "^$src/results.h:" | grep -vE "^$src/unix/block[a-z]*\.(cpp|h):")
+if [ -n "$steps" ]; then
+    echo "numbered step codes where a named result belongs:"
+    echo "$steps"
     exit 1
 fi
 echo "no bare result code in $src"
