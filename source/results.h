@@ -13,9 +13,8 @@ namespace result {
 // A failure with no errno to tell: failure() gives it when errno is 0, and
 // the operations whose headers say "-1" return it.
 constexpr int kFailed = -1;
-// An operation on a socket without a descriptor, and a negative length.
+// An operation on a socket without a descriptor.
 constexpr int kNoDescriptor = -EINVAL;
-constexpr int kBadLength = -EINVAL;
 // Open or OpenFD on a socket that already has a descriptor.
 constexpr int kAlreadyOpen = -EINVAL;
 // TCP: any read or write error but the end of stream.
@@ -68,9 +67,23 @@ constexpr int kTryLater = -EAGAIN;
 // The kernel's answer to a route that is already there.
 constexpr int kRouteExists = -EEXIST;
 
-// The numbered steps of an operation that fails in stages (the block
-// framing, the group's membership checks): the result says which step
-// failed.
+// Socket groups (CSockGroup, CEpollGroup): a null socket; a member's state
+// asked of a group that has none; a socket added twice; a socket that is not
+// a member.
+constexpr int kGroupNullMember = -1;
+constexpr int kGroupEmpty = -1;
+constexpr int kGroupDuplicate = -2;
+constexpr int kGroupNotMember = -2;
+// The block framing (SockStream::WriteBlock and ReadBlock): the 4-byte header
+// not sent or not read whole; the body not sent whole; an announced length
+// above the reader's limit; no memory for the body; the body not read whole.
+constexpr int kBlockHeaderFailed = -1;
+constexpr int kBlockBodyNotSent = -2;
+constexpr int kBlockTooBig = -2;
+constexpr int kBlockNoMemory = -3;
+constexpr int kBlockBodyNotRead = -4;
+
+// Still used by the block server: the block framing's codes by number.
 constexpr int kStep1 = -1;
 constexpr int kStep2 = -2;
 constexpr int kStep3 = -3;
@@ -78,8 +91,14 @@ constexpr int kStep4 = -4;
 
 }  // namespace result
 
-// A raw system call's own failure value, which comes with errno.
+// A raw system call's own failure value, which comes with errno; also what
+// reading a kernel maximum from /proc gives when the file cannot be opened.
 constexpr int kSystemFailure = -1;
+
+// The wait layer's answer (select, poll or epoll) to a wait without limit
+// that nothing in it could end: refused without waiting. Never a result of
+// the library: each group turns it into result::kNothingToWaitFor.
+constexpr int kEndlessWait = -2;
 
 // The value of a descriptor member that holds none.
 constexpr int kNoFd = -1;

@@ -43,6 +43,15 @@
 
 struct z_stream_s;  // zlib's z_stream; zlib.h is needed only by the library
 
+// The library's own readers of members these classes keep protected (its
+// epoll group and block server); not part of the interface.
+namespace linnet {
+namespace peek {
+struct Slab;
+struct Compressed;
+}  // namespace peek
+}  // namespace linnet
+
 // One zlib stream and its output slab. Producers push input with Write;
 // output accumulates at the start of the slab; consumers take it with Read
 // (copying) or TryRead + ConfirmRead (in place). After every take the rest is
@@ -105,6 +114,7 @@ protected:
 
 private:
     friend class CompressedTCPSocket;  // reads the decompressor's slab size
+    friend struct linnet::peek::Slab;  // likewise the library's epoll group and block server
     void Take(int n);  // removes n pending bytes and runs zlib again
 };
 
@@ -141,6 +151,8 @@ public:
 // and a CSockGroup both see them (BufferedInput). Close does not switch
 // compression off; the destructor does.
 class LINNET_API CompressedTCPSocket : public TCPSocket {
+    friend struct linnet::peek::Compressed;  // the library's epoll group and block server see held input
+
 public:
     // Compression off.
     CompressedTCPSocket();

@@ -22,6 +22,14 @@
 const char QTCPSOCK_CLOSE[] = "QTCPSOCK_CLOSE";
 const int QTCPSOCK_CLOSE_SIZE = 15;
 
+// The library's own reader of the input queue this class keeps protected
+// (its epoll group); not part of the interface.
+namespace linnet {
+namespace peek {
+struct Queued;
+}  // namespace peek
+}  // namespace linnet
+
 // A first-in, first-out list of byte chunks. Chunks are never merged or
 // split by the queue. Not copyable: it owns the chunks it copied.
 //
@@ -96,6 +104,8 @@ protected:
 
 // A TCPSocket whose Write and Read go through an output and an input queue.
 class LINNET_API QueuedTCPSocket : public TCPSocket {
+    friend struct linnet::peek::Queued;  // the library's epoll group sees queued input
+
 public:
     // Sizes below 1024 become 1024. Note the order: receive size first.
     // rcv_buf_size is also the size of the one read a Process call makes.

@@ -23,10 +23,18 @@ const int INIT_LISTENING = 0x4;  // TCPSocket::Listen succeeded
 
 class CSockGroup;
 class SockStream;
+// The library's own reader of what this class keeps protected (its epoll
+// group and block server); not part of the interface.
+namespace linnet {
+namespace peek {
+struct Socket;
+}  // namespace peek
+}  // namespace linnet
 
 class LINNET_API NonBlockSocket {
     friend class CSockGroup;
-    friend class SockStream;  // prints fd_ in its traces
+    friend class SockStream;             // prints fd_ in its traces
+    friend struct linnet::peek::Socket;  // the library's epoll group and block server
 
 public:
     // Opens nothing: fd_ -1, events_ = events, everything else 0.

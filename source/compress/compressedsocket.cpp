@@ -5,7 +5,7 @@
 #include "compress/shift.h"
 #include "logger/log.h"
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
 
 static const char kLogFile[] = "source/compress/compressedsocket";
 
@@ -116,7 +116,7 @@ int CompressedTCPSocket::Write(void* buf, int len) {
     if (!compressionOn_) return TCPSocket::Write(buf, len);
     if (len < 0) {
         LOG_STREAM(3) << "write of negative length " << len << " on fd_ " << fd_;
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     if (buf == nullptr && len > 0) {
         LOG_STREAM(3) << "write from a null buffer on fd_ " << fd_;
@@ -140,7 +140,7 @@ int CompressedTCPSocket::Read(void* buf, int len) {
     if (!compressionOn_) return TCPSocket::Read(buf, len);
     if (len < 0) {
         LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     if (buf == nullptr && len > 0) {
         LOG_STREAM(3) << "read into a null buffer on fd_ " << fd_;

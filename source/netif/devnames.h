@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdio>
 
-#include "sockops.h"
+#include "socket/sockops.h"
 
 namespace linnet {
 namespace netif {

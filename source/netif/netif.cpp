@@ -16,7 +16,7 @@
 
 #include "logger/log.h"
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
 #include "netif/devnames.h"
 
 // The origin hosts have always seen in the log, wherever this file lives.

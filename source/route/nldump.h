@@ -24,7 +24,7 @@
 #include <cstring>
 #include <vector>
 
-#include "sockops.h"
+#include "socket/sockops.h"
 #include "route/nlwalk.h"
 
 namespace linnet {

@@ -10,7 +10,7 @@
 
 #include "logger/log.h"
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
 #include "route/nldump.h"
 #include "route/nlwalk.h"
 #include "route/routeload.h"

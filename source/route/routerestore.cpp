@@ -14,7 +14,7 @@
 
 #include "logger/log.h"
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
 #include "route/nlwalk.h"
 #include "route/routeload.h"
 

@@ -8,7 +8,7 @@
 #include <climits>
 
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
 
 namespace linnet {
 namespace wait {
@@ -312,7 +312,7 @@ int EpollEngine::wait(long long timeout_us, bool end_on_signal) {
     int room = kBatch / 2;
     if (!probes_.empty()) probe_held(&room);
     const bool held = entry_count_ > 0;
-    if (!held && armed_count_ == 0 && timeout_us < 0) return sys::kNothingToWaitFor;
+    if (!held && armed_count_ == 0 && timeout_us < 0) return kEndlessWait;
     int r = ensure_instance();
     if (r < 0) return r;
     const long long deadline = timeout_us < 0 ? kNoTime : sys::monotonic_us() + timeout_us;
@@ -340,7 +340,7 @@ int EpollEngine::wait(long long timeout_us, bool end_on_signal) {
         if (entry_count_ > 0 || ms == 0) break;
         // Woken by nothing to report (a parked or shed registration): wait
         // on for the rest of the time, if anything is left to end it.
-        if (armed_count_ == 0 && deadline == kNoTime) return sys::kNothingToWaitFor;
+        if (armed_count_ == 0 && deadline == kNoTime) return kEndlessWait;
     }
     return entry_count_;
 }

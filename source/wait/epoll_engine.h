@@ -126,10 +126,10 @@ public:
     // registered events or held bytes: the number of entries ready (> 0),
     // 0 after the whole time without any, or -errno when epoll_wait fails
     // (-12, -9 ...). Without limit and with nothing registered and nothing
-    // probed: result::kNothingToWaitFor at once. Entries of the previous
-    // wait are dropped first. A signal does not end the wait (it goes on
-    // for the time left) unless end_on_signal: then it ends at once with
-    // the entries found so far (0 unless some were held).
+    // probed: kEndlessWait at once. Entries of the previous wait are dropped
+    // first. A signal does not end the wait (it goes on for the time left)
+    // unless end_on_signal: then it ends at once with the entries found so
+    // far (0 unless some were held).
     int wait(long long timeout_us, bool end_on_signal = false);
     // The next entry of the last wait that is still live (its handle not
     // removed, detached or re-added since): true and *out filled, or false.

@@ -10,6 +10,7 @@
 #include "logger/log.h"
 #include "results.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/unix/qfiletransf";
 
 namespace result = linnet::result;
@@ -39,7 +40,7 @@ int CQueuedFileTransf::Open(const char* path) {
 int CQueuedFileTransf::Write(void* buf, int len) {
     if (len < 0) {
         LOG_STREAM(3) << "write of negative length " << len << " to " << std::string(path_, strnlen(path_, sizeof path_));
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     if (buf == nullptr && len > 0) return result::kBadArgument;
     return file_.sputn(static_cast<const char*>(buf), len) == len ? 0 : result::kFailed;
@@ -48,7 +49,7 @@ int CQueuedFileTransf::Write(void* buf, int len) {
 int CQueuedFileTransf::Read(void* buf, int len) {
     if (len < 0) {
         LOG_STREAM(3) << "read of negative length " << len << " from " << std::string(path_, strnlen(path_, sizeof path_));
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     if (buf == nullptr && len > 0) return result::kBadArgument;
     return file_.sgetn(static_cast<char*>(buf), len) == len ? 0 : result::kFailed;

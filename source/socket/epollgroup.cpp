@@ -8,10 +8,11 @@
 
 #include "logger/log.h"
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
 #include "unix/peek.h"
 #include "wait/epoll_engine.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/epollgroup";
 
 namespace result = linnet::result;
@@ -126,7 +127,7 @@ CEpollGroup::~CEpollGroup() { delete impl_; }
 int CEpollGroup::Add(NonBlockSocket* s, int events) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return result::kStep1;
+        return result::kGroupNullMember;
     }
     if (impl_ == nullptr) return result::kNoMemory;
     s->SetEvents(events);
@@ -134,7 +135,7 @@ int CEpollGroup::Add(NonBlockSocket* s, int events) {
     if (found != impl_->members.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " exists in group";
         impl_->Update(&found->second);
-        return result::kStep2;
+        return result::kGroupDuplicate;
     }
     Member m{s, dynamic_cast<QueuedTCPSocket*>(s), dynamic_cast<CompressedTCPSocket*>(s), kNoHandle, false, 0, 0};
     Member* slot;
@@ -156,13 +157,13 @@ int CEpollGroup::Add(NonBlockSocket* s, int events) {
 int CEpollGroup::Change(NonBlockSocket* s, int events) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return result::kStep1;
+        return result::kGroupNullMember;
     }
     if (impl_ == nullptr) return result::kNoMemory;
     const auto found = impl_->members.find(s);
     if (found == impl_->members.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " not found in group";
-        return result::kStep2;
+        return result::kGroupNotMember;
     }
     const int before = Socket::Events(*s);
     s->SetEvents(events);
@@ -177,13 +178,13 @@ int CEpollGroup::Change(NonBlockSocket* s, int events) {
 int CEpollGroup::Remove(NonBlockSocket* s) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return result::kStep1;
+        return result::kGroupNullMember;
     }
-    if (impl_ == nullptr) return result::kStep2;
+    if (impl_ == nullptr) return result::kGroupNotMember;
     const auto found = impl_->members.find(s);
     if (found == impl_->members.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " not found in group";
-        return result::kStep2;
+        return result::kGroupNotMember;
     }
     Member& m = found->second;
     if (m.handle != kNoHandle) {
@@ -231,7 +232,7 @@ int CEpollGroup::Wait(int seconds, int microseconds) {
             if (left < 0) left = 0;
         }
         const int n = g.engine.wait(left);
-        if (n == linnet::sys::kNothingToWaitFor) {
+        if (n == linnet::kEndlessWait) {
             LOG_STREAM(3) << "nothing to wait for in socket group: no member with a descriptor asks for events";
             return result::kNothingToWaitFor;
         }

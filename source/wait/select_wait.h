@@ -1,80 +1,20 @@
-// Internal to linnet, never installed: the thin layer over raw system calls
-// that the socket classes share. Results here are the system's (-1 and
-// errno); the classes turn them into the library's codes with failure().
-#ifndef LINNET_SOURCE_SOCKOPS_H
-#define LINNET_SOURCE_SOCKOPS_H
+// Internal to linnet, never installed: the readiness wait of a single
+// socket's Poll and of a socket group, select(2) with poll(2) beyond
+// FD_SETSIZE. Results are the system's (-1 and errno) and kEndlessWait.
+#ifndef LINNET_SOURCE_WAIT_SELECT_WAIT_H
+#define LINNET_SOURCE_WAIT_SELECT_WAIT_H
 
 #include <linnet/socket.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/select.h>
-#include <sys/socket.h>
 #include <sys/time.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
 #include "results.h"
 
 namespace linnet {
-namespace sys {
-
-// The library's code for a failed call: -errno (or the errno value saved
-// in `err`), or -1 when it is 0 so that a failure is never reported as
-// success. The one place where an errno becomes a result.
-inline int failure(int err) { return err != 0 ? -err : result::kFailed; }
-inline int failure() { return failure(errno); }
-
-// Microseconds on the monotonic clock: what the library's own time-outs
-// measure, unmoved by changes of the wall clock.
-inline long long monotonic_us() {
-    timespec ts;
-    ::clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
-}
-
-// An IPv4 socket address: `ip` in network byte order, copied as it is;
-// `port` in host byte order.
-inline sockaddr_in ipv4_address(unsigned int ip, unsigned short port) {
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(port);
-    sa.sin_addr.s_addr = ip;
-    return sa;
-}
-
-// One send() with MSG_NOSIGNAL; for a descriptor that is not a socket (a
-// pipe adopted by OpenFD) one write() with SIGPIPE blocked in the calling
-// thread, a SIGPIPE it raised taken back (one the thread already had
-// pending is left alone) and the signal mask restored. Never raises
-// SIGPIPE. The system's result: a count, or -1 with errno (EPIPE...).
-ssize_t send_nosignal(int fd, const void* buf, std::size_t len);
-
-// The linger every socket of the library gets: on, one second.
-const linger kLingerOneSecond = {1, 1};
-
-// The readiness wait, select(2) with poll(2) beyond FD_SETSIZE, shared by a
-// single socket's Poll and by a socket group: one walk builds the wait, one
-// distributes its answer.
-//
-// An item is anything an Access reaches (a WaitItem, a group's member):
-//     int fd(const Item&)            descriptor; negative: skipped
-//     int events(const Item&)        POLL_READ | POLL_WRITE | POLL_EXCEPT
-//     void set_ready(Item&, int)     0 before the wait, then the bits found
-//
-// wait_ready fills every item's ready bits with what it asked for and got and
-// returns select's count (one per set a descriptor is ready in; a descriptor
-// named by two items still counts once per set), 0 on time-out, or -1 with
-// errno set (EINTR when interrupted, EBADF for a closed descriptor, EINVAL
-// for a negative time). A null timeout waits without limit; the timeout is
-// passed on unnormalised. Items with a negative fd, or asking for nothing,
-// take part in no wait. kNothingToWaitFor, without waiting, when there is no
-// time limit and no item has a descriptor and events: nothing could end it.
-// When every descriptor is below FD_SETSIZE the wait is one select();
-// otherwise one ppoll() with the same answers, so no fd_set is ever indexed
-// out of range. After a result <= 0 every item's ready is 0.
-const int kNothingToWaitFor = result::kStep2;
+namespace wait {
 
 // The three select sets of one wait.
 class SelectSets {
@@ -148,6 +88,24 @@ private:
     std::size_t size_, capacity_;
 };
 
+// The wait itself: one walk builds it, one distributes its answer.
+//
+// An item is anything an Access reaches (a WaitItem, a group's member):
+//     int fd(const Item&)            descriptor; negative: skipped
+//     int events(const Item&)        POLL_READ | POLL_WRITE | POLL_EXCEPT
+//     void set_ready(Item&, int)     0 before the wait, then the bits found
+//
+// wait_ready fills every item's ready bits with what it asked for and got and
+// returns select's count (one per set a descriptor is ready in; a descriptor
+// named by two items still counts once per set), 0 on time-out, or -1 with
+// errno set (EINTR when interrupted, EBADF for a closed descriptor, EINVAL
+// for a negative time). A null timeout waits without limit; the timeout is
+// passed on unnormalised. Items with a negative fd, or asking for nothing,
+// take part in no wait. kEndlessWait, without waiting, when there is no time
+// limit and no item has a descriptor and events: nothing could end it.
+// When every descriptor is below FD_SETSIZE the wait is one select();
+// otherwise one ppoll() with the same answers, so no fd_set is ever indexed
+// out of range. After a result <= 0 every item's ready is 0.
 template <class It, class Access>
 int wait_ready(It first, It last, Access& access, const timeval* timeout) {
     const int kAll = POLL_READ | POLL_WRITE | POLL_EXCEPT;
@@ -164,7 +122,8 @@ int wait_ready(It first, It last, Access& access, const timeval* timeout) {
         if (fd >= 0 && events != 0) anything = true;
         if (!beyond && fd >= FD_SETSIZE && events != 0) {
             beyond = true;
-            for (It j = first; j != i; ++j) short_of_memory |= !polls.add(access.fd(*j), access.events(*j) & kAll);
+            for (It j = first; j != i; ++j)
+                short_of_memory |= !polls.add(access.fd(*j), access.events(*j) & kAll);
         }
         if (beyond)
             short_of_memory |= !polls.add(fd, events);
@@ -175,7 +134,7 @@ int wait_ready(It first, It last, Access& access, const timeval* timeout) {
         errno = ENOMEM;
         return kSystemFailure;
     }
-    if (!anything && timeout == nullptr) return kNothingToWaitFor;
+    if (!anything && timeout == nullptr) return kEndlessWait;
     if (!beyond) {
         const int n = sets.wait(timeout);
         if (n <= 0) return n;
@@ -209,46 +168,7 @@ struct WaitItem {
 // wait_ready over an array of WaitItem.
 int wait_ready(WaitItem* items, std::size_t count, const timeval* timeout);
 
-// Owns a descriptor that one operation opened for its own use; closes it
-// once, on every exit.
-class ScopedFd {
-public:
-    explicit ScopedFd(int fd = kNoFd) : fd_(fd) {}
-    ~ScopedFd() { reset(); }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return fd_; }
-    int release() {
-        const int f = fd_;
-        fd_ = kNoFd;
-        return f;
-    }
-    void reset(int fd = kNoFd) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = fd;
-    }
-
-private:
-    int fd_;
-};
-
-// Closing without the one-second linger: `reset` true drops unsent data and
-// sends RST; false lets the kernel deliver unsent data after close returns.
-// 0, or failure().
-inline int set_close_now(int fd, bool reset) {
-    const linger l{reset ? 1 : 0, 0};
-    return ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &l, sizeof l) == 0 ? 0 : failure();
-}
-
-// The local port of a bound IPv4 socket, host order; 0 when it cannot be read.
-inline unsigned short local_port(int fd) {
-    sockaddr_in sa{};
-    socklen_t len = sizeof sa;
-    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) != 0) return 0;
-    return ntohs(sa.sin_port);
-}
-
-}  // namespace sys
+}  // namespace wait
 }  // namespace linnet
 
 #endif

@@ -8,8 +8,9 @@
 
 #include "logger/log.h"
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/udpsocket";
 
 namespace result = linnet::result;
@@ -65,7 +66,7 @@ int UDPSocket::Write(unsigned int ip, unsigned short port, void* buf, int size) 
     }
     if (size < 0) {  // sendto() would take it as a huge count
         LOG_FORMAT("Write", 3, "write of negative length %d on fd_ %d", size, fd_);
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     if (buf == nullptr && size > 0) {
         LOG_FORMAT("Write", 3, "write from a null buffer on fd_ %d", fd_);
@@ -136,7 +137,7 @@ int UDPSocket::Read(void* buf, unsigned int size, unsigned int* ip, unsigned sho
 int UDPSocket::Read(void* buf, int size) {
     if (size < 0) {
         LOG_STREAM(3) << "read of negative length " << size << " on fd_ " << fd_;
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     return Read(buf, static_cast<unsigned int>(size), &addr_, &port_, MSG_NOSIGNAL);
 }

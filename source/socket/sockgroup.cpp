@@ -9,8 +9,10 @@
 
 #include "logger/log.h"
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
+#include "wait/select_wait.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/sockgroup";
 
 namespace result = linnet::result;
@@ -18,11 +20,11 @@ namespace result = linnet::result;
 int CSockGroup::Add(NonBlockSocket* s) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return result::kStep1;
+        return result::kGroupNullMember;
     }
     if (std::find(socks_.begin(), socks_.end(), s) != socks_.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " exists in group";
-        return result::kStep2;
+        return result::kGroupDuplicate;
     }
     socks_.push_back(s);
     return 0;
@@ -31,7 +33,7 @@ int CSockGroup::Add(NonBlockSocket* s) {
 int CSockGroup::Add(NonBlockSocket* s, int events) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return result::kStep1;
+        return result::kGroupNullMember;
     }
     s->SetEvents(events);
     return Add(s);
@@ -40,12 +42,12 @@ int CSockGroup::Add(NonBlockSocket* s, int events) {
 int CSockGroup::Remove(NonBlockSocket* s) {
     if (s == nullptr) {
         LOG_STREAM(11) << "non valid socket pointer";
-        return result::kStep1;
+        return result::kGroupNullMember;
     }
     const auto it = std::find(socks_.begin(), socks_.end(), s);
     if (it == socks_.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " not found in group";
-        return result::kStep2;
+        return result::kGroupNotMember;
     }
     socks_.erase(it);
     return 0;
@@ -95,8 +97,8 @@ int CSockGroup::Poll(int seconds, int microseconds) {
                                              << (bits & POLL_EXCEPT);
         }
     } members;
-    const int n = linnet::sys::wait_ready(socks_.begin(), socks_.end(), members, timeout);
-    if (n == linnet::sys::kNothingToWaitFor) {
+    const int n = linnet::wait::wait_ready(socks_.begin(), socks_.end(), members, timeout);
+    if (n == linnet::kEndlessWait) {
         LOG_STREAM(3) << "nothing to wait for in socket group: no member with a descriptor asks for events";
         return result::kNothingToWaitFor;
     }
@@ -128,12 +130,12 @@ int CSockGroup::Poll(int seconds, int microseconds) {
 int CSockGroup::GetState(NonBlockSocket* s) {
     if (socks_.empty()) {
         LOG_STREAM(11) << "socket group empty";
-        return result::kStep1;
+        return result::kGroupEmpty;
     }
     const auto it = std::find(socks_.begin(), socks_.end(), s);
     if (it == socks_.end()) {
         LOG_STREAM(11) << "socket addr " << static_cast<const void*>(s) << " not found in group";
-        return result::kStep2;
+        return result::kGroupNotMember;
     }
     return (*it)->state_;
 }

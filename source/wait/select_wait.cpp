@@ -1,19 +1,15 @@
-#include "results.h"
-#include "sockops.h"
+#include "wait/select_wait.h"
 
-#include <linnet/socket.h>
-#include <poll.h>
-#include <pthread.h>
-#include <signal.h>
-#include <sys/select.h>
 #include <time.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <vector>
 
+#include "socket/sockops.h"
+
 namespace linnet {
-namespace sys {
+namespace wait {
 
 namespace {
 
@@ -32,39 +28,7 @@ struct WaitItemAccess {
     void set_ready(WaitItem& i, int bits) const { i.ready = bits; }
 };
 
-// write() to a non-socket with SIGPIPE kept from the process: blocked
-// around the call, and the one the call raised consumed before the mask
-// comes back, so the host's handler (or the default action) never sees it.
-ssize_t write_without_sigpipe(int fd, const void* buf, std::size_t len) {
-    sigset_t pipe_only, old, pending;
-    sigemptyset(&pipe_only);
-    sigaddset(&pipe_only, SIGPIPE);
-    sigemptyset(&pending);
-    sigpending(&pending);
-    // Already pending means already blocked: ours would merge with it.
-    const bool had_one = sigismember(&pending, SIGPIPE) == 1;
-    if (!had_one) pthread_sigmask(SIG_BLOCK, &pipe_only, &old);
-    const ssize_t n = ::write(fd, buf, len);
-    const int err = errno;
-    if (!had_one) {
-        if (n < 0 && err == EPIPE) {
-            const timespec none = {0, 0};
-            while (sigtimedwait(&pipe_only, nullptr, &none) < 0 && errno == EINTR) {
-            }
-        }
-        pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    }
-    errno = err;
-    return n;
-}
-
 }  // namespace
-
-ssize_t send_nosignal(int fd, const void* buf, std::size_t len) {
-    const ssize_t n = ::send(fd, buf, len, MSG_NOSIGNAL);
-    if (n < 0 && errno == ENOTSOCK) return write_without_sigpipe(fd, buf, len);
-    return n;
-}
 
 SelectSets::SelectSets() : largest_(0), used_(0) {
     FD_ZERO(&rd_);
@@ -112,7 +76,7 @@ int PollSet::wait(const timeval* timeout) {
         ts.tv_sec = timeout->tv_sec + timeout->tv_usec / 1000000;
         ts.tv_nsec = (timeout->tv_usec % 1000000) * 1000;
         tsp = &ts;
-        deadline = monotonic_us() + static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+        deadline = sys::monotonic_us() + static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
     }
     for (;;) {
         const int n = ppoll(fds_, size_, tsp, nullptr);
@@ -135,7 +99,7 @@ int PollSet::wait(const timeval* timeout) {
                 fds_[k].revents = 0;
             }
         if (tsp != nullptr) {
-            const long long left = deadline - monotonic_us();
+            const long long left = deadline - sys::monotonic_us();
             if (left <= 0) return 0;
             ts.tv_sec = static_cast<time_t>(left / 1000000);
             ts.tv_nsec = static_cast<long>(left % 1000000) * 1000;
@@ -171,5 +135,5 @@ int wait_ready(WaitItem* items, std::size_t count, const timeval* timeout) {
     return wait_ready(items, items + count, access, timeout);
 }
 
-}  // namespace sys
+}  // namespace wait
 }  // namespace linnet

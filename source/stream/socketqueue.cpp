@@ -54,7 +54,7 @@ SocketQueue::SocketQueue() : head_(nullptr), tail_(nullptr) {}
 SocketQueue::~SocketQueue() { Clear(); }
 
 int SocketQueue::PutBack(void* data, int size, int copy) {
-    if (size < 0) return result::kBadLength;
+    if (size < 0) return result::kBadArgument;
     if (data == nullptr && size > 0) return result::kBadArgument;
     Node* node = make_node(data, size, copy);
     if (node == nullptr) return result::kFailed;
@@ -67,7 +67,7 @@ int SocketQueue::PutBack(void* data, int size, int copy) {
 }
 
 int SocketQueue::PutFront(void* data, int size, int copy) {
-    if (size < 0) return result::kBadLength;
+    if (size < 0) return result::kBadArgument;
     if (data == nullptr && size > 0) return result::kBadArgument;
     Node* node = make_node(data, size, copy);
     if (node == nullptr) return result::kFailed;
@@ -109,7 +109,7 @@ int SocketQueue::Front(const unsigned char** data) const {
 }
 
 int SocketQueue::DropFront(int n) {
-    if (n < 0) return result::kBadLength;
+    if (n < 0) return result::kBadArgument;
     Node* node = head_;
     if (node == nullptr) return 0;
     if (n >= node->size) {

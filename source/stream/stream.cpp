@@ -10,8 +10,9 @@
 
 #include "logger/log.h"
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/unix/stream";
 
 namespace {
@@ -170,7 +171,7 @@ int SockStream::WriteBlock(void* data, unsigned size) {
     // time-out (Write's 0) included: a cut block is never reported sent.
     if (Write(&header, sizeof header) != static_cast<int>(sizeof header)) {
         LOG_STREAM(11) << "write failed, exiting";
-        return linnet::result::kStep1;
+        return linnet::result::kBlockHeaderFailed;
     }
     LOG_STREAM(11) << "writing block body";
     unsigned char* const body = static_cast<unsigned char*>(data);
@@ -179,7 +180,7 @@ int SockStream::WriteBlock(void* data, unsigned size) {
         const unsigned piece = piece_len(size - done);
         if (Write(body + done, piece) != static_cast<int>(piece)) {
             LOG_STREAM(11) << "write failed, exiting";
-            return linnet::result::kStep2;
+            return linnet::result::kBlockBodyNotSent;
         }
         done += piece;
     } while (done < size);
@@ -196,12 +197,12 @@ int SockStream::ReadBlock(unsigned char** body, unsigned* size_out, unsigned max
     std::uint32_t length = 0;
     if (Read(&length, sizeof length) < 0) {
         LOG_STREAM(11) << "error reading block size, exiting";
-        return linnet::result::kStep1;
+        return linnet::result::kBlockHeaderFailed;
     }
     LOG_STREAM(11) << "got block size " << length;
     if (max_size != 0 && length > max_size) {
         LOG_STREAM(11) << "too big block size (" << length << " > " << max_size << ")";
-        return linnet::result::kStep2;
+        return linnet::result::kBlockTooBig;
     }
     if (length == 0) return 0;
     LOG_STREAM(11) << "trying to allocate memory";
@@ -210,7 +211,7 @@ int SockStream::ReadBlock(unsigned char** body, unsigned* size_out, unsigned max
         LOG_STREAM(11) << "error allocating memory";
         Flush();
         LOG_STREAM(11) << "flushed input stream, exiting";
-        return linnet::result::kStep3;
+        return linnet::result::kBlockNoMemory;
     }
     LOG_STREAM(11) << "reading block body (size " << length << ")";
     unsigned done = 0;
@@ -219,7 +220,7 @@ int SockStream::ReadBlock(unsigned char** body, unsigned* size_out, unsigned max
         if (Read(buffer + done, piece) < 0) {
             LOG_STREAM(11) << "error reading block body, exiting";
             delete[] buffer;
-            return linnet::result::kStep4;
+            return linnet::result::kBlockBodyNotRead;
         }
         done += piece;
     }

@@ -12,8 +12,10 @@
 
 #include "logger/log.h"
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
+#include "wait/select_wait.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/socket";
 
 namespace {
@@ -25,7 +27,7 @@ namespace result = linnet::result;
 // number, -1 (with errno) when it cannot be opened.
 int read_proc_int(const char* path) {
     linnet::sys::ScopedFd file(::open(path, O_RDONLY | O_CLOEXEC));
-    if (file.get() < 0) return result::kFailed;
+    if (file.get() < 0) return linnet::kSystemFailure;
     char text[32];
     const ssize_t n = ::read(file.get(), text, sizeof text - 1);
     if (n <= 0) return 0;
@@ -79,10 +81,10 @@ int NonBlockSocket::Poll(int events, int sec, int usec) {
     timeval tv;
     tv.tv_sec = sec;
     tv.tv_usec = usec;
-    linnet::sys::WaitItem item{fd_, events & (POLL_READ | POLL_WRITE), 0};
+    linnet::wait::WaitItem item{fd_, events & (POLL_READ | POLL_WRITE), 0};
     lastError_ = 0;
     state_ = 0;
-    const int n = linnet::sys::wait_ready(&item, 1, &tv);
+    const int n = linnet::wait::wait_ready(&item, 1, &tv);
     if (n > 0) {
         state_ = item.ready;
         LOG_STREAM(11) << "return on fd_ " << fd_ << ": read " << (state_ & POLL_READ)

@@ -11,8 +11,9 @@
 
 #include "logger/log.h"
 #include "results.h"
-#include "sockops.h"
+#include "socket/sockops.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/tcpsocket";
 
 namespace result = linnet::result;
@@ -137,7 +138,7 @@ int TCPSocket::Read(void* buf, int len) {
     }
     if (len < 0) {  // read() would take it as a huge count and overrun buf
         LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     if (buf == nullptr && len > 0) {
         LOG_STREAM(3) << "read into a null buffer on fd_ " << fd_;
@@ -168,7 +169,7 @@ int TCPSocket::Write(void* buf, int len) {
     }
     if (len < 0) {  // send() would take it as a huge count and send the heap
         LOG_STREAM(3) << "write of negative length " << len << " on fd_ " << fd_;
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     if (buf == nullptr && len > 0) {
         LOG_STREAM(3) << "write from a null buffer on fd_ " << fd_;

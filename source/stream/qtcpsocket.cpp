@@ -9,6 +9,7 @@
 #include "logger/log.h"
 #include "results.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/unix/qtcpsocket";
 
 namespace result = linnet::result;
@@ -80,7 +81,7 @@ int QueuedTCPSocket::GetInitState() const { return initState_ & ~kCloseQueued; }
 int QueuedTCPSocket::Write(void* buf, int len) {
     if (len < 0) {
         LOG_STREAM(3) << "write of negative length " << len << " on fd_ " << fd_;
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     if (buf == nullptr && len > 0) {
         LOG_STREAM(3) << "write from a null buffer on fd_ " << fd_;
@@ -92,7 +93,7 @@ int QueuedTCPSocket::Write(void* buf, int len) {
 int QueuedTCPSocket::Read(void* buf, int len) {
     if (len < 0) {
         LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     const int first = inQueue_->Get(nullptr, 0);
     if (buf == nullptr) return first;
@@ -103,7 +104,7 @@ int QueuedTCPSocket::Read(void* buf, int len) {
 int QueuedTCPSocket::ReadBlock(void* buf, int len) {
     if (len < 0) {
         LOG_STREAM(3) << "read of negative length " << len << " on fd_ " << fd_;
-        return result::kBadLength;
+        return result::kBadArgument;
     }
     const int total = inQueue_->Size();
     if (total == 0 || buf == nullptr) return total;
