@@ -145,7 +145,7 @@ int CBlockServer::Impl::Round(int waitMs) {
     for (long long t : timers)
         if (t != kNoTime && (wait == kNoTime || t - now < wait)) wait = t > now ? t - now : 0;
     const int r = engine_.wait(wait == kNoTime ? kNoTime : wait * 1000, true);  // a signal ends the round
-    if (r == linnet::sys::kNothingToWaitFor) return result::kNothingToWaitFor;
+    if (r == linnet::kEndlessWait) return result::kNothingToWaitFor;
     if (r < 0) return r;
     now = CBlockAssembler::NowMs();
     ++round_;
