@@ -557,12 +557,14 @@ TEST(CompressedTCPSocket, GroupSeesBufferedInputWithoutWaiting) {
 
 // Plain bytes a zlib reader decodes from fd, taking at most 4000 bytes per
 // millisecond, until end of stream, an inflate error or 20 s.
-std::string SlowInflate(int fd) {
+// Starts reading once `go` is set (or after 20 s without it).
+std::string SlowInflate(int fd, const std::atomic<bool>& go) {
     z_stream z{};
     inflateInit(&z);
     std::string out;
     std::vector<unsigned char> in(4000), plain(1 << 16);
     const auto deadline = Clock::now() + std::chrono::seconds(20);
+    for (int i = 0; i < 20000 && !go; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     for (bool end = false; !end && Clock::now() < deadline;) {
         pollfd p{fd, POLLIN, 0};
         if (::poll(&p, 1, 100) <= 0) continue;
@@ -598,7 +600,10 @@ TEST(CompressedSockStream, FlushIntoAPartlyFreeSendBufferLosesNoByte) {
     ::setsockopt(w.Fd(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     const std::string data = testdata::RandomBytes(1 << 20, 11);
     std::string got;
-    std::thread reader([&] { got = SlowInflate(p.server.get()); });
+    // The reader holds back until a flush has met a full kernel buffer, so
+    // that one does however fast this machine reads.
+    std::atomic<bool> go{false};
+    std::thread reader([&] { got = SlowInflate(p.server.get(), go); });
     CompressedSockStream s(&w, 2000000, 5);
     int partial = 0, failed = 0;
     std::mt19937 rng(3);
@@ -611,7 +616,9 @@ TEST(CompressedSockStream, FlushIntoAPartlyFreeSendBufferLosesNoByte) {
         const int r = s.Flush();
         failed += r < 0;
         partial += r > 0 && w.Pending() > 0;  // some sent, the rest kept
+        go = go || partial > 0;
     }
+    go = true;
     EXPECT_EQ(failed, 0);
     EXPECT_EQ(w.FullFlush(), 0);
     ::shutdown(w.Fd(), SHUT_WR);  // the reader's end of stream

@@ -258,7 +258,7 @@ TEST_P(HostilePeer, CostsOnlyItselfWhileGoodClientsLoseNothing) {
     });
     CBlockRecord rec;
     bool ended = false;
-    for (const auto start = testnet::Clock::now(); MsSince(start) < 20000 && !(done && ended);) {
+    for (const auto start = testnet::Clock::now(); MsSince(start) < 20000L * testnet::Scale() && !(done && ended);) {
         server.RunOnce(20);
         for (const CBlockRecord& r : server.ended) {
             EXPECT_EQ(hostile_port, r.peerPort) << "another connection ended: " << BlockEndName(r.end);
@@ -288,7 +288,7 @@ TEST_P(HostilePeer, CostsOnlyItselfWhileGoodClientsLoseNothing) {
     EXPECT_LE(rec.peakQueued, h.end == BlockEnd::kTooBig ? 4 + read : 3 * (kMaxBlock + 4) + 2 * read);
     // Generous: a stalled reader's clock restarts at every reply the kernel
     // still takes, and a sanitizer build on a busy machine is slow to fill.
-    EXPECT_LT(rec.heldMs, 2 * kDeadlineMs + 1500L * testnet::Scale());
+    EXPECT_LT(rec.heldMs, (2 * kDeadlineMs + 1500L) * testnet::Scale());
     EXPECT_EQ(n_good, good.connected);
     EXPECT_GT(good.echoed, 0);
     EXPECT_EQ(good.sent, good.echoed);
