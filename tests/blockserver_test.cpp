@@ -2,6 +2,7 @@
 #include <linnet/blockserver.h>
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -616,3 +617,36 @@ TEST(BlockServer, APausedServerDoesNotAgeTheRequestsItIsNotReading) {
 }
 
 }  // namespace
+
+// A connection that has been answered and gone quiet keeps no buffer: the
+// server's heap grows by its small fixed state only (an input buffer sized
+// for a 64 KiB read and a reply buffer would be some 70 KB each).
+TEST(BlockServer, AnIdleConnectionHoldsNoBufferOnceAnswered) {
+    const int n = std::max(100, 1000 / testnet::Scale());
+    if (!testnet::RaiseFdLimit(2 * n + 256)) GTEST_SKIP() << "cannot raise the descriptor limit to " << 2 * n + 256;
+    const auto heap = [] {
+        const struct mallinfo2 m = ::mallinfo2();
+        return static_cast<double>(m.uordblks + m.hblkhd);
+    };
+    CBlockServer server{CBlockOptions()};
+    ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
+    std::vector<testnet::Fd> clients;
+    clients.reserve(static_cast<std::size_t>(n));
+    const std::string block = Block(std::string(64, 'b'));
+    const double before = heap();
+    for (int i = 1; i <= n; ++i) {  // answered 100 at a time
+        clients.push_back(testnet::Dial(server.Port()));
+        ASSERT_EQ(68, ::write(clients.back().get(), block.data(), block.size()));
+        const auto t0 = testnet::Clock::now();
+        while ((i % 100 == 0 || i == n) && server.GetStats().blocks < static_cast<unsigned>(i) && testnet::SecondsSince(t0) < 20)
+            server.RunOnce(10);
+    }
+    const double grown = heap() - before;
+    int echoed = 0;
+    char echo[80];
+    for (const testnet::Fd& c : clients) echoed += ::recv(c.get(), echo, sizeof echo, MSG_DONTWAIT) == 68;
+    EXPECT_EQ(n, echoed);
+    EXPECT_EQ(static_cast<std::size_t>(n), server.Connections());
+    if (grown <= 0) GTEST_SKIP() << "the allocator does not report to mallinfo2 (a sanitizer's)";
+    EXPECT_LT(grown / n, 2048) << "heap bytes per idle connection";
+}

@@ -21,7 +21,8 @@
 //
 // Memory is bounded by the options (buffers grown beyond 2 x readSize for a
 // long block or a burst of replies are given back once empty; the resident
-// part of the rest is what recent traffic touched):
+// part of the rest is what recent traffic touched; CBlockServer takes a
+// connection's buffers back whenever a turn leaves them empty):
 //   input   at most maxBlock + 4 + readSize bytes (one incomplete block and
 //           one read; with compression one read is the decompressor's slab,
 //           five times the receive buffer size, when that is larger);
@@ -183,6 +184,18 @@ public:
     CBlockAssembler& operator=(const CBlockAssembler&) = delete;
 
 private:
+    // The server's loop hands empty buffers from one connection to the next
+    // (see linnet/blockserver.h), so an idle connection holds none.
+    friend class CBlockServer;
+    // The input (reply) buffer when it holds no byte, its capacity in *cap,
+    // the assembler then holding none; null when it holds bytes or none.
+    LINNET_BLOCK_PRIVATE unsigned char* TakeEmptyInput(long long* cap);
+    LINNET_BLOCK_PRIVATE unsigned char* TakeEmptyOutput(long long* cap);
+    // Takes buf (malloc'd, cap bytes) as its empty input (reply) buffer when
+    // it holds none: false, buf still the caller's, when it holds one.
+    LINNET_BLOCK_PRIVATE bool GiveInput(unsigned char* buf, long long cap);
+    LINNET_BLOCK_PRIVATE bool GiveOutput(unsigned char* buf, long long cap);
+
     LINNET_BLOCK_PRIVATE int ReadInto(NonBlockSocket* s, bool compressed, int size, long long now);
     LINNET_BLOCK_PRIVATE bool Room(int n);     // free space for n more input bytes
     LINNET_BLOCK_PRIVATE bool OutRoom(int n);  // free space for n more reply bytes

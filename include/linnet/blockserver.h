@@ -20,10 +20,18 @@
 // at once and the kernel is asked for writability only when a write falls
 // short (no system call while a connection's events stay as they are);
 // deadlines wait in a heap, one entry per connection that has one, re-armed
-// when it falls due rather than at every block. Memory per connection:
-// about 400 bytes until it sends, then its assembler's buffers (4 KiB each
-// way for small blocks, kept while it is open). QueuedBytes is a walk over
+// when it falls due rather than at every block. QueuedBytes is a walk over
 // every connection.
+//
+// Memory per connection (besides the kernel's socket buffers and, once
+// compressed, its zlib streams and their slabs): an idle one,
+// whatever it sent before, costs about 350 bytes (its state and its entry in
+// the wait) and holds no buffer. A busy one holds its assembler's buffers
+// only while they hold bytes (an incomplete block, replies the kernel has
+// not taken), within the bounds of linnet/blockassembler.h; emptied at the
+// end of its turn, they go back to the server, which keeps at most 8 each
+// way (none above 2 x readSize) for the next connection it serves, so a
+// busy connection reuses them instead of calling malloc every round.
 //
 // Stricter than the sockets it uses, so that no peer can hold the server:
 // a compressed connection is never flushed with the waiting FullFlush (its

@@ -248,6 +248,40 @@ bool CBlockAssembler::OutRoom(int n) {
     return Grow(&out_, &outCap_, outEnd_ + n);
 }
 
+unsigned char* CBlockAssembler::TakeEmptyInput(long long* cap) {
+    if (in_ == nullptr || inStart_ != inEnd_) return nullptr;
+    unsigned char* b = in_;
+    *cap = inCap_;
+    in_ = nullptr;
+    inCap_ = inStart_ = inEnd_ = 0;
+    return b;
+}
+
+unsigned char* CBlockAssembler::TakeEmptyOutput(long long* cap) {
+    if (out_ == nullptr || outStart_ != outEnd_) return nullptr;
+    unsigned char* b = out_;
+    *cap = outCap_;
+    out_ = nullptr;
+    outCap_ = outStart_ = outEnd_ = 0;
+    return b;
+}
+
+bool CBlockAssembler::GiveInput(unsigned char* buf, long long cap) {
+    if (in_ != nullptr) return false;  // without a buffer nothing is held: no byte to move
+    in_ = buf;
+    inCap_ = cap;
+    inStart_ = inEnd_ = 0;
+    return true;
+}
+
+bool CBlockAssembler::GiveOutput(unsigned char* buf, long long cap) {
+    if (out_ != nullptr) return false;
+    out_ = buf;
+    outCap_ = cap;
+    outStart_ = outEnd_ = 0;
+    return true;
+}
+
 int CBlockAssembler::QueuedOutput() const { return static_cast<int>(outEnd_ - outStart_); }
 
 void CBlockAssembler::NotePause(long long now) {

@@ -9,6 +9,7 @@
 #include "sockops.h"
 #include "unix/deadlineheap.h"
 #include "unix/peek.h"
+#include "unix/sparebuffers.h"
 #include "wait/epoll_engine.h"
 
 static const char kLogFile[] = "source/unix/blockserver";
@@ -17,6 +18,7 @@ namespace result = linnet::result;
 using linnet::kNoTime;
 using linnet::peek::Socket;
 using linnet::server::DeadlineHeap;
+using linnet::server::SpareBuffers;
 using linnet::wait::EpollEngine;
 
 namespace {
@@ -32,47 +34,59 @@ bool OutOfDescriptors(int code) {
            code == result::kNoBuffers || code == result::kNoMemory;
 }
 
-// What a registration's token points at: the listener's socket or a
-// connection's.
-struct Member {
-    NonBlockSocket* socket;
-};
+// A registration's token: the socket it watches, the listener's or a
+// connection's (a connection is its socket, so no pointer beside it).
+void* TokenOf(NonBlockSocket* s) { return s; }
+NonBlockSocket* SocketOf(void* token) { return static_cast<NonBlockSocket*>(token); }
 
-// One connection. With compression off a CompressedTCPSocket is a plain
+// One connection: every idle one costs this object (no buffer), so its
+// fields are packed. With compression off a CompressedTCPSocket is a plain
 // TCPSocket, so every connection can be switched later.
-struct Conn : Member {
-    explicit Conn(const CBlockOptions& o) : Member{&sock}, a(o), reply(&a) {}
-    CompressedTCPSocket sock;
+struct Conn : CompressedTCPSocket {
+    explicit Conn(const CBlockOptions& o) : a(o), reply(&a) {}
+    CompressedTCPSocket& sock() { return *this; }
     CBlockAssembler a;
     CBlockReply reply;
-    CBlockRecord rec;
+    unsigned long long bytesIn = 0, blocks = 0;  // for its record, with peer and peakQueued
     long long accepted = 0;
-    long long timerAt = kNoTime;  // when its current deadline entry falls due; kNoTime: none
-    std::size_t index = 0;        // its place among the connections
-    int handle = kNoHandle;       // its registration
-    std::uint32_t serial = 0;     // tells it from an earlier holder of the handle
-    unsigned long long round = 0;  // the round that served it last (never wraps)
-    bool switchPending = false;   // compression goes on once the replies are out
+    long long timerAt = kNoTime;    // when its current deadline entry falls due; kNoTime: none
+    unsigned long long round = 0;   // the round that served it last (never wraps)
+    unsigned peerIp = 0;            // network order
+    int peakQueued = 0;
+    int handle = kNoHandle;         // its registration
+    std::uint32_t serial = 0;       // tells it from an earlier holder of the handle
+    std::uint32_t index = 0;        // its place among the connections (fewer than descriptors)
+    unsigned short peerPort = 0;    // host order
+    bool switchPending = false;     // compression goes on once the replies are out
     // Input may wait without readiness (decoded inside the socket, or a read
     // loop cut short): read at the next round, which then does not sleep.
     bool hot = false;
-    bool resume = false;          // reading paused while it may: read again once it resumes
+    bool resume = false;            // reading paused while it may: read again once it resumes
 };
 
-Conn* ConnOf(void* token) { return static_cast<Conn*>(static_cast<Member*>(token)); }
+Conn* ConnOf(void* token) { return static_cast<Conn*>(SocketOf(token)); }
 
 // Asked by the engine before a wait, for connections only (the listener
 // is registered without a probe).
 int Held(void* token, int asked) { return ConnOf(token)->hot ? asked & POLL_READ : 0; }
 
-int FdOf(void* token) { return Socket::Fd(*static_cast<Member*>(token)->socket); }
+int FdOf(void* token) { return Socket::Fd(*SocketOf(token)); }
+
+// The largest buffer worth keeping for the next connection: what the
+// assembler itself keeps once empty.
+long long Largest(const CBlockOptions& o) { return 2LL * (o.readSize > 1024 ? o.readSize : 1024); }
 
 }  // namespace
 
 class __attribute__((visibility("hidden"))) CBlockServer::Impl {
 public:
     Impl(CBlockServer* owner, const CBlockOptions& options)
-        : owner_(owner), options_(options), engine_(EpollEngine::Hooks{&Held, &FdOf}), listenerMember_{&listener_} {}
+        : owner_(owner),
+          options_(options),
+          engine_(EpollEngine::Hooks{&Held, &FdOf}),
+          listenerToken_(TokenOf(&listener_)),
+          spareIn_(Largest(options)),
+          spareOut_(Largest(options)) {}
     ~Impl();
 
     int Listen(unsigned ip, unsigned short port, int backlog);
@@ -82,7 +96,7 @@ public:
     CBlockOptions options_;
     EpollEngine engine_;
     TCPSocket listener_;
-    Member listenerMember_;
+    void* const listenerToken_;
     int listenerHandle_ = kNoHandle;
     std::vector<Conn*> conns_;  // owned; ending one swaps the last into its place
     DeadlineHeap deadlines_;
@@ -90,6 +104,7 @@ public:
     unsigned long long round_ = 0;
     std::uint32_t serials_ = 0;
     CBlockStats stats_;
+    SpareBuffers spareIn_, spareOut_;  // empty buffers for the next connection served
 
 private:
     void Accept(long long now);
@@ -99,6 +114,8 @@ private:
     bool Serve(Conn& c, int bits, long long now, BlockEnd* why);
     bool Dispatch(Conn& c, long long now, BlockEnd* why);
     void Finish(Conn& c, BlockEnd why, long long now);
+    void Lend(Conn& c);
+    void Reclaim(Conn& c);
     bool Arm(Conn& c);
     Conn* Current(const DeadlineHeap::Entry& e) const;
     long long NextDeadline();
@@ -108,8 +125,8 @@ private:
 CBlockServer::Impl::~Impl() {
     engine_.clear();  // every registration ends with the instance: no call per connection
     for (Conn* c : conns_) {
-        linnet::sys::set_close_now(Socket::Fd(c->sock), false);
-        c->sock.Close();  // closed first: the destructor's final flush then cannot wait
+        linnet::sys::set_close_now(Socket::Fd(*c), false);
+        c->sock().Close();  // closed first: the destructor's final flush then cannot wait
         delete c;
     }
     listener_.Close();
@@ -121,7 +138,7 @@ int CBlockServer::Impl::Listen(unsigned ip, unsigned short port, int backlog) {
     if (r == 0) r = listener_.Bind(ip, port);
     if (r == 0) r = listener_.Listen(backlog);
     if (r == 0) {
-        listenerHandle_ = engine_.add(Socket::Fd(listener_), POLL_READ, &listenerMember_, false);
+        listenerHandle_ = engine_.add(Socket::Fd(listener_), POLL_READ, listenerToken_, false);
         if (listenerHandle_ < 0) r = listenerHandle_;
     }
     if (r != 0) {
@@ -151,7 +168,7 @@ int CBlockServer::Impl::Round(int waitMs) {
     ++round_;
     EpollEngine::Ready ready;
     while (engine_.next(&ready)) {
-        if (ready.token == &listenerMember_) {
+        if (ready.token == listenerToken_) {
             if (acceptResume_ == kNoTime) Accept(now);
         } else {
             Visit(*ConnOf(ready.token), ready.bits, now);
@@ -175,15 +192,15 @@ void CBlockServer::Impl::Accept(long long now) {
         linnet::sys::ScopedFd owned(fd);
         Conn* c = new (std::nothrow) Conn(options_);
         if (c == nullptr) break;
-        if (c->sock.OpenFD(fd, port) != 0) {  // not adopted: closed by `owned`
+        if (c->sock().OpenFD(fd, port) != 0) {  // not adopted: closed by `owned`
             delete c;
             continue;
         }
         owned.release();
-        c->sock.SetNoDelay(1);  // small replies must not wait for delayed ACKs
-        if (options_.compress) c->sock.SwitchCompression(1);
-        c->rec.peerIp = ip;
-        c->rec.peerPort = port;
+        c->sock().SetNoDelay(1);  // small replies must not wait for delayed ACKs
+        if (options_.compress) c->sock().SwitchCompression(1);
+        c->peerIp = ip;
+        c->peerPort = port;
         c->accepted = now;
         c->a.Reset(now);
         if (!Adopt(c, fd)) {  // no memory to keep or watch it: this peer is refused
@@ -202,7 +219,7 @@ void CBlockServer::Impl::Accept(long long now) {
 // of it is left behind.
 bool CBlockServer::Impl::Adopt(Conn* c, int fd) {
     c->serial = ++serials_;
-    c->handle = engine_.add(fd, POLL_READ, static_cast<Member*>(c), true);
+    c->handle = engine_.add(fd, POLL_READ, TokenOf(c), true);
     if (c->handle < 0) return false;
     try {
         conns_.push_back(c);
@@ -210,7 +227,7 @@ bool CBlockServer::Impl::Adopt(Conn* c, int fd) {
         engine_.remove(c->handle);
         return false;
     }
-    c->index = conns_.size() - 1;
+    c->index = static_cast<std::uint32_t>(conns_.size() - 1);
     if (Arm(*c)) return true;
     conns_.pop_back();
     engine_.remove(c->handle);
@@ -229,7 +246,27 @@ void CBlockServer::Impl::PauseAccept(long long now, int code) {
 void CBlockServer::Impl::Visit(Conn& c, int bits, long long now) {
     c.round = round_;
     BlockEnd why = BlockEnd::kClosed;
-    if (!Serve(c, bits, now, &why)) Finish(c, why, now);
+    if (Serve(c, bits, now, &why))
+        Reclaim(c);
+    else
+        Finish(c, why, now);
+}
+
+// Gives c the spare buffers it lacks before it reads: a busy connection
+// reuses the buffers of the one served before it instead of allocating.
+void CBlockServer::Impl::Lend(Conn& c) {
+    long long cap = 0;
+    if (unsigned char* b = spareIn_.Take(&cap))
+        if (!c.a.GiveInput(b, cap)) spareIn_.Put(b, cap);
+    if (unsigned char* b = spareOut_.Take(&cap))
+        if (!c.a.GiveOutput(b, cap)) spareOut_.Put(b, cap);
+}
+
+// Takes back c's buffers that hold nothing: an idle connection keeps none.
+void CBlockServer::Impl::Reclaim(Conn& c) {
+    long long cap = 0;
+    if (unsigned char* b = c.a.TakeEmptyInput(&cap)) spareIn_.Put(b, cap);
+    if (unsigned char* b = c.a.TakeEmptyOutput(&cap)) spareOut_.Put(b, cap);
 }
 
 bool CBlockServer::Impl::Serve(Conn& c, int bits, long long now, BlockEnd* why) {
@@ -239,18 +276,19 @@ bool CBlockServer::Impl::Serve(Conn& c, int bits, long long now, BlockEnd* why) 
     c.hot = false;
     const int outBefore = a.QueuedOutput();
     if ((ready & POLL_READ) && (a.Wanted() & POLL_READ) && !c.switchPending) {
+        Lend(c);
         for (int k = 0; k < kReadsPerRound; ++k) {
-            const int r = a.ReadFrom(&c.sock, now);
+            const int r = a.ReadFrom(&c.sock(), now);
             if (r == result::kStep3) {
                 *why = BlockEnd::kNoMemory;
                 return false;
             }
             if (r < 0) break;  // end of stream or reset: the input has ended, the replies still go out
-            if (r == 0 && k == 0 && linnet::peek::Compressed::Stuck(c.sock)) {
+            if (r == 0 && k == 0 && linnet::peek::Compressed::Stuck(c.sock())) {
                 *why = BlockEnd::kCorrupt;
                 return false;
             }
-            c.rec.bytesIn += static_cast<unsigned>(r);
+            c.bytesIn += static_cast<unsigned>(r);
             if (!Dispatch(c, now, why)) return false;
             if (!a.MayHaveMore() || c.switchPending) break;
             if (!(a.Wanted() & POLL_READ)) {  // paused for the replies with more input maybe held
@@ -262,7 +300,7 @@ bool CBlockServer::Impl::Serve(Conn& c, int bits, long long now, BlockEnd* why) 
     }
     // Written at once: writability is asked for only when this falls short.
     const bool send = (ready & POLL_WRITE) || a.QueuedOutput() > outBefore || a.InputEnded();
-    if (send && a.Pending() && a.Send(&c.sock, now) < 0) {
+    if (send && a.Pending() && a.Send(&c.sock(), now) < 0) {
         *why = BlockEnd::kSendFailed;
         return false;
     }
@@ -275,12 +313,12 @@ bool CBlockServer::Impl::Serve(Conn& c, int bits, long long now, BlockEnd* why) 
             *why = BlockEnd::kRefused;
             return false;
         }
-        c.sock.SwitchCompression(1);
+        c.sock().SwitchCompression(1);
         c.switchPending = false;
         c.hot = true;  // read what came while switching
     }
     const int queued = a.QueuedInput() + a.QueuedOutput();
-    if (queued > c.rec.peakQueued) c.rec.peakQueued = queued;
+    if (queued > c.peakQueued) c.peakQueued = queued;
     if (a.Expired(now, why)) return false;
     // Reading resumes: the socket may hold decoded input that no wait
     // shows, so it is read at once.
@@ -307,7 +345,7 @@ bool CBlockServer::Impl::Dispatch(Conn& c, long long now, BlockEnd* why) {
             return false;
         }
         const int h = owner_->OnBlock(c.reply, n.body, n.size);
-        ++c.rec.blocks;
+        ++c.blocks;
         ++stats_.blocks;
         stats_.bytes += n.size;
         if (h < 0) {
@@ -323,17 +361,25 @@ bool CBlockServer::Impl::Dispatch(Conn& c, long long now, BlockEnd* why) {
 
 void CBlockServer::Impl::Finish(Conn& c, BlockEnd why, long long now) {
     engine_.remove(c.handle);  // before the descriptor is closed
-    c.rec.end = why;
-    c.rec.heldMs = static_cast<long>(now - c.accepted);
+    CBlockRecord rec;
+    rec.peerIp = c.peerIp;
+    rec.peerPort = c.peerPort;
+    rec.end = why;
+    rec.heldMs = static_cast<long>(now - c.accepted);
+    rec.bytesIn = c.bytesIn;
+    rec.blocks = c.blocks;
+    rec.peakQueued = c.peakQueued;
     ++stats_.ended[static_cast<int>(why)];
-    LOG_FORMAT("RunOnce", 11, "connection fd_ %d ended: %s", Socket::Fd(c.sock), BlockEndName(why));
-    owner_->OnEnd(c.rec);
+    LOG_FORMAT("RunOnce", 11, "connection fd_ %d ended: %s", Socket::Fd(c), BlockEndName(why));
+    owner_->OnEnd(rec);
     // Never the one-second linger, which would stop every connection: a
     // peer that ended its stream and was handed every reply gets what is in
     // flight; every other end is a reset.
     const bool answered = c.a.InputEnded() && !c.a.Pending();
-    linnet::sys::set_close_now(Socket::Fd(c.sock), !answered);
-    c.sock.Close();  // before the destructor, whose final flush then cannot wait
+    linnet::sys::set_close_now(Socket::Fd(c), !answered);
+    c.sock().Close();  // before the destructor, whose final flush then cannot wait
+    c.a.Reset(now);    // what it still held is dropped: its buffers serve the next connection
+    Reclaim(c);
     Conn* last = conns_.back();
     conns_[c.index] = last;
     last->index = c.index;
@@ -355,7 +401,7 @@ bool CBlockServer::Impl::Arm(Conn& c) {
 // The connection whose current entry e is, or null for a stale entry.
 Conn* CBlockServer::Impl::Current(const DeadlineHeap::Entry& e) const {
     void* token = engine_.token(e.handle);
-    if (token == nullptr || token == &listenerMember_) return nullptr;
+    if (token == nullptr || token == listenerToken_) return nullptr;
     Conn* c = ConnOf(token);
     return c->serial == e.serial && c->timerAt == e.when ? c : nullptr;
 }
