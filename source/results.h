@@ -83,12 +83,6 @@ constexpr int kBlockTooBig = -2;
 constexpr int kBlockNoMemory = -3;
 constexpr int kBlockBodyNotRead = -4;
 
-// Still used by the block server: the block framing's codes by number.
-constexpr int kStep1 = -1;
-constexpr int kStep2 = -2;
-constexpr int kStep3 = -3;
-constexpr int kStep4 = -4;
-
 }  // namespace result
 
 // A raw system call's own failure value, which comes with errno; also what

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "net_helpers.h"
-#include "unix/peek.h"
+#include "socket/peek.h"
 
 namespace {
 

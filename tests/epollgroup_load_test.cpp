@@ -19,7 +19,7 @@
 
 #include "capture_host.h"
 #include "net_helpers.h"
-#include "unix/peek.h"
+#include "socket/peek.h"
 
 namespace {
 

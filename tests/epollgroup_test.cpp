@@ -23,7 +23,7 @@
 
 #include "capture_host.h"
 #include "net_helpers.h"
-#include "unix/peek.h"
+#include "socket/peek.h"
 #include "wait/epoll_engine.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include "logger/log.h"
 #include "results.h"
 #include "socket/sockops.h"
-#include "unix/peek.h"
+#include "socket/peek.h"
 #include "wait/epoll_engine.h"
 
 // The origin hosts have always seen in the log, wherever this file lives.

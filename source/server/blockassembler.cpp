@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "results.h"
-#include "unix/peek.h"
+#include "socket/peek.h"
 
 namespace {
 
@@ -53,10 +53,10 @@ const char* BlockEndName(BlockEnd e) {
 int BlockEndCode(BlockEnd e) {
     switch (e) {
         case BlockEnd::kClosed: return 0;
-        case BlockEnd::kCutHeader: return result::kStep1;
-        case BlockEnd::kTooBig: return result::kStep2;
-        case BlockEnd::kNoMemory: return result::kStep3;
-        case BlockEnd::kCutBody: return result::kStep4;
+        case BlockEnd::kCutHeader: return result::kBlockHeaderFailed;
+        case BlockEnd::kTooBig: return result::kBlockTooBig;
+        case BlockEnd::kNoMemory: return result::kBlockNoMemory;
+        case BlockEnd::kCutBody: return result::kBlockBodyNotRead;
         case BlockEnd::kSendFailed: return result::kUnexpected;
         case BlockEnd::kRefused: return result::kBadArgument;
         case BlockEnd::kCorrupt: return result::kCorruptInput;
@@ -132,7 +132,7 @@ int CBlockAssembler::ReadInto(NonBlockSocket* s, bool compressed, int size, long
         more_ = true;  // the caller has blocks to take first
         return 0;
     }
-    if (!Room(want)) return result::kStep3;
+    if (!Room(want)) return result::kBlockNoMemory;
     const int before = QueuedInput();
     int r = s->Read(in_ + inEnd_, want);
     if (r < 0 && compressed) {  // its Read reports the end before the input it still holds
@@ -152,8 +152,8 @@ int CBlockAssembler::TakeQueued(QueuedTCPSocket* s, int status, long long now) {
     const int before = QueuedInput();
     int taken = 0;
     for (int n; (n = s->Read(nullptr, 0)) > 0;) {
-        if (!Room(n)) return result::kStep3;
-        if (s->Read(in_ + inEnd_, n) != n) return result::kStep3;  // cannot happen: sized above
+        if (!Room(n)) return result::kBlockNoMemory;
+        if (s->Read(in_ + inEnd_, n) != n) return result::kBlockNoMemory;  // cannot happen: sized above
         if ((status & 3) != 0 && n == QTCPSOCK_CLOSE_SIZE &&
             std::memcmp(in_ + inEnd_, QTCPSOCK_CLOSE, QTCPSOCK_CLOSE_SIZE) == 0 && s->Read(nullptr, 0) == 0) {
             if (taken > 0) Arrived(before, now);
@@ -170,7 +170,7 @@ int CBlockAssembler::TakeQueued(QueuedTCPSocket* s, int status, long long now) {
 int CBlockAssembler::Feed(const void* data, int len, long long now) {
     if (len < 0 || (data == nullptr && len > 0)) return result::kBadArgument;
     if (len == 0) return 0;
-    if (!Room(len)) return result::kStep3;
+    if (!Room(len)) return result::kBlockNoMemory;
     const int before = QueuedInput();
     std::memcpy(in_ + inEnd_, data, static_cast<std::size_t>(len));
     inEnd_ += len;
@@ -212,7 +212,7 @@ CBlockNext CBlockAssembler::Next(long long now) {
 
 int CBlockAssembler::Next(const unsigned char** body, unsigned* size, long long now) {
     const CBlockNext n = Next(now);
-    if (n.kind == CBlockNext::kEnd) return result::kStep2;
+    if (n.kind == CBlockNext::kEnd) return result::kBlockTooBig;
     if (n.kind == CBlockNext::kNeedMore) return 0;
     if (body != nullptr) *body = n.body;
     if (size != nullptr) *size = n.size;
@@ -221,7 +221,7 @@ int CBlockAssembler::Next(const unsigned char** body, unsigned* size, long long 
 
 int CBlockAssembler::Reply(const void* data, int len) {
     if (len < 0 || (data == nullptr && len > 0)) return result::kBadArgument;
-    if (!OutRoom(len)) return result::kStep3;
+    if (!OutRoom(len)) return result::kBlockNoMemory;
     if (len > 0) std::memcpy(out_ + outEnd_, data, static_cast<std::size_t>(len));
     outEnd_ += len;
     return len;
@@ -229,7 +229,7 @@ int CBlockAssembler::Reply(const void* data, int len) {
 
 int CBlockAssembler::ReplyBlock(const void* body, unsigned size) {
     if (size > INT_MAX - 4 || (body == nullptr && size > 0)) return result::kBadArgument;
-    if (!OutRoom(static_cast<int>(size) + 4)) return result::kStep3;
+    if (!OutRoom(static_cast<int>(size) + 4)) return result::kBlockNoMemory;
     std::memcpy(out_ + outEnd_, &size, 4);
     if (size > 0) std::memcpy(out_ + outEnd_ + 4, body, size);
     outEnd_ += 4 + static_cast<long long>(size);

@@ -2,8 +2,8 @@
 // A connection's empty input and reply buffers come back here at the end of
 // its turn and the next connection served takes them: an idle connection
 // holds no buffer, and a busy one calls no malloc per round.
-#ifndef LINNET_SOURCE_UNIX_SPAREBUFFERS_H
-#define LINNET_SOURCE_UNIX_SPAREBUFFERS_H
+#ifndef LINNET_SOURCE_SERVER_SPAREBUFFERS_H
+#define LINNET_SOURCE_SERVER_SPAREBUFFERS_H
 
 #include <cstdlib>
 

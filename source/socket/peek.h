@@ -3,8 +3,8 @@
 // does not show. Each public class names its reader here a friend (declared
 // in its header), so the classes keep their layout and their interface and
 // these are plain member reads.
-#ifndef LINNET_SOURCE_UNIX_PEEK_H
-#define LINNET_SOURCE_UNIX_PEEK_H
+#ifndef LINNET_SOURCE_SOCKET_PEEK_H
+#define LINNET_SOURCE_SOCKET_PEEK_H
 
 #include <linnet/compress.h>
 #include <linnet/qtcpsocket.h>

@@ -3,8 +3,8 @@
 // truth (which entry is a connection's current one) and drops an entry that
 // no longer matches when it reaches the top, so moving a deadline later
 // costs nothing and one push is made per re-arm at most.
-#ifndef LINNET_SOURCE_UNIX_DEADLINEHEAP_H
-#define LINNET_SOURCE_UNIX_DEADLINEHEAP_H
+#ifndef LINNET_SOURCE_SERVER_DEADLINEHEAP_H
+#define LINNET_SOURCE_SERVER_DEADLINEHEAP_H
 
 #include <algorithm>
 #include <cstdint>

@@ -6,12 +6,13 @@
 
 #include "logger/log.h"
 #include "results.h"
-#include "sockops.h"
-#include "unix/deadlineheap.h"
-#include "unix/peek.h"
-#include "unix/sparebuffers.h"
+#include "socket/sockops.h"
+#include "server/deadlineheap.h"
+#include "socket/peek.h"
+#include "server/sparebuffers.h"
 #include "wait/epoll_engine.h"
 
+// The origin hosts have always seen in the log, wherever this file lives.
 static const char kLogFile[] = "source/unix/blockserver";
 
 namespace result = linnet::result;
@@ -279,7 +280,7 @@ bool CBlockServer::Impl::Serve(Conn& c, int bits, long long now, BlockEnd* why) 
         Lend(c);
         for (int k = 0; k < kReadsPerRound; ++k) {
             const int r = a.ReadFrom(&c.sock(), now);
-            if (r == result::kStep3) {
+            if (r == result::kBlockNoMemory) {
                 *why = BlockEnd::kNoMemory;
                 return false;
             }
@@ -349,7 +350,7 @@ bool CBlockServer::Impl::Dispatch(Conn& c, long long now, BlockEnd* why) {
         ++stats_.blocks;
         stats_.bytes += n.size;
         if (h < 0) {
-            *why = h == result::kStep3 ? BlockEnd::kNoMemory : BlockEnd::kRefused;
+            *why = h == result::kBlockNoMemory ? BlockEnd::kNoMemory : BlockEnd::kRefused;
             return false;
         }
         if (h == 1) {  // what follows is compressed: nothing more is read as plain
@@ -458,7 +459,7 @@ const CBlockStats& CBlockServer::GetStats() const {
 }
 
 int CBlockServer::OnBlock(CBlockReply& reply, const unsigned char* body, unsigned size) {
-    return reply.ReplyBlock(body, size) < 0 ? result::kStep3 : 0;
+    return reply.ReplyBlock(body, size) < 0 ? result::kBlockNoMemory : 0;
 }
 
 void CBlockServer::OnEnd(const CBlockRecord&) {}
