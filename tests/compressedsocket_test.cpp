@@ -469,6 +469,11 @@ TEST(CompressedSockStream, ReadsEveryBlockWhenTheLastBytesAreHeldBehindAFullSlab
         delete[] body;
     }
     EXPECT_EQ(intact, static_cast<int>(blocks.size()));
+    // Input offered again while the slab was full is counted once, when taken.
+    int in_compressed = 0, out_plain = 0;
+    r.GetCompressionStats(&in_compressed, &out_plain, nullptr, nullptr);
+    EXPECT_EQ(static_cast<size_t>(in_compressed), wire.size());
+    EXPECT_EQ(out_plain, 200 * 104 + 46004);
 }
 
 // A compressed member holding decoded bytes while its descriptor is quiet:
