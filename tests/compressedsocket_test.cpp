@@ -109,7 +109,6 @@ void RoundTrip(size_t total, unsigned seed) {
     const size_t burst_max = std::min<size_t>(96 * 1024, 4 * static_cast<size_t>(c.b.RcvBuf()));
     std::mt19937 rng(seed);
     std::string got;
-    const auto start = Clock::now();
     for (size_t off = 0; off < total;) {
         const size_t begin = off, end = std::min(total, off + 1 + rng() % burst_max);
         for (size_t piece; off < end; off += piece) {
@@ -121,7 +120,6 @@ void RoundTrip(size_t total, unsigned seed) {
         got += RecvExactly(&c.b, end - begin, &rng);
         ASSERT_EQ(got.size(), end) << "a flushed burst was not readable";
     }
-    const double seconds = testnet::SecondsSince(start);
     EXPECT_TRUE(got == text) << "bytes differ";
     int a_in_plain = 0, a_out_compressed = 0, b_in_compressed = 0, b_out_plain = 0;
     c.a.GetCompressionStats(nullptr, nullptr, &a_out_compressed, &a_in_plain);
@@ -129,28 +127,24 @@ void RoundTrip(size_t total, unsigned seed) {
     EXPECT_EQ(static_cast<size_t>(a_in_plain), total);
     EXPECT_EQ(static_cast<size_t>(b_out_plain), total);
     EXPECT_EQ(b_in_compressed, a_out_compressed);
-    std::printf("round trip %zu bytes: ratio %.2f, %.1f MB/s plain\n", total,
-                static_cast<double>(a_in_plain) / a_out_compressed, total / seconds / 1e6);
+}
+
+// A connection whose reader holds decoded bytes, not yet read, of `text`
+// (the first 10 bytes taken) while its socket is idle.
+void HoldDecoded(Conn* c, const std::string& text, std::mt19937* rng) {
+    ASSERT_TRUE(SendAll(&c->a, text.data(), text.size()));
+    ASSERT_EQ(c->a.FullFlush(), 0);
+    ASSERT_EQ(RecvExactly(&c->b, 10, rng).size(), 10u);
+    ASSERT_GT(c->b.Buffered(), 0);
 }
 
 }  // namespace
 
-// With nothing buffered and a quiet peer, Poll waits the whole time-out on
-// the socket, given in seconds or in microseconds.
-TEST(CompressedTCPSocket, QuietConnectionPollWaitsTheWholeTimeOut) {
-    Conn c(true);
-    testnet::ExpectQuietWaitsTheirWholeTime([&c](int sec, int usec) { return c.b.Poll(POLL_READ, sec, usec); });
-}
-
 // After the peer reset the connection, each operation that reaches the
 // socket hands its negative code back, compression on.
 TEST(CompressedTCPSocket, EveryOperationPassesTheSocketErrorOfAResetPeerOn) {
-    struct Row {
-        const char* op;
-        int expected;
-    } rows[] = {{"Write", -14}, {"Flush", -14}, {"FullFlush", -14}, {"Read", -14}};
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.op);
+    for (const std::string op : {"Write", "Flush", "FullFlush", "Read"}) {
+        SCOPED_TRACE(op);
         testnet::Pair p = testnet::MakeTcpPair();
         Probe a;
         ASSERT_EQ(a.OpenFD(p.client.release(), 0), 0);
@@ -159,16 +153,14 @@ TEST(CompressedTCPSocket, EveryOperationPassesTheSocketErrorOfAResetPeerOn) {
         p.server.reset();
         ASSERT_EQ(a.NonBlockSocket::Poll(POLL_READ, 5, 0), POLL_READ);  // the reset has arrived
         char data[64] = "some text for the compressor";
-        int r = 0;
-        if (std::strcmp(row.op, "Write") == 0) {
-            r = a.Write(data, sizeof data);
-        } else if (std::strcmp(row.op, "Read") == 0) {
-            r = a.Read(data, sizeof data);
+        if (op == "Write") {
+            EXPECT_EQ(a.Write(data, sizeof data), -14);
+        } else if (op == "Read") {
+            EXPECT_EQ(a.Read(data, sizeof data), -14);
         } else {
             a.CompressOnly(data, sizeof data);
-            r = std::strcmp(row.op, "Flush") == 0 ? a.Flush() : a.FullFlush();
+            EXPECT_EQ(op == "Flush" ? a.Flush() : a.FullFlush(), -14);
         }
-        EXPECT_EQ(r, row.expected);
     }
 }
 
@@ -206,11 +198,9 @@ TEST(CompressedTCPSocket, OutputThatExactlyFillsTheCompressorSlabArrives) {
 TEST(CompressedTCPSocket, PollAnswersFromBufferedStateWithoutTheSocket) {
     Conn c(true);
     const std::string text = testdata::TextLike(10000);
-    ASSERT_TRUE(SendAll(&c.a, text.data(), text.size()));
-    ASSERT_EQ(c.a.FullFlush(), 0);
     std::mt19937 rng(1);
-    ASSERT_EQ(RecvExactly(&c.b, 10, &rng).size(), 10u);
-    ASSERT_GT(c.b.Buffered(), 0);  // decoded, not yet read; the socket is idle
+    HoldDecoded(&c, text, &rng);
+    if (HasFatalFailure()) return;
     capture::Scope log;
     const auto start = Clock::now();
     EXPECT_EQ(c.b.Poll(POLL_READ, 5, 0), POLL_READ);
@@ -271,43 +261,6 @@ TEST(CompressedTCPSocket, CorruptInputEndsInReadReturningZero) {
     int zeros = 0;
     for (int i = 0; i < 50; ++i, s.Poll(POLL_READ, 0, 10000)) zeros += s.Read(buf, sizeof buf) == 0;
     EXPECT_EQ(zeros, 50);
-}
-
-TEST(CompressedTCPSocket, PeerRunningAheadCostsMemoryAndTimeButNeverData) {
-    Conn c(false);
-    c.b.SetRcvBufSize(16384);  // raw buffer 16 KiB, decompressor slab 80 KiB
-    ASSERT_EQ(c.a.SwitchCompression(1), 0);
-    ASSERT_EQ(c.b.SwitchCompression(1), 0);
-    std::vector<std::string> blocks;
-    for (unsigned i = 0; i < 64; ++i) blocks.push_back(testdata::TextLike(8000 + 97 * i, i + 1));
-    // The writer runs all 64 blocks ahead of the reader, as far as the
-    // socket buffers let it.
-    int written = -1;
-    std::thread writer([&] {
-        CompressedSockStream out(&c.a, 5000000, 5);
-        written = 0;
-        for (auto& b : blocks) {
-            if (out.WriteBlock(&b[0], static_cast<unsigned>(b.size())) != 0) return;
-            ++written;
-        }
-        if (c.a.FullFlush() != 0) written = -2;
-    });
-    // Let it fill every buffer on the way before the first read (EXPECT:
-    // the writer must be joined whatever happens).
-    EXPECT_EQ(c.b.Poll(POLL_READ, 5, 0), POLL_READ);
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    CompressedSockStream in(&c.b, 1000000, 5);
-    int intact = 0;
-    for (auto& b : blocks) {
-        unsigned char* body = nullptr;
-        unsigned size = 0;
-        if (in.ReadBlock(&body, &size, 1 << 20) != 0) break;
-        intact += size == b.size() && std::memcmp(body, b.data(), size) == 0;
-        delete[] body;
-    }
-    writer.join();
-    EXPECT_EQ(written, 64);
-    EXPECT_EQ(intact, 64);
 }
 
 TEST(CompressedTCPSocket, SwitchingOffAndOnEmptiesTheRawInput) {
@@ -516,6 +469,11 @@ TEST(CompressedSockStream, ReadsEveryBlockWhenTheLastBytesAreHeldBehindAFullSlab
         delete[] body;
     }
     EXPECT_EQ(intact, static_cast<int>(blocks.size()));
+    // Input offered again while the slab was full is counted once, when taken.
+    int in_compressed = 0, out_plain = 0;
+    r.GetCompressionStats(&in_compressed, &out_plain, nullptr, nullptr);
+    EXPECT_EQ(static_cast<size_t>(in_compressed), wire.size());
+    EXPECT_EQ(out_plain, 200 * 104 + 46004);
 }
 
 // A compressed member holding decoded bytes while its descriptor is quiet:
@@ -524,11 +482,9 @@ TEST(CompressedSockStream, ReadsEveryBlockWhenTheLastBytesAreHeldBehindAFullSlab
 TEST(CompressedTCPSocket, GroupSeesBufferedInputWithoutWaiting) {
     Conn c(true);
     const std::string text = testdata::TextLike(10000);
-    ASSERT_TRUE(SendAll(&c.a, text.data(), text.size()));
-    ASSERT_EQ(c.a.FullFlush(), 0);
     std::mt19937 rng(2);
-    ASSERT_EQ(RecvExactly(&c.b, 10, &rng).size(), 10u);
-    ASSERT_GT(c.b.Buffered(), 0);
+    HoldDecoded(&c, text, &rng);
+    if (HasFatalFailure()) return;
     testnet::Pair plain = testnet::MakeTcpPair();
     TCPSocket other;
     ASSERT_EQ(other.OpenFD(plain.client.release(), 0), 0);
