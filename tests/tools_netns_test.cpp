@@ -177,14 +177,8 @@ TEST(ToolJson, OddInterfaceNamesRoundTrip) {
         EXPECT_EQ(Count(seen, n), 3u) << n << " in " << seen;
 }
 
-// One route of every kind `ip -4 route` shows something different for;
-// each row is one `ip` command; `optional` rows need kernel support and are
-// skipped with a message when the kernel refuses them.
-struct RouteRow {
-    std::string cmd;
-    bool optional;
-};
-
+// One route of every kind `ip -4 route` shows something different for, one
+// `ip` command each; the last needs kernel support for nexthop objects.
 TEST(RoutesTool, TextAndJsonEqualIpForEveryAttribute) {
     REQUIRE_NETNS();
     Links links;
@@ -192,35 +186,33 @@ TEST(RoutesTool, TextAndJsonEqualIpForEveryAttribute) {
     const std::string odd = Sh(kOdd);
     ASSERT_TRUE(RunAll({"ip link set tvb up", "ip link add tvd type veth peer name tve", "ip link set tvd up",
                         "ip addr add 203.0.113.129/25 dev tvd"}));  // tve down: tvd has no carrier
-    const std::vector<RouteRow> rows = {
-        {"ip route add default via 192.0.2.254 metric 10", false},
-        {"ip route add 192.0.2.0/28 via 198.51.100.126 tos 0x10 realm 7", false},
-        {"ip route add 192.0.2.16/28 via 198.51.100.126 tos 0x20 realms 3/7 proto bird", false},
-        {"ip route add 192.0.2.32/28 via 198.51.100.126 mtu 1400 advmss 1360 window 65535 rtt 30ms "
-         "rttvar 1500ms initcwnd 10 initrwnd 20 hoplimit 64 reordering 3 ssthresh 5 cwnd 7 quickack 1 "
-         "features ecn congctl cubic rto_min 50ms",
-         false},
-        {"ip route add 192.0.2.48/28 via 198.51.100.126 mtu lock 1300 fastopen_no_cookie 1", false},
-        {"ip route add 192.0.2.64/28 via inet6 fe80::1 dev tva", false},
-        {"ip route add 192.0.2.80/28 nexthop via 198.51.100.126 dev tva weight 3 nexthop via 203.0.113.254 "
-         "dev " + std::string(odd) + " realm 5 nexthop via inet6 fe80::2 dev tva",
-         false},
-        {"ip route add unreachable 192.0.2.96/28 metric 6 mtu 1400", false},
-        {"ip route add blackhole 192.0.2.112/28 tos 0x10 table 7", false},
-        {"ip route add prohibit 192.0.2.128/28 table 253 scope 7", false},
-        {"ip route add throw 192.0.2.144/28 table 4000000000", false},
-        {"ip route add 192.0.2.160/28 via 198.51.100.126 proto 77 src 198.51.100.1 table 200", false},
-        {"ip route add 192.0.2.176/28 dev tva scope link proto dhcp", false},
-        {"ip route add 192.0.2.192/28 dev " + Sh(kUtf8), false},
-        {"ip route add 192.0.2.208/28 via 203.0.113.130 dev tvd onlink", false},  // onlink linkdown
-        {"ip nexthop add id 10 via 198.51.100.126 dev tva && ip route add 192.0.2.224/28 nhid 10 tos 0x10", true},
+    const std::vector<std::string> rows = {
+        "ip route add default via 192.0.2.254 metric 10",
+        "ip route add 192.0.2.0/28 via 198.51.100.126 tos 0x10 realm 7",
+        "ip route add 192.0.2.16/28 via 198.51.100.126 tos 0x20 realms 3/7 proto bird",
+        "ip route add 192.0.2.32/28 via 198.51.100.126 mtu 1400 advmss 1360 window 65535 rtt 30ms "
+        "rttvar 1500ms initcwnd 10 initrwnd 20 hoplimit 64 reordering 3 ssthresh 5 cwnd 7 quickack 1 "
+        "features ecn congctl cubic rto_min 50ms",
+        "ip route add 192.0.2.48/28 via 198.51.100.126 mtu lock 1300 fastopen_no_cookie 1",
+        "ip route add 192.0.2.64/28 via inet6 fe80::1 dev tva",
+        "ip route add 192.0.2.80/28 nexthop via 198.51.100.126 dev tva weight 3 nexthop via 203.0.113.254 "
+        "dev " + odd + " realm 5 nexthop via inet6 fe80::2 dev tva",
+        "ip route add unreachable 192.0.2.96/28 metric 6 mtu 1400",
+        "ip route add blackhole 192.0.2.112/28 tos 0x10 table 7",
+        "ip route add prohibit 192.0.2.128/28 table 253 scope 7",
+        "ip route add throw 192.0.2.144/28 table 4000000000",
+        "ip route add 192.0.2.160/28 via 198.51.100.126 proto 77 src 198.51.100.1 table 200",
+        "ip route add 192.0.2.176/28 dev tva scope link proto dhcp",
+        "ip route add 192.0.2.192/28 dev " + Sh(kUtf8),
+        "ip route add 192.0.2.208/28 via 203.0.113.130 dev tvd onlink",  // onlink linkdown
+        "ip nexthop add id 10 via 198.51.100.126 dev tva && ip route add 192.0.2.224/28 nhid 10 tos 0x10",
     };
-    for (const RouteRow& row : rows) {
-        if (netns::Run(row.cmd) == 0) continue;
-        if (row.optional)
-            std::printf("[ SKIPPED ] this kernel refuses: %s\n", row.cmd.c_str());
+    for (const std::string& cmd : rows) {
+        if (netns::Run(cmd) == 0) continue;
+        if (&cmd == &rows.back())
+            std::printf("[ SKIPPED ] this kernel refuses: %s\n", cmd.c_str());
         else
-            ADD_FAILURE() << "failed: " << row.cmd;
+            ADD_FAILURE() << "failed: " << cmd;
     }
     const struct {
         std::vector<std::string> args;
@@ -301,10 +293,6 @@ TEST(Demo, WithLoopbackDownFailsFastNamingTheReason) {
     EXPECT_EQ(Count(r.out, " FAILED after "), 4u) << r.out;
     EXPECT_EQ(Count(r.out, ": cannot connect to 127.0.0.1:"), 5u) << r.out;
     EXPECT_EQ(Count(r.out, ": Network is unreachable (-101)\n"), 5u) << r.out;
-    EXPECT_EQ(Count(r.out, " done after "), 0u) << r.out;
-    EXPECT_NE(r.out.find("  sender FAILED: cannot connect to 127.0.0.1:"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("  -> echo exchange: FAILED\n"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("  -> file transfer: FAILED\n"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("\nSOME CHECKS FAILED\n"), std::string::npos) << r.out;
 }
 
