@@ -52,8 +52,7 @@ void MakePair(Pair* p, bool nodelay) {
         ::getsockname(lst, reinterpret_cast<sockaddr*>(&sa), &len) < 0)
         throw std::runtime_error("listen");
     p->client = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (::connect(p->client, reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0)
-        throw std::runtime_error("connect");
+    if (::connect(p->client, reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0) throw std::runtime_error("connect");
     p->server = ::accept(lst, nullptr, nullptr);
     ::close(lst);
     const int on = nodelay ? 1 : 0;

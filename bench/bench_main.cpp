@@ -57,9 +57,7 @@ public:
     }
 
 private:
-    static bool Is(const std::string& name, const std::string& bm) {
-        return name.compare(0, name.find('/'), bm) == 0;
-    }
+    static bool Is(const std::string& name, const std::string& bm) { return name.compare(0, name.find('/'), bm) == 0; }
     std::map<std::string, Counters> medians_, runs_;
     std::vector<std::string> ran_;
 };
@@ -109,8 +107,8 @@ void PrintTable(const CounterReporter& reporter) {
 }  // namespace
 
 namespace bench {
-void Figure(const std::string& figure, const std::string& bm, const std::string& linnet,
-            const std::string& baseline, const std::string& unit) {
+void Figure(const std::string& figure, const std::string& bm, const std::string& linnet, const std::string& baseline,
+            const std::string& unit) {
     Rows().push_back(Row{figure, bm, linnet, baseline, unit, false});
 }
 void MemoryFigure(const std::string& figure, const std::string& bm, const std::string& linnet,

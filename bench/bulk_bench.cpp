@@ -33,10 +33,11 @@ void BM_Bulk(benchmark::State& state) {
     const std::vector<char> block(kBlock, 'x');
     bench::Link linnet(bench::Via::Linnet, true, Drain), blocking(bench::Via::Blocking, true, Drain);
     bench::Link select(bench::Via::Select, true, Drain), asio(bench::Via::Asio, true, Drain);
-    bench::Paired(state, {{"linnet", 8, Blocks(&linnet, &block)},
-                          {"a", 8, Blocks(&blocking, &block)},
-                          {"b", 8, Blocks(&select, &block)},
-                          {"c", 8, Blocks(&asio, &block)}},
+    bench::Paired(state,
+                  {{"linnet", 8, Blocks(&linnet, &block)},
+                   {"a", 8, Blocks(&blocking, &block)},
+                   {"b", 8, Blocks(&select, &block)},
+                   {"c", 8, Blocks(&asio, &block)}},
                   kBlock / 1e6);
 }
 BENCHMARK(BM_Bulk)->Iterations(40);

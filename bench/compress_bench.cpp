@@ -115,8 +115,9 @@ void BM_Compressed(benchmark::State& state) {
     const std::string text = testdata::TextLike(kBlock);
     CompressedLink link(&text);
     ZlibAlone zlib(&text);
-    bench::Paired(state, {{"linnet", 4, bench::Timed([&link] { return link.Block(); })},
-                          {"zlib", 4, bench::Timed([&zlib] { return zlib.Block(); })}},
+    bench::Paired(state,
+                  {{"linnet", 4, bench::Timed([&link] { return link.Block(); })},
+                   {"zlib", 4, bench::Timed([&zlib] { return zlib.Block(); })}},
                   kBlock / 1e6);
 }
 BENCHMARK(BM_Compressed)->Iterations(50);

@@ -117,7 +117,8 @@ private:
             if (r <= 0) return;  // the bench's clients never leave first
             c->in.insert(c->in.end(), buf_, buf_ + r);
             std::size_t at = 0;
-            for (std::uint32_t n; c->in.size() - at >= 4 && (std::memcpy(&n, &c->in[at], 4), c->in.size() - at - 4 >= n);) {
+            for (std::uint32_t n;
+                 c->in.size() - at >= 4 && (std::memcpy(&n, &c->in[at], 4), c->in.size() - at - 4 >= n);) {
                 c->out.insert(c->out.end(), c->in.begin() + static_cast<long>(at),
                               c->in.begin() + static_cast<long>(at + 4 + n));
                 at += 4 + n;
@@ -216,9 +217,9 @@ private:
 
 std::unique_ptr<EchoServer> MakeEchoServer(Server which) {
     switch (which) {
-    case Server::Linnet: return std::unique_ptr<EchoServer>(new LinnetServer);
-    case Server::Epoll: return std::unique_ptr<EchoServer>(new EpollServer);
-    case Server::Asio: break;
+        case Server::Linnet: return std::unique_ptr<EchoServer>(new LinnetServer);
+        case Server::Epoll: return std::unique_ptr<EchoServer>(new EpollServer);
+        case Server::Asio: break;
     }
     return std::unique_ptr<EchoServer>(new AsioServer);
 }

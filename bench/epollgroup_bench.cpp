@@ -29,8 +29,10 @@ struct Set {
     Set() {
         for (int i = 0; i < kIdle && ok; ++i) {
             const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-            if (fd < 0) ok = false;
-            else fds.push_back(fd);
+            if (fd < 0)
+                ok = false;
+            else
+                fds.push_back(fd);
         }
         int sv[2];
         if (::socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) ok = false;
@@ -107,14 +109,16 @@ void BM_EpollGroup10k_VsSockGroup(benchmark::State& state) {
         g.Add(s.get(), POLL_READ);
         sg.Add(s.get(), POLL_READ);
     }
-    bench::Paired(state, {{"linnet", 4, bench::Timed([&g] { return GroupWait(&g); })},
-                          {"sockgroup", 4, bench::Timed([&] {
-                               if (sg.Poll(0, 0) != 1) return false;
-                               int ready = 0;
-                               for (auto& s : set.socks) ready += s->GetState() != 0;
-                               benchmark::DoNotOptimize(ready);
-                               return ready == 1;
-                           })}});
+    bench::Paired(state,
+                  {{"linnet", 4, bench::Timed([&g] { return GroupWait(&g); })}, {"sockgroup", 4, bench::Timed([&] {
+                                                                                     if (sg.Poll(0, 0) != 1)
+                                                                                         return false;
+                                                                                     int ready = 0;
+                                                                                     for (auto& s : set.socks)
+                                                                                         ready += s->GetState() != 0;
+                                                                                     benchmark::DoNotOptimize(ready);
+                                                                                     return ready == 1;
+                                                                                 })}});
     g.Clear();
     sg.Clear();
 }

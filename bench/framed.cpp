@@ -43,9 +43,7 @@ public:
         if (select_) SetNonBlocking(fd_);
     }
     ~RawEnd() override { ::close(fd_); }
-    bool Send(const void* body, std::uint32_t size) override {
-        return Write(&size, 4) && Write(body, size);
-    }
+    bool Send(const void* body, std::uint32_t size) override { return Write(&size, 4) && Write(body, size); }
     bool Receive(std::uint32_t* size) override {
         if (!Read(size, 4)) return false;
         if (buf_.size() < *size) buf_.resize(*size);
@@ -90,10 +88,10 @@ private:
 
 std::unique_ptr<FramedEnd> MakeEnd(Via via, int fd) {
     switch (via) {
-    case Via::Linnet: return std::unique_ptr<FramedEnd>(new LinnetEnd(fd));
-    case Via::Blocking: return std::unique_ptr<FramedEnd>(new RawEnd(fd, false));
-    case Via::Select: return std::unique_ptr<FramedEnd>(new RawEnd(fd, true));
-    case Via::Asio: break;
+        case Via::Linnet: return std::unique_ptr<FramedEnd>(new LinnetEnd(fd));
+        case Via::Blocking: return std::unique_ptr<FramedEnd>(new RawEnd(fd, false));
+        case Via::Select: return std::unique_ptr<FramedEnd>(new RawEnd(fd, true));
+        case Via::Asio: break;
     }
     return std::unique_ptr<FramedEnd>(new AsioEnd(fd));
 }

@@ -46,8 +46,8 @@ void Paired(benchmark::State& state, const std::vector<Side>& sides, double per_
 
 // A row of the ratio table: side `linnet` against side `baseline` of the
 // paired benchmark `bm` (its name up to the first '/'); `unit` per second.
-void Figure(const std::string& figure, const std::string& bm, const std::string& linnet,
-            const std::string& baseline, const std::string& unit);
+void Figure(const std::string& figure, const std::string& bm, const std::string& linnet, const std::string& baseline,
+            const std::string& unit);
 // A row from counters "bytes:<name>" (lower is better): the ratio printed
 // is baseline / linnet, so above 1.0 linnet needs less.
 void MemoryFigure(const std::string& figure, const std::string& bm, const std::string& linnet,

@@ -17,8 +17,7 @@ namespace {
 const std::uint32_t kBody = 64;
 
 void Echo(bench::FramedEnd* end) {
-    for (std::uint32_t n = 0; end->Receive(&n) && end->Send(end->Body(), n);) {
-    }
+    for (std::uint32_t n = 0; end->Receive(&n) && end->Send(end->Body(), n);) {}
 }
 
 // One round trip on `link`.

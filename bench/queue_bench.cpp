@@ -123,9 +123,10 @@ void BM_Queue(benchmark::State& state) {
     const std::vector<char> block(kTotal, 'q');
     QueuedSender whole(int(kTotal), &block), chunks(kSmallChunk, &block);
     RawSender raw(&block);
-    bench::Paired(state, {{"whole", 1, bench::Timed([&whole] { return whole.Round(); })},
-                          {"chunks", 1, bench::Timed([&chunks] { return chunks.Round(); })},
-                          {"raw", 1, bench::Timed([&raw] { return raw.Round(); })}},
+    bench::Paired(state,
+                  {{"whole", 1, bench::Timed([&whole] { return whole.Round(); })},
+                   {"chunks", 1, bench::Timed([&chunks] { return chunks.Round(); })},
+                   {"raw", 1, bench::Timed([&raw] { return raw.Round(); })}},
                   kTotal / 1e6);
 }
 BENCHMARK(BM_Queue)->Iterations(20);

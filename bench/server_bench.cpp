@@ -51,9 +51,9 @@ void ThreeServers(benchmark::State& state, const LoadShape& shape, long batch) {
     if (!FitsFdLimit(state, shape)) return;
     ServerProcess linnet(Server::Linnet, shape), epoll(Server::Epoll, shape), asio(Server::Asio, shape);
     if (!Ready(state, {{"linnet", &linnet}, {"epoll", &epoll}, {"asio", &asio}})) return;
-    bench::Paired(state, {{"linnet", batch, linnet.AsBatch()},
-                          {"epoll", batch, epoll.AsBatch()},
-                          {"asio", batch, asio.AsBatch()}});
+    bench::Paired(
+        state,
+        {{"linnet", batch, linnet.AsBatch()}, {"epoll", batch, epoll.AsBatch()}, {"asio", batch, asio.AsBatch()}});
 }
 
 void BM_Server1kBusy(benchmark::State& state) { ThreeServers(state, {1000, 1000, 64}, 4000); }
@@ -86,8 +86,7 @@ void BM_ServerIdleMemory(benchmark::State& state) {
     if (!Ready(state, {{"linnet", &linnet}})) return;
     ServerProcess asio(Server::Asio, idle);
     if (!Ready(state, {{"asio", &asio}})) return;
-    for (auto _ : state) {
-    }
+    for (auto _ : state) {}
     state.counters["bytes:linnet"] = linnet.RssPerConnection();
     state.counters["bytes:asio"] = asio.RssPerConnection();
 }

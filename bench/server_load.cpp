@@ -23,10 +23,10 @@
 namespace bench {
 namespace {
 
-const int kWave = 256;          // connections opened before their first echo
-const int kSpareFds = 256;      // beyond one per connection
-const int kSetupMs = 180000;    // every connection accepted and echoed once
-const int kStallMs = 30000;     // a batch making no progress at all
+const int kWave = 256;        // connections opened before their first echo
+const int kSpareFds = 256;    // beyond one per connection
+const int kSetupMs = 180000;  // every connection accepted and echoed once
+const int kStallMs = 30000;   // a batch making no progress at all
 
 // One message from the server process; short enough to be written whole.
 struct Message {

@@ -35,8 +35,9 @@ std::string SecondsText(long long ms) {
 // A setter that parses its value with `parse` (range lo..hi) and stores it
 // in *out, converted to out's type, only when the text was accepted.
 template <typename T>
-std::function<std::string(const char*)> store_parsed(std::string (*parse)(const char*, long long, long long, long long*), T* out,
-                    long long lo, long long hi) {
+std::function<std::string(const char*)> store_parsed(std::string (*parse)(const char*, long long, long long,
+                                                                          long long*),
+                                                     T* out, long long lo, long long hi) {
     return [parse, out, lo, hi](const char* v) {
         long long n = 0;
         std::string e = parse(v, lo, hi, &n);
@@ -67,8 +68,10 @@ std::string ParseSeconds(const char* text, long long lo_ms, long long hi_ms, lon
     if (*p == '.') {
         int n = 0;
         for (++p; std::isdigit(static_cast<unsigned char>(*p)); ++p, ++n) {
-            if (n < 3) frac = frac * 10 + (*p - '0');
-            else finer = finer || *p != '0';
+            if (n < 3)
+                frac = frac * 10 + (*p - '0');
+            else
+                finer = finer || *p != '0';
         }
         if (n == 0) return not_time;
         for (; n < 3; ++n) frac *= 10;
@@ -130,8 +133,8 @@ std::string ErrorText(int result) {
 }
 
 std::string VersionLine(const char* program) {
-    return std::string(program) + " " + VersionText(LINNET_VERSION) + " (liblinnet " +
-           VersionText(LinnetVersion()) + ")";
+    return std::string(program) + " " + VersionText(LINNET_VERSION) + " (liblinnet " + VersionText(LinnetVersion()) +
+           ")";
 }
 
 Parser::Parser(const char* program, const char* usage) : program_(program), usage_(usage) {}

@@ -44,9 +44,7 @@ uint64_t Fnv(uint64_t h, const unsigned char* p, std::size_t n) {
 }
 const uint64_t kFnvStart = 1469598103934665603ull;
 
-double Seconds(Clock::time_point since) {
-    return std::chrono::duration<double>(Clock::now() - since).count();
-}
+double Seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
 
 // Echo server: the library's block server, switched to compression for a
 // client that asks for it (the answer to the request still goes out plain).
@@ -82,8 +80,7 @@ struct Progress {
 // Serves until every connection that was made has ended. After the last
 // client has returned, the server gets 5 s to see the connections close;
 // 120 s in all is the bound on a client that hangs.
-void RunServer(EchoServer* server, int clients, const Progress* progress, std::atomic<bool>* failed,
-               std::string* why) {
+void RunServer(EchoServer* server, int clients, const Progress* progress, std::atomic<bool>* failed, std::string* why) {
     const auto start = Clock::now();
     Clock::time_point all_ended{};
     bool all_ended_seen = false;
@@ -120,12 +117,12 @@ struct ClientResult {
 
 // Why a framed step failed, from the stream's step codes.
 std::string BlockFailure(int block, bool reading, int code) {
-    const char* what =
-        !reading ? (code == kHeaderFailed ? "its header could not be sent" : "its body could not be sent")
-        : code == kHeaderFailed ? "no echo header within 10 s (connection closed, failed or silent)"
-        : code == kTooBig       ? "the echo announced a block above the limit"
-        : code == kNoMemory     ? "no memory for the echo"
-                                : "the echo's body could not be read within 10 s";
+    const char* what = !reading
+                           ? (code == kHeaderFailed ? "its header could not be sent" : "its body could not be sent")
+                       : code == kHeaderFailed ? "no echo header within 10 s (connection closed, failed or silent)"
+                       : code == kTooBig       ? "the echo announced a block above the limit"
+                       : code == kNoMemory     ? "no memory for the echo"
+                                               : "the echo's body could not be read within 10 s";
     return "block " + std::to_string(block) + ": " + what;
 }
 
@@ -140,8 +137,7 @@ int ConnectLoopback(TCPSocket& sock, int opened, unsigned short port) {
 // step returns false with out->failure set when the exchange must stop.
 class EchoSession {
 public:
-    EchoSession(CompressedTCPSocket* sock, ClientResult* out)
-        : sock_(sock), stream_(sock, 1000000, 10), out_(out) {}
+    EchoSession(CompressedTCPSocket* sock, ClientResult* out) : sock_(sock), stream_(sock, 1000000, 10), out_(out) {}
 
     // 18 blocks of random bytes, 0 B to 1 MiB, three of each size.
     bool SendRandomBlocks(std::mt19937* rng) {
@@ -157,8 +153,7 @@ public:
 
     // The request block and its echo, still plain; then both ends switch.
     bool SwitchToCompression() {
-        const std::vector<unsigned char> request(kCompressRequest,
-                                                 kCompressRequest + sizeof kCompressRequest);
+        const std::vector<unsigned char> request(kCompressRequest, kCompressRequest + sizeof kCompressRequest);
         unsigned char* ack = nullptr;
         unsigned ack_size = 0;
         if (const int w = stream_.WriteBlock(request.data(), unsigned(request.size())); w != 0) {
@@ -275,8 +270,7 @@ const int kQueueBuffer = 256 * 1024;       // each end's queued socket buffers
 const int kTransferSeconds = 60;           // for the whole file, at either end
 
 bool WriteSourceFile(const std::string& path, const std::string& content) {
-    if (std::ofstream(path, std::ios::binary).write(content.data(), std::streamsize(content.size())))
-        return true;
+    if (std::ofstream(path, std::ios::binary).write(content.data(), std::streamsize(content.size()))) return true;
     std::printf("  cannot write %s\n", path.c_str());
     return false;
 }
@@ -307,8 +301,7 @@ bool WriteQueuedChunks(CQueuedFileTransf& dst, std::vector<char>& chunk, bool* w
 // the data arrives through the inherited queued receive, chunk by chunk.
 // True when the whole file was written and closed; otherwise *why tells
 // (empty when the sender gave up before connecting).
-bool ReceiveFile(Listener& listener, const std::string& dst_path, const TransferEnds& ends,
-                 std::string* why) {
+bool ReceiveFile(Listener& listener, const std::string& dst_path, const TransferEnds& ends, std::string* why) {
     const int fd = AcceptSender(listener, ends, why);
     if (fd < 0) return false;
     CQueuedFileTransf dst(1, kQueueBuffer);
@@ -339,8 +332,8 @@ bool ReceiveFile(Listener& listener, const std::string& dst_path, const Transfer
 
 // The sender's pace: up to 16 chunks from the file into the output queue,
 // never past the file's size. *why is set when the file cannot be read.
-void QueueFromFile(CQueuedFileTransf& src, const std::string& src_path, std::size_t size,
-                   std::vector<char>& buf, std::size_t* queued, std::string* why) {
+void QueueFromFile(CQueuedFileTransf& src, const std::string& src_path, std::size_t size, std::vector<char>& buf,
+                   std::size_t* queued, std::string* why) {
     for (int k = 0; k < 16 && *queued < size && why->empty(); ++k) {
         const std::size_t n = std::min(kFileChunk, size - *queued);
         if (src.Read(buf.data(), int(n)) != 0) *why = "reading " + src_path + " failed";
@@ -416,8 +409,7 @@ bool CompareCopy(const std::string& content, const std::string& dst_path, double
 
 // Writes a generated file, sends it through a queued socket pair over
 // 127.0.0.1 and compares the copy.
-bool TransferFile(const std::string& dir, const std::string& src_path, const std::string& dst_path,
-                  std::size_t size) {
+bool TransferFile(const std::string& dir, const std::string& src_path, const std::string& dst_path, std::size_t size) {
     const std::string content = demo::TextLike(size, 4242);
     if (!WriteSourceFile(src_path, content)) return false;
     Listener listener;
@@ -475,8 +467,8 @@ bool RunEchoExchange(int clients) {
     server.join();
     bool ok = !server_failed;
     if (!ok) std::printf("  server: %s\n", server_why.c_str());
-    std::printf("  %-7s %7s %12s %8s %10s %11s %9s\n", "client", "blocks", "bytes", "time s", "MB/s",
-                "compressed", "checksum");
+    std::printf("  %-7s %7s %12s %8s %10s %11s %9s\n", "client", "blocks", "bytes", "time s", "MB/s", "compressed",
+                "checksum");
     for (int i = 0; i < clients; ++i) {
         const ClientResult& r = results[std::size_t(i)];
         const double ratio = r.stats[2] > 0 ? double(r.stats[3]) / r.stats[2] : 0.0;

@@ -21,8 +21,8 @@ int PrefixLength(unsigned int mask) { return iftable::PrefixLength(mask); }
 namespace demo {
 
 std::string TextLike(std::size_t n, unsigned seed) {
-    static const char* const kWords[] = {"route ", "table ", "socket ", "stream ", "block ",
-                                         "interface ", "poll ", "compress ", "linnet ", "\n"};
+    static const char* const kWords[] = {"route ",     "table ", "socket ",   "stream ", "block ",
+                                         "interface ", "poll ",  "compress ", "linnet ", "\n"};
     std::string s;
     s.reserve(n + 16);
     unsigned x = seed | 1u;
@@ -53,8 +53,8 @@ bool PrintRoutes() {
     bool ok = true;
     try {
         CRoutesDump snapshot;
-        std::printf("  snapshot (%s, %zu routes outside the local table):\n",
-                    snapshot.valid() ? "valid" : "INVALID", snapshot.routes().size());
+        std::printf("  snapshot (%s, %zu routes outside the local table):\n", snapshot.valid() ? "valid" : "INVALID",
+                    snapshot.routes().size());
         std::cout.flush();
         snapshot.print(std::cout);
         std::cout.flush();
@@ -72,11 +72,11 @@ bool PrintRoutes() {
             if (rec->index > 0 && !ifmap.count(unsigned(rec->index))) ifmap[unsigned(rec->index)] = unsigned(i);
     CRouteTable table;
     const int r = table.Read(ROUTE_FILTER_TABLE_MAIN, ifmap);
-    std::printf("  main table through the interface map: Read = %d, %zu entries\n", r,
-                table.Entries().size());
+    std::printf("  main table through the interface map: Read = %d, %zu entries\n", r, table.Entries().size());
     for (const CRouteEntry& e : table.Entries()) {
         std::string line = (e.flags & ROUTE_ENTRY_DEFAULT) ? "default" : ip2sn(e.dst);
-        if (!(e.flags & ROUTE_ENTRY_DEFAULT)) line += "/" + std::to_string(PrefixLength(e.dstmask ? e.dstmask : 0xffffffffu));
+        if (!(e.flags & ROUTE_ENTRY_DEFAULT))
+            line += "/" + std::to_string(PrefixLength(e.dstmask ? e.dstmask : 0xffffffffu));
         if (e.gw) line += std::string(" via ") + ip2sn(e.gw);
         if (e.outif < unsigned(ifaces.GetCount())) line += std::string(" dev ") + ifaces.GetName(int(e.outif));
         std::printf("    %s\n", line.c_str());

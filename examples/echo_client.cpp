@@ -133,7 +133,7 @@ int main(int argc, char** argv) {
         delete[] echo;
     }
     const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    std::printf("%d of %d blocks of %u bytes echoed intact in %.3f s (%.1f round trips/s)\n", good,
-                count, size, secs, secs > 0 ? good / secs : 0.0);
+    std::printf("%d of %d blocks of %u bytes echoed intact in %.3f s (%.1f round trips/s)\n", good, count, size, secs,
+                secs > 0 ? good / secs : 0.0);
     return good == count ? 0 : 1;
 }

@@ -60,8 +60,7 @@ int main(int argc, char** argv) {
         iftable::PrintTable(stdout, table, positions, "");
     std::fflush(stdout);
     if (!whole)
-        std::fprintf(stderr, "%s: the kernel's link list could not be read whole, or a name is not UTF-8\n",
-                     kProgram);
+        std::fprintf(stderr, "%s: the kernel's link list could not be read whole, or a name is not UTF-8\n", kProgram);
     if (iftable::WarnIfFull(kProgram, table)) return kExitCut;
     return whole ? 0 : 1;
 }

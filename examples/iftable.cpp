@@ -14,10 +14,9 @@ namespace iftable {
 namespace {
 
 // iproute2's names for the 16 flag bits the interface ioctls carry, by bit.
-const char* const kFlagNames[16] = {"UP",      "BROADCAST", "DEBUG",     "LOOPBACK",
-                                    "POINTOPOINT", "NOTRAILERS", "RUNNING", "NOARP",
-                                    "PROMISC", "ALLMULTI",  "MASTER",    "SLAVE",
-                                    "MULTICAST", "PORTSEL", "AUTOMEDIA", "DYNAMIC"};
+const char* const kFlagNames[16] = {"UP",        "BROADCAST", "DEBUG",     "LOOPBACK", "POINTOPOINT", "NOTRAILERS",
+                                    "RUNNING",   "NOARP",     "PROMISC",   "ALLMULTI", "MASTER",      "SLAVE",
+                                    "MULTICAST", "PORTSEL",   "AUTOMEDIA", "DYNAMIC"};
 
 std::string Dotted(unsigned int host_order) { return ip2sh(host_order); }
 
@@ -63,20 +62,18 @@ std::vector<int> All(const CNetworkInterfaceInfo& t) {
     return all;
 }
 
-void PrintTable(std::FILE* out, const CNetworkInterfaceInfo& t, const std::vector<int>& positions,
-                const char* indent) {
+void PrintTable(std::FILE* out, const CNetworkInterfaceInfo& t, const std::vector<int>& positions, const char* indent) {
     std::vector<links::Link> all;
     links::Read(&all);  // without it, name-only rows show "-" for what only it knows
-    std::fprintf(out, "%s%-16s %-18s %-15s %-17s %-5s %s\n", indent, "name", "address", "broadcast",
-                 "hardware", "index", "flags");
+    std::fprintf(out, "%s%-16s %-18s %-15s %-17s %-5s %s\n", indent, "name", "address", "broadcast", "hardware",
+                 "index", "flags");
     for (int i : positions) {
         if (NameOnly(t, i)) {
             // The table keeps only the name; the kernel's link list the rest.
             const links::Link* l = links::Find(all, t.GetName(i));
             std::fprintf(out, "%s%-16s %-18s %-15s %-17s %-5s %s\n", indent, t.GetName(i), "-", "-",
                          l && !l->address.empty() ? l->address.c_str() : "-",
-                         l ? std::to_string(l->index).c_str() : "-",
-                         l ? FlagText(l->flags & 0xffffu).c_str() : "-");
+                         l ? std::to_string(l->index).c_str() : "-", l ? FlagText(l->flags & 0xffffu).c_str() : "-");
             continue;
         }
         // Records of one name (a device and its unlabelled secondaries)
@@ -84,8 +81,8 @@ void PrintTable(std::FILE* out, const CNetworkInterfaceInfo& t, const std::vecto
         const int index = t.GetIndex(t.GetName(i));
         const std::string addr = Dotted(t.GetIP(i)) + "/" + std::to_string(PrefixLength(t.GetNetmask(i)));
         const std::string bcast = t.GetBroadcast(i) ? Dotted(t.GetBroadcast(i)) : "-";
-        std::fprintf(out, "%s%-16s %-18s %-15s %-17s %-5d %s\n", indent, t.GetName(i), addr.c_str(),
-                     bcast.c_str(), Hardware(t.GetEther(i)).c_str(), index, FlagText(t.GetFlags(i)).c_str());
+        std::fprintf(out, "%s%-16s %-18s %-15s %-17s %-5d %s\n", indent, t.GetName(i), addr.c_str(), bcast.c_str(),
+                     Hardware(t.GetEther(i)).c_str(), index, FlagText(t.GetFlags(i)).c_str());
     }
 }
 
@@ -166,8 +163,7 @@ bool WarnIfFull(const char* program, const CNetworkInterfaceInfo& t) {
     if (missing > 0)
         std::fprintf(stderr, "%s: the table is cut at 128 interfaces: %d more not shown\n", program, missing);
     else
-        std::fprintf(stderr, "%s: the table is cut at 128 interfaces: further addresses may be missing\n",
-                     program);
+        std::fprintf(stderr, "%s: the table is cut at 128 interfaces: further addresses may be missing\n", program);
     return true;
 }
 

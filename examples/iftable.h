@@ -24,8 +24,7 @@ bool NameOnly(const CNetworkInterfaceInfo& t, int pos);
 // hardware address, kernel index, flag names ("-" where a record has no
 // address). A name-only record takes its hardware address, index and flags
 // from the kernel's link list. Each line starts with `indent`.
-void PrintTable(std::FILE* out, const CNetworkInterfaceInfo& t, const std::vector<int>& positions,
-                const char* indent);
+void PrintTable(std::FILE* out, const CNetworkInterfaceInfo& t, const std::vector<int>& positions, const char* indent);
 // One JSON array in the shape of `ip -j addr`: one object per device of the
 // listed records, in the kernel's order of devices, with "ifindex",
 // "ifname", "flags" (ip's names, LOWER_UP and NO-CARRIER included), "mtu",

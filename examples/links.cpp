@@ -56,7 +56,8 @@ void Parse(const nlmsghdr* h, std::vector<Link>* out) {
         if (a.rta_len < sizeof a || a.rta_len > len) break;
         const unsigned char* d = p + sizeof a;
         const size_t n = a.rta_len - sizeof a;
-        if (a.rta_type == IFLA_IFNAME) l.name.assign(reinterpret_cast<const char*>(d), strnlen(reinterpret_cast<const char*>(d), n));
+        if (a.rta_type == IFLA_IFNAME)
+            l.name.assign(reinterpret_cast<const char*>(d), strnlen(reinterpret_cast<const char*>(d), n));
         if (a.rta_type == IFLA_ADDRESS) l.address = Hardware(d, n);
         if (a.rta_type == IFLA_BROADCAST) l.broadcast = Hardware(d, n);
         if (a.rta_type == IFLA_MTU && n >= 4) std::memcpy(&l.mtu, d, 4);
@@ -107,8 +108,8 @@ int Dump(int fd, std::vector<Link>* out) {
         for (const nlmsghdr* h = reinterpret_cast<const nlmsghdr*>(buf.data());
              left >= static_cast<long>(sizeof *h) && h->nlmsg_len >= sizeof *h && h->nlmsg_len <= left;
              left -= NLMSG_ALIGN(h->nlmsg_len),
-                            h = reinterpret_cast<const nlmsghdr*>(reinterpret_cast<const unsigned char*>(h) +
-                                                                  NLMSG_ALIGN(h->nlmsg_len))) {
+                             h = reinterpret_cast<const nlmsghdr*>(reinterpret_cast<const unsigned char*>(h) +
+                                                                   NLMSG_ALIGN(h->nlmsg_len))) {
             if (h->nlmsg_seq != kSeq) continue;
             if (h->nlmsg_flags & NLM_F_DUMP_INTR) interrupted = true;
             if (h->nlmsg_type == NLMSG_DONE) return interrupted ? 1 : 0;
@@ -149,12 +150,12 @@ std::vector<std::string> FlagNames(unsigned flags) {
     static const struct {
         unsigned bit;
         const char* name;
-    } kNames[] = {{IFF_LOOPBACK, "LOOPBACK"},   {IFF_BROADCAST, "BROADCAST"}, {IFF_POINTOPOINT, "POINTOPOINT"},
-                  {IFF_MULTICAST, "MULTICAST"}, {IFF_NOARP, "NOARP"},         {IFF_ALLMULTI, "ALLMULTI"},
-                  {IFF_PROMISC, "PROMISC"},     {IFF_MASTER, "MASTER"},       {IFF_SLAVE, "SLAVE"},
-                  {IFF_DEBUG, "DEBUG"},         {IFF_DYNAMIC, "DYNAMIC"},     {IFF_AUTOMEDIA, "AUTOMEDIA"},
+    } kNames[] = {{IFF_LOOPBACK, "LOOPBACK"},   {IFF_BROADCAST, "BROADCAST"},   {IFF_POINTOPOINT, "POINTOPOINT"},
+                  {IFF_MULTICAST, "MULTICAST"}, {IFF_NOARP, "NOARP"},           {IFF_ALLMULTI, "ALLMULTI"},
+                  {IFF_PROMISC, "PROMISC"},     {IFF_MASTER, "MASTER"},         {IFF_SLAVE, "SLAVE"},
+                  {IFF_DEBUG, "DEBUG"},         {IFF_DYNAMIC, "DYNAMIC"},       {IFF_AUTOMEDIA, "AUTOMEDIA"},
                   {IFF_PORTSEL, "PORTSEL"},     {IFF_NOTRAILERS, "NOTRAILERS"}, {IFF_UP, "UP"},
-                  {IFF_LOWER_UP, "LOWER_UP"},   {IFF_DORMANT, "DORMANT"},     {IFF_ECHO, "ECHO"}};
+                  {IFF_LOWER_UP, "LOWER_UP"},   {IFF_DORMANT, "DORMANT"},       {IFF_ECHO, "ECHO"}};
     std::vector<std::string> out;
     if ((flags & IFF_UP) && !(flags & IFF_RUNNING)) out.push_back("NO-CARRIER");
     for (const auto& n : kNames)

@@ -12,7 +12,7 @@ namespace links {
 struct Link {
     int index = 0;
     std::string name;
-    unsigned flags = 0;      // ifi_flags: IFF_* including LOWER_UP, DORMANT
+    unsigned flags = 0;  // ifi_flags: IFF_* including LOWER_UP, DORMANT
     unsigned mtu = 0;
     std::string address;     // link layer, "aa:bb:..." ("" when none)
     std::string broadcast;   // likewise

@@ -100,10 +100,10 @@ std::string Table::Of(uint32_t v, bool hex) const {
 
 Routing::Routing(const std::string& dir)
     : protocols(dir, "rt_protos", 255,
-                {{0, "unspec"}, {1, "redirect"}, {2, "kernel"}, {3, "boot"}, {4, "static"}, {8, "gated"},
-                 {9, "ra"}, {10, "mrt"}, {11, "zebra"}, {12, "bird"}, {13, "dnrouted"}, {14, "xorp"},
-                 {15, "ntk"}, {16, "dhcp"}, {18, "keepalived"}, {42, "babel"}, {99, "openr"}, {186, "bgp"},
-                 {187, "isis"}, {188, "ospf"}, {189, "rip"}, {192, "eigrp"}}),
+                {{0, "unspec"}, {1, "redirect"}, {2, "kernel"},      {3, "boot"},   {4, "static"},    {8, "gated"},
+                 {9, "ra"},     {10, "mrt"},     {11, "zebra"},      {12, "bird"},  {13, "dnrouted"}, {14, "xorp"},
+                 {15, "ntk"},   {16, "dhcp"},    {18, "keepalived"}, {42, "babel"}, {99, "openr"},    {186, "bgp"},
+                 {187, "isis"}, {188, "ospf"},   {189, "rip"},       {192, "eigrp"}}),
       tables(dir, "rt_tables", 0xffffffffu, {{0, "unspec"}, {253, "default"}, {254, "main"}, {255, "local"}}),
       scopes(dir, "rt_scopes", 255, {{0, "global"}, {200, "site"}, {253, "link"}, {254, "host"}, {255, "nowhere"}}),
       realms(dir, "rt_realms", 0xffff, {}),

@@ -84,8 +84,8 @@ int main(int argc, char** argv) {
         const routeview::Route route = routeview::Parse(m.data(), m.size());
         if (only != 0 && route.table != only) continue;
         for (const std::string& what : route.unshown) {
-            std::fprintf(stderr, "%s: route %s: cannot show %s\n", kProgram,
-                         routeview::Describe(route, names).c_str(), what.c_str());
+            std::fprintf(stderr, "%s: route %s: cannot show %s\n", kProgram, routeview::Describe(route, names).c_str(),
+                         what.c_str());
             ++unshown;
         }
         if (json)

@@ -13,8 +13,8 @@ namespace routeview {
 
 namespace {
 
-const char* const kTypes[] = {"unspec", "unicast", "local", "broadcast", "anycast", "multicast",
-                              "blackhole", "unreachable", "prohibit", "throw", "nat", "xresolve"};
+const char* const kTypes[] = {"unspec",    "unicast",     "local",    "broadcast", "anycast", "multicast",
+                              "blackhole", "unreachable", "prohibit", "throw",     "nat",     "xresolve"};
 const unsigned kTypeCount = sizeof kTypes / sizeof kTypes[0];
 
 // Route and next-hop flags in the order `ip` prints them; any other bit is
@@ -22,7 +22,7 @@ const unsigned kTypeCount = sizeof kTypes / sizeof kTypes[0];
 const struct {
     unsigned bit;
     const char* name;
-} kFlags[] = {{RTNH_F_DEAD, "dead"},       {RTNH_F_ONLINK, "onlink"},       {RTNH_F_PERVASIVE, "pervasive"},
+} kFlags[] = {{RTNH_F_DEAD, "dead"},       {RTNH_F_ONLINK, "onlink"},     {RTNH_F_PERVASIVE, "pervasive"},
               {RTNH_F_OFFLOAD, "offload"}, {RTNH_F_LINKDOWN, "linkdown"}, {RTNH_F_UNRESOLVED, "unresolved"}};
 
 // Metrics by RTAX_* number: the text name and the JSON key ("" for none).
@@ -32,11 +32,21 @@ const struct {
 } kMetrics[] = {
     {"", ""},  // RTAX_UNSPEC
     {"", ""},  // RTAX_LOCK: the lock bits, shown as "lock" beside each metric
-    {"mtu", "mtu"},           {"window", "window"},         {"rtt", "rtt"},
-    {"rttvar", "rttvar"},     {"ssthresh", "ssthresh"},     {"cwnd", "cwnd"},
-    {"advmss", "advmss"},     {"reordering", "reordering"}, {"hoplimit", "hoplimit"},
-    {"initcwnd", "initcwnd"}, {"features", "ecn"},          {"rto_min", "rto_min"},
-    {"initrwnd", "initrwnd"}, {"quickack", "quickack"},     {"congctl", "congestion"},
+    {"mtu", "mtu"},
+    {"window", "window"},
+    {"rtt", "rtt"},
+    {"rttvar", "rttvar"},
+    {"ssthresh", "ssthresh"},
+    {"cwnd", "cwnd"},
+    {"advmss", "advmss"},
+    {"reordering", "reordering"},
+    {"hoplimit", "hoplimit"},
+    {"initcwnd", "initcwnd"},
+    {"features", "ecn"},
+    {"rto_min", "rto_min"},
+    {"initrwnd", "initrwnd"},
+    {"quickack", "quickack"},
+    {"congctl", "congestion"},
     {"fastopen_no_cookie", "fastopen_no_cookie"},
 };
 const unsigned kMetricCount = sizeof kMetrics / sizeof kMetrics[0];
@@ -254,8 +264,7 @@ std::string MetricText(const Metric& m) {
     std::string s = std::string(kMetrics[m.type].text) + (m.locked ? " lock " : " ");
     if (m.type == RTAX_FEATURES) return s + "ecn";
     if (m.type == RTAX_CC_ALGO) return s + m.text;
-    if (m.type == RTAX_RTT || m.type == RTAX_RTTVAR || m.type == RTAX_RTO_MIN)
-        return s + Milliseconds(MetricValue(m));
+    if (m.type == RTAX_RTT || m.type == RTAX_RTTVAR || m.type == RTAX_RTO_MIN) return s + Milliseconds(MetricValue(m));
     return s + std::to_string(m.value);
 }
 
@@ -312,8 +321,9 @@ Route Parse(const unsigned char* msg, size_t len) {
             case RTA_NH_ID: ok = r.has_nhid = U32(a, &r.nhid); break;
             default: ok = false; break;
         }
-        if (!ok) Unshown(&r, "attribute " + std::to_string(a.type) + " (" + AttrName(a.type) + ", " +
-                                 std::to_string(a.len) + " bytes)");
+        if (!ok)
+            Unshown(&r, "attribute " + std::to_string(a.type) + " (" + AttrName(a.type) + ", " + std::to_string(a.len) +
+                            " bytes)");
     }
     if (rest != 0) Unshown(&r, std::to_string(rest) + " bytes left over");
     return r;

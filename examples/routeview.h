@@ -17,18 +17,18 @@ namespace routeview {
 struct Hop {
     std::string gateway;  // dotted IPv4, or "inet6 ADDR" for RTA_VIA
     bool via6 = false;
-    uint32_t dev = 0;     // interface index, 0: none
+    uint32_t dev = 0;  // interface index, 0: none
     unsigned weight = 1;
-    unsigned flags = 0;   // RTNH_F_*
+    unsigned flags = 0;  // RTNH_F_*
     bool has_flow = false;
-    uint32_t flow = 0;    // realms: from << 16 | to
+    uint32_t flow = 0;  // realms: from << 16 | to
 };
 
 // A route's metric (RTA_METRICS member), by its RTAX_* number.
 struct Metric {
     unsigned type = 0;
     uint32_t value = 0;
-    std::string text;     // RTAX_CC_ALGO: the algorithm's name
+    std::string text;  // RTAX_CC_ALGO: the algorithm's name
     bool locked = false;
 };
 
@@ -36,7 +36,7 @@ struct Route {
     unsigned type = 0, dst_len = 0, tos = 0, protocol = 0, scope = 0, flags = 0;
     uint32_t table = 0;
     bool has_dst = false;
-    std::string dst;      // dotted
+    std::string dst;  // dotted
     bool has_nhid = false;
     uint32_t nhid = 0;
     std::string gateway;  // as Hop::gateway

@@ -75,9 +75,8 @@ struct Server : CBlockServer {
         ++ended;
         const std::string cause = LikelyCause(r, options);
         std::printf("peer %s: %s (%d) after %ld ms, %llu blocks, %llu bytes in, peak %d bytes queued%s%s\n",
-                    AddressText(r.peerIp, r.peerPort).c_str(), BlockEndName(r.end), BlockEndCode(r.end),
-                    r.heldMs, r.blocks, r.bytesIn, r.peakQueued, cause.empty() ? "" : "; likely: ",
-                    cause.c_str());
+                    AddressText(r.peerIp, r.peerPort).c_str(), BlockEndName(r.end), BlockEndCode(r.end), r.heldMs,
+                    r.blocks, r.bytesIn, r.peakQueued, cause.empty() ? "" : "; likely: ", cause.c_str());
         std::fflush(stdout);
     }
     const CBlockOptions options;
@@ -117,11 +116,10 @@ int ServerMain(const char* program, unsigned default_max_block, int argc, char**
     // Rounds of at most 100 ms: a signal that lands just before the wait
     // still stops the server within that time.
     int r = 0;
-    while (!g_stop && !(once && server.ended > 0 && server.Connections() == 0) && (r = server.RunOnce(100)) >= 0) {
-    }
+    while (!g_stop && !(once && server.ended > 0 && server.Connections() == 0) && (r = server.RunOnce(100)) >= 0) {}
     const CBlockStats& s = server.GetStats();
-    std::printf("%llu connections, %llu blocks, %llu bytes echoed, %llu accept pauses\n", s.accepted, s.blocks,
-                s.bytes, s.acceptPauses);
+    std::printf("%llu connections, %llu blocks, %llu bytes echoed, %llu accept pauses\n", s.accepted, s.blocks, s.bytes,
+                s.acceptPauses);
     if (r < 0) {
         std::fprintf(stderr, "%s: waiting for the clients failed: %s\n", program, args::ErrorText(r).c_str());
         return 1;

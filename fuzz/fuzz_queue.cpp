@@ -13,7 +13,8 @@
 
 #include "pair.h"
 
-#define CHECK(c) if (!(c)) __builtin_trap()
+#define CHECK(c) \
+    if (!(c)) __builtin_trap()
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
@@ -35,8 +36,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         void* at = buf.data();
         long total = 0;
         switch (op) {
-            case 0: CHECK(q.PutBack(&s[0], n, 1) == n); model.push_back({s, nullptr}); break;
-            case 1: CHECK(q.PutFront(&s[0], n, 1) == n); model.push_front({s, nullptr}); break;
+            case 0:
+                CHECK(q.PutBack(&s[0], n, 1) == n);
+                model.push_back({s, nullptr});
+                break;
+            case 1:
+                CHECK(q.PutFront(&s[0], n, 1) == n);
+                model.push_front({s, nullptr});
+                break;
             case 2:
                 model.push_back({s, new unsigned char[n + 1]});
                 std::memcpy(model.back().second, s.data(), s.size());
@@ -66,7 +73,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 for (const auto& c : model) delete[] c.second;
                 model.clear();
                 break;
-            case 9: CHECK(qs.Write(&s[0], n) == n); sent += s; break;
+            case 9:
+                CHECK(qs.Write(&s[0], n) == n);
+                sent += s;
+                break;
             case 10: {
                 int status = -1;
                 const int before = qs.ReadBlock(nullptr, 0);

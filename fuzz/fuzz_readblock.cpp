@@ -13,9 +13,7 @@
 // the allocation fails instead, which takes the no-memory path (-3). (ASan
 // poisons a freed block's whole shadow, so big blocks slow every run down;
 // libFuzzer itself needs one of 20 MiB.)
-extern "C" const char* __asan_default_options() {
-    return "allocator_may_return_null=1:max_allocation_size_mb=32";
-}
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1:max_allocation_size_mb=32"; }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 3) return 0;

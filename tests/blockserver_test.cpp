@@ -84,7 +84,9 @@ TEST(BlockAssembler, RefusesALengthAboveTheLimitBeforeTakingItsBody) {
     const struct {
         std::uint32_t length;
         CBlockNext::Kind next;  // first Next after the header
-    } rows[] = {{4096, CBlockNext::kNeedMore}, {4097, CBlockNext::kEnd}, {0xffffffffu, CBlockNext::kEnd},
+    } rows[] = {{4096, CBlockNext::kNeedMore},
+                {4097, CBlockNext::kEnd},
+                {0xffffffffu, CBlockNext::kEnd},
                 {0x80000000u, CBlockNext::kEnd}};
     for (const auto& row : rows) {
         CBlockAssembler a(Options(4096));
@@ -222,7 +224,8 @@ struct SwitchingServer : CBlockServer {
     int OnBlock(CBlockReply& reply, const unsigned char* body, unsigned size) override {
         const std::string b(reinterpret_cast<const char*>(body), std::min(size, 8u));
         if (b == "refuse" && size == 6) return -1;
-        const int r = answer.empty() ? reply.ReplyBlock(body, size) : reply.Reply(answer.data(), static_cast<int>(answer.size()));
+        const int r =
+            answer.empty() ? reply.ReplyBlock(body, size) : reply.Reply(answer.data(), static_cast<int>(answer.size()));
         if (r < 0) return -3;
         ++answered;
         return b == "zlib" && size == 4 ? 1 : 0;
@@ -296,8 +299,8 @@ class Client {
 public:
     // rcvbuf above 0: the kernel's receive buffer, set before connecting.
     Client(unsigned short port, bool compress, int rcvbuf = 0) {
-        ok_ = sock_.Open() == 0 && (rcvbuf <= 0 || sock_.SetRcvBufSize(rcvbuf) == 0) && sock_.Connect(testnet::Loopback(), port, 5, 0) == 0 &&
-              (!compress || sock_.SwitchCompression(1) == 0);
+        ok_ = sock_.Open() == 0 && (rcvbuf <= 0 || sock_.SetRcvBufSize(rcvbuf) == 0) &&
+              sock_.Connect(testnet::Loopback(), port, 5, 0) == 0 && (!compress || sock_.SwitchCompression(1) == 0);
         compress_ = compress;
     }
     bool ok() const { return ok_; }
@@ -603,7 +606,8 @@ TEST(BlockServer, AnIdleConnectionHoldsNoBufferOnceAnswered) {
         clients.push_back(testnet::Dial(server.Port()));
         ASSERT_EQ(68, ::write(clients.back().get(), block.data(), block.size()));
         const auto t0 = testnet::Clock::now();
-        while ((i % 100 == 0 || i == n) && server.GetStats().blocks < static_cast<unsigned>(i) && testnet::SecondsSince(t0) < 20)
+        while ((i % 100 == 0 || i == n) && server.GetStats().blocks < static_cast<unsigned>(i) &&
+               testnet::SecondsSince(t0) < 20)
             server.RunOnce(10);
     }
     const double grown = heap() - before;

@@ -73,4 +73,3 @@ TEST(CompressorSlab, FullSlabRefusesInputAndOverlargeConfirmChangesNothing) {
     }
     EXPECT_EQ(Inflate(packed), noise);
 }
-

@@ -76,8 +76,10 @@ std::string RecvExactly(CompressedTCPSocket* s, size_t n, std::mt19937* rng) {
         const size_t want = std::min(n - out.size(), piece);
         const int r = s->Read(buf.data(), static_cast<int>(want));
         if (r < 0) break;
-        if (r > 0) out.append(buf.data(), r);
-        else if (s->Poll(POLL_READ, 0, 100000) < 0) break;
+        if (r > 0)
+            out.append(buf.data(), r);
+        else if (s->Poll(POLL_READ, 0, 100000) < 0)
+            break;
     }
     return out;
 }
@@ -280,8 +282,7 @@ TEST(CompressedTCPSocket, SwitchingOffAndOnEmptiesTheRawInput) {
     ASSERT_EQ(c.a.SwitchCompression(0), 0);
     char buf[100];
     std::vector<char> sink(1 << 16);
-    while (c.b.Read(sink.data(), static_cast<int>(sink.size())) > 0) {
-    }
+    while (c.b.Read(sink.data(), static_cast<int>(sink.size())) > 0) {}
     ASSERT_EQ(c.b.SwitchCompression(1), 0);
     EXPECT_EQ(c.b.Fill(), 0);
     // Nothing left from before is decoded as received data.
@@ -564,8 +565,8 @@ TEST(CompressedSockStream, FlushIntoAPartlyFreeSendBufferLosesNoByte) {
     std::mt19937 rng(3);
     for (size_t off = 0; off < data.size() && failed == 0;) {
         const size_t piece = std::min<size_t>(data.size() - off, 1 + rng() % 100000);
-        failed += s.Write(const_cast<char*>(data.data()) + off, static_cast<unsigned>(piece)) !=
-                  static_cast<int>(piece);
+        failed +=
+            s.Write(const_cast<char*>(data.data()) + off, static_cast<unsigned>(piece)) != static_cast<int>(piece);
         off += piece;
         w.NonBlockSocket::Poll(POLL_WRITE, 1, 0);  // some room in the kernel, maybe not all we hold
         const int r = s.Flush();

@@ -29,25 +29,23 @@ struct CanWrite<S, B, decltype(void(std::declval<S&>().Write(std::declval<B>(), 
 template <typename S, typename B, typename = void>
 struct CanWriteBlock : std::false_type {};
 template <typename S, typename B>
-struct CanWriteBlock<S, B, decltype(void(std::declval<S&>().WriteBlock(std::declval<B>(), 1u)))>
-    : std::true_type {};
+struct CanWriteBlock<S, B, decltype(void(std::declval<S&>().WriteBlock(std::declval<B>(), 1u)))> : std::true_type {};
 
 template <typename B, typename = void>
 struct CanPut : std::false_type {};
 template <typename B>
 struct CanPut<B, decltype(void(std::declval<SocketQueue&>().PutBack(std::declval<B>(), 1)),
-                          void(std::declval<SocketQueue&>().PutFront(std::declval<B>(), 1)))>
-    : std::true_type {};
+                          void(std::declval<SocketQueue&>().PutFront(std::declval<B>(), 1)))> : std::true_type {};
 
 // Every class that overrides Write keeps the const overload visible, and a
 // null pointer (nullptr or a literal 0) is not ambiguous.
-#define CONST_AND_NULL_WRITES(S)                                                      \
-    static_assert(CanWrite<S, const char*>::value, #S ": Write(const char*)");      \
-    static_assert(CanWrite<S, const void*>::value, #S ": Write(const void*)");      \
-    static_assert(CanWrite<S, const unsigned char*>::value, #S ": Write(const uchar*)"); \
-    static_assert(CanWrite<S, char*>::value, #S ": Write(char*)");                  \
-    static_assert(CanWrite<S, std::nullptr_t>::value, #S ": Write(nullptr)");       \
-    static_assert(std::is_same<decltype(std::declval<S&>().Write(0, 0)), int>::value, #S ": Write(0)"); \
+#define CONST_AND_NULL_WRITES(S)                                                                                \
+    static_assert(CanWrite<S, const char*>::value, #S ": Write(const char*)");                                  \
+    static_assert(CanWrite<S, const void*>::value, #S ": Write(const void*)");                                  \
+    static_assert(CanWrite<S, const unsigned char*>::value, #S ": Write(const uchar*)");                        \
+    static_assert(CanWrite<S, char*>::value, #S ": Write(char*)");                                              \
+    static_assert(CanWrite<S, std::nullptr_t>::value, #S ": Write(nullptr)");                                   \
+    static_assert(std::is_same<decltype(std::declval<S&>().Write(0, 0)), int>::value, #S ": Write(0)");         \
     static_assert(std::is_same<decltype(std::declval<S&>().Write(std::declval<const char*>(), 1)), int>::value, \
                   #S ": returns int")
 CONST_AND_NULL_WRITES(NonBlockSocket);
@@ -83,10 +81,12 @@ TEST(ConstWrite, EachConstForwarderSendsTheBytesUnchanged) {
         std::string expected;
     } rows[] = {
         {"TCPSocket::Write", [](TCPSocket* s) { return s->Write(kData, kLen); }, std::string(kData, kLen)},
-        {"SockStream::WriteBlock", [](TCPSocket* s) {
+        {"SockStream::WriteBlock",
+         [](TCPSocket* s) {
              SockStream st(s, 100000, 2);
              return st.WriteBlock(static_cast<const void*>(kData), kLen) == 0 ? kLen : -1;
-         }, framed},
+         },
+         framed},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);

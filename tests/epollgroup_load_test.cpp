@@ -62,7 +62,8 @@ std::vector<long> Clients(unsigned short port, int idle) {
     const auto t0 = testnet::Clock::now();
     for (long round = 0; testnet::SecondsSince(t0) < kChurnSeconds / testnet::Scale() && round < 1000000; ++round) {
         for (int i = 0; i < kBusy; ++i)
-            ++out[Exchange(busy[i].get(), Request(&rng, "b" + std::to_string(i) + "." + std::to_string(round))) ? 0 : 1];
+            ++out[Exchange(busy[i].get(), Request(&rng, "b" + std::to_string(i) + "." + std::to_string(round))) ? 0
+                                                                                                                : 1];
         testnet::Fd c;
         try {
             c = testnet::Dial(port);

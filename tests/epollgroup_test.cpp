@@ -104,8 +104,7 @@ void ResetPeer(Row* r) {
     testnet::SetLingerZero(r->peer.get());
     r->peer.reset();
     char b;
-    for (int i = 0; i < 100 && ::recv(Socket::Fd(*r->sock), &b, 1, MSG_PEEK | MSG_DONTWAIT) != -1; ++i)
-        ::usleep(10000);
+    for (int i = 0; i < 100 && ::recv(Socket::Fd(*r->sock), &b, 1, MSG_PEEK | MSG_DONTWAIT) != -1; ++i) ::usleep(10000);
 }
 
 bool WaitReadable(int fd) {

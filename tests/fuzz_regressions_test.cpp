@@ -27,8 +27,7 @@ int ReadBlockAfterCorruptInput(int rcv_buf, size_t garbage, bool peer_closes, do
     sock.InitCompression();
     std::string stream = "\x78\x9c";  // a zlib header, then a reserved block type
     stream.append(garbage, '\x07');
-    if (::send(fds[1], stream.data(), stream.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(stream.size()))
-        return 2;
+    if (::send(fds[1], stream.data(), stream.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(stream.size())) return 2;
     if (peer_closes) ::close(fds[1]);
     ::alarm(60);  // a regression hangs; the alarm ends the test binary then
     CompressedSockStream framed(&sock, 100000, 1);

@@ -55,8 +55,10 @@ std::string Send(int fd, const std::string& bytes, int wait_ms) {
     pollfd pfd{fd, POLLIN, 0};
     char c;
     const ssize_t r = wait_ms > 0 && ::poll(&pfd, 1, wait_ms) > 0 ? ::recv(fd, &c, 1, 0) : 0;
-    return r > 0 ? "unexpected data" : r < 0 && errno == ECONNRESET ? "reset"
-                                     : wait_ms > 0 ? "closed or time-out" : "sent";
+    return r > 0                          ? "unexpected data"
+           : r < 0 && errno == ECONNRESET ? "reset"
+           : wait_ms > 0                  ? "closed or time-out"
+                                          : "sent";
 }
 
 std::string DripOneBytePerSecond(int fd) {
@@ -145,18 +147,23 @@ struct Row {
 };
 
 const Row kRows[] = {
-    {"length_4294967295", false, BlockEnd::kTooBig, "reset", [](int fd) { return Send(fd, Header(0xffffffffu), 10000); }},
-    {"reset_inside_body", false, BlockEnd::kCutBody, "sent", [](int fd) {
+    {"length_4294967295", false, BlockEnd::kTooBig, "reset",
+     [](int fd) { return Send(fd, Header(0xffffffffu), 10000); }},
+    {"reset_inside_body", false, BlockEnd::kCutBody, "sent",
+     [](int fd) {
          testnet::SetLingerZero(fd);  // the close sends RST
-         return Send(fd, Header(1000) + std::string(500, 'r'), 0); }},
+         return Send(fd, Header(1000) + std::string(500, 'r'), 0);
+     }},
     {"close_after_header", false, BlockEnd::kCutBody, "sent", [](int fd) { return Send(fd, Header(1000), 0); }},
     {"close_inside_header", false, BlockEnd::kCutHeader, "sent", [](int fd) { return Send(fd, "\x10\x00", 0); }},
     {"connect_send_nothing", false, BlockEnd::kIdle, "reset", [](int fd) { return Send(fd, "", 10000); }},
     {"drip_1_byte_per_second", false, BlockEnd::kDeadline, "reset after", DripOneBytePerSecond},
     {"never_read_replies", false, BlockEnd::kStalledReader, "cut off", NeverReadReplies},
     {"compressed_never_read_replies", true, BlockEnd::kStalledReader, "cut off", CompressedNeverReads},
-    {"compressed_corrupt_short", true, BlockEnd::kIdle, "reset after 200", [](int fd) { return CorruptCompressed(fd, 200); }},
-    {"compressed_corrupt_flood", true, BlockEnd::kCorrupt, "reset after", [](int fd) { return CorruptCompressed(fd, 1 << 20); }},
+    {"compressed_corrupt_short", true, BlockEnd::kIdle, "reset after 200",
+     [](int fd) { return CorruptCompressed(fd, 200); }},
+    {"compressed_corrupt_flood", true, BlockEnd::kCorrupt, "reset after",
+     [](int fd) { return CorruptCompressed(fd, 1 << 20); }},
 };
 
 // Compressed echo clients, one block of 1 KiB after the other.
@@ -242,8 +249,8 @@ TEST_P(HostilePeer, CostsOnlyItselfWhileGoodClientsLoseNothing) {
     const int on = 1, hostile_port = testnet::LocalPort(fd.get());
     // One read of the server: readSize, or with compression all its
     // decompressor holds, five times the receive buffer (as large as ours).
-    const long read = h.compressed ? std::max<long>(o.readSize, 5L * testnet::IntOpt(fd.get(), SOL_SOCKET, SO_RCVBUF))
-                                   : o.readSize;
+    const long read =
+        h.compressed ? std::max<long>(o.readSize, 5L * testnet::IntOpt(fd.get(), SOL_SOCKET, SO_RCVBUF)) : o.readSize;
     ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // as the good clients
     std::atomic<bool> done{false};
     std::string saw;
@@ -282,7 +289,8 @@ TEST_P(HostilePeer, CostsOnlyItselfWhileGoodClientsLoseNothing) {
     EXPECT_EQ(n_good, good.connected);
     EXPECT_GT(good.echoed, 0);
     EXPECT_EQ(good.sent, good.echoed);
-    EXPECT_EQ(0, good.failed + good.corrupt + good.lost + good.silent) << "failed, corrupt, lost or silent good clients";
+    EXPECT_EQ(0, good.failed + good.corrupt + good.lost + good.silent)
+        << "failed, corrupt, lost or silent good clients";
     EXPECT_LE(good.worst_ms, good_bound_ms);
 }
 

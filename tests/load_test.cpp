@@ -214,8 +214,7 @@ TEST(BlockServerLoad, OutOfDescriptorsNeverSpinsAndServesAgainOnceSomeAreFree) {
         if (::setrlimit(RLIMIT_NOFILE, &low) != 0) port = 1;  // refused (as under valgrind): skip
         if (::write(from_child[1], &port, sizeof port) != sizeof port || port <= 1) ::_exit(port == 1 ? 0 : 1);
         const auto start = testnet::Clock::now();
-        for (pollfd pfd{to_child[0], POLLIN, 0}; MsSince(start) < 60000 && ::poll(&pfd, 1, 0) == 0;)
-            server.RunOnce(50);
+        for (pollfd pfd{to_child[0], POLLIN, 0}; MsSince(start) < 60000 && ::poll(&pfd, 1, 0) == 0;) server.RunOnce(50);
         const CBlockStats st = server.GetStats();
         const unsigned long long figures[] = {st.accepted, st.acceptPauses};
         ::_exit(::write(from_child[1], figures, sizeof figures) == sizeof figures ? 0 : 1);

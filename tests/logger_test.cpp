@@ -64,11 +64,11 @@ TEST(LogStyles, StreamStyleRendersExactlyAsAnOstream) {
     const unsigned char raw = 'A';
     const char* null_text = nullptr;
     std::ostringstream expect;
-#define LINNET_ALL_KINDS(out)                                                                        \
-    out << "fd_ " << -2147483647 - 1 << ' ' << 4294967295u << ' ' << -9223372036854775807LL << ' '   \
-        << 18446744073709551615ULL << ' ' << static_cast<short>(-7) << ' '                           \
-        << static_cast<unsigned short>(65535) << ' ' << raw << ' ' << p << ' ' << none << ' ' << true \
-        << ' ' << std::string("str") << ' ' << 0L << null_text << " lost " << 80
+#define LINNET_ALL_KINDS(out)                                                                                          \
+    out << "fd_ " << -2147483647 - 1 << ' ' << 4294967295u << ' ' << -9223372036854775807LL << ' '                     \
+        << 18446744073709551615ULL << ' ' << static_cast<short>(-7) << ' ' << static_cast<unsigned short>(65535)       \
+        << ' ' << raw << ' ' << p << ' ' << none << ' ' << true << ' ' << std::string("str") << ' ' << 0L << null_text \
+        << " lost " << 80
     LINNET_ALL_KINDS(expect);
     capture::Scope scope;
     LINNET_ALL_KINDS(LOG_STREAM(11));
@@ -81,8 +81,8 @@ TEST(LogStyles, StreamStyleRendersExactlyAsAnOstream) {
 // Stream-style texts reach _debug as its format: every '%' is doubled, so a
 // printf-style host prints the text exactly and reads no argument.
 TEST(LogStyles, StreamStyleTextIsSafeAsAFormat) {
-    const std::string texts[] = {"100% done", "proto %s %d %n", "%", "%%", "ends in %",
-                                 std::string(300, '%'), std::string(511, '%') + "tail"};
+    const std::string texts[] = {
+        "100% done", "proto %s %d %n", "%", "%%", "ends in %", std::string(300, '%'), std::string(511, '%') + "tail"};
     capture::Scope scope;
     for (const std::string& t : texts) {
         LOG_STREAM(11) << t;

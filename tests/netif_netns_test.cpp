@@ -44,8 +44,7 @@ TEST(NetworkInterfaceInfoNetns, InterfaceWithoutAddressIsListedAfterAddressedOne
         const int a = table.GetNum("nva"), b = table.GetNum("nvb");
         ASSERT_GE(a, 0);
         ASSERT_GE(b, 0);
-        for (int i = 0; i < table.GetCount(); ++i)
-            EXPECT_TRUE(table.GetIP(i) == 0 || i < b) << table.GetName(i);
+        for (int i = 0; i < table.GetCount(); ++i) EXPECT_TRUE(table.GetIP(i) == 0 || i < b) << table.GetName(i);
         ASSERT_NE(table.GetEther("nva"), nullptr);
         EXPECT_EQ(std::memcmp(table.GetEther("nva"), "\2\0\0\0\0\12", 6), 0);
         const struct {

@@ -126,7 +126,7 @@ TEST(NetworkInterfaceInfo, GetNameTakesTheNameOfEveryKindOfDevLine) {
         {"eth0:12", "eth0", 5},                      // digits, no second colon
         {"eth0:x1: 5", "eth0", 5},
         {"eth0:", "eth0", 5},
-        {"eth0 12 13", "eth0", 4},                   // no colon at all
+        {"eth0 12 13", "eth0", 4},  // no colon at all
         {"", "", 0},
         {":", "", 1},
         {"::1:", "", 1},
@@ -182,7 +182,7 @@ TEST(NetworkInterfaceInfo, AliasLookupsOnACapturedList) {
         {"nvc", {0, 2}, {0xc0000221u, 0xc6336421u}},  // itself and its alias, not nvc1
         {"nvc1", {1}, {0xcb007121u}},
         {"nvc:1", {2}, {0xc6336421u}},
-        {"nvd", {3}, {}},                           // no address: no ip
+        {"nvd", {3}, {}},  // no address: no ip
         {"nv", {}, {}},
     };
     for (const auto& r : rows) {

@@ -183,5 +183,5 @@ TEST(QueuedFileTransf, LargeChunkLeavesInPartialSendsEachCountedOnce) {
     EXPECT_EQ(r, -14);  // the socket's own code for a reset peer
     EXPECT_TRUE(capture::Contains("Can't write data to fd", 4));
     EXPECT_EQ(sender.IsQueuedData(2), int(next.size()));  // the big chunk is lost, the next one kept
-    EXPECT_EQ(sender.IsQueuedData(1), 0);  // no close marker in send mode
+    EXPECT_EQ(sender.IsQueuedData(1), 0);                 // no close marker in send mode
 }

@@ -18,9 +18,7 @@ namespace {
 
 void Sh(const std::string& command) { EXPECT_EQ(netns::Run(command), 0) << command; }
 
-int Lines(const std::string& command) {
-    return std::atoi(netns::Output(command + " | wc -l").c_str());
-}
+int Lines(const std::string& command) { return std::atoi(netns::Output(command + " | wc -l").c_str()); }
 
 std::string Routes() { return netns::Output("ip -4 route show table all"); }
 
@@ -61,14 +59,19 @@ TEST(CRoutesDump, PrintsKernelRoutesExactlyAndRestoresAFlushedTable) {
     const std::string n = " out iface " + std::to_string(veth.index);
     // The mtu travels nested in RTA_METRICS (type 8): its first word is the
     // nested header, length 8 and type 2, which prints as 131080.
-    EXPECT_EQ(Print(d), "Table:\n"
-                        "route: table 254 scope 0 dst_len 0; attributes:" + n + " gw 198.51.100.254 <attr 15>\n"
-                        "route: table 254 scope 0 dst_len 24; attributes: is-to 192.0.2.0" + n +
-                        " gw 198.51.100.254 metric 131080 <attr 15>\n"
-                        "route: table 254 scope 253 dst_len 24; attributes: is-to 198.51.100.0" + n +
-                        " source 198.51.100.1 <attr 15>\n"
-                        "route: table 254 scope 0 dst_len 24; attributes: is-to 203.0.113.0" + n +
-                        " gw 198.51.100.254 <attr 6> <attr 15>\n======\n");
+    EXPECT_EQ(Print(d),
+              "Table:\n"
+              "route: table 254 scope 0 dst_len 0; attributes:" +
+                  n +
+                  " gw 198.51.100.254 <attr 15>\n"
+                  "route: table 254 scope 0 dst_len 24; attributes: is-to 192.0.2.0" +
+                  n +
+                  " gw 198.51.100.254 metric 131080 <attr 15>\n"
+                  "route: table 254 scope 253 dst_len 24; attributes: is-to 198.51.100.0" +
+                  n +
+                  " source 198.51.100.1 <attr 15>\n"
+                  "route: table 254 scope 0 dst_len 24; attributes: is-to 203.0.113.0" +
+                  n + " gw 198.51.100.254 <attr 6> <attr 15>\n======\n");
     // The flush takes the connected route too: the default route and the
     // others, saved before it, only come back once it is back.
     Sh("ip route flush table main");
@@ -182,8 +185,10 @@ TEST(CRoutesDump, RestorePutsBackWhatWasSavedOrSaysWhatItCouldNot) {
         {"192.0.2.16/28", true, false, "kernel refused route 192.0.2.16/28 table 254 (errno "},
         {"192.0.2.80/28", true, false, "kernel refused route 192.0.2.80/28 table 254 (errno "},
         {"203.0.113.0/24", true, true, "kernel refused route 203.0.113.0/24 table 254 (errno 19)"},
-        {"192.0.2.48/28", inet6, false, "route 192.0.2.48/28 table 254 not restored: the snapshot lost its attribute 18"},
-        {"192.0.2.64/28", nhid, false, "route 192.0.2.64/28 table 254 not restored: the snapshot lost its attribute 30"},
+        {"192.0.2.48/28", inet6, false,
+         "route 192.0.2.48/28 table 254 not restored: the snapshot lost its attribute 18"},
+        {"192.0.2.64/28", nhid, false,
+         "route 192.0.2.64/28 table 254 not restored: the snapshot lost its attribute 30"},
     };
     int skipped = 0;
     for (const auto& r : rows) {
@@ -198,7 +203,7 @@ TEST(CRoutesDump, RestorePutsBackWhatWasSavedOrSaysWhatItCouldNot) {
         }
     }
     // Put back: table 100's. Present: 192.0.2.0/28 and v0's connected route.
-    EXPECT_TRUE(capture::Contains("restore: 1 routes put back, 2 already present, " + std::to_string(skipped) +
-                                  " skipped, 3 refused", 1));
+    EXPECT_TRUE(capture::Contains(
+        "restore: 1 routes put back, 2 already present, " + std::to_string(skipped) + " skipped, 3 refused", 1));
     Sh("ip link del v2");
 }

@@ -88,8 +88,15 @@ const std::map<unsigned int, unsigned int> map = {{2, 7}, {3, 8}};
 // listed in slot 0 (never printed or sent); malformed walks stay inside.
 TEST(Route, SixteenSlotsByTypeLaterDuplicateWinsMalformedWalksStayInside) {
     capture::Scope log;
-    Route r(H(Msg().Rt(254, 24).Ip(RTA_DST, "192.0.2.0").Ip(RTA_DST, "203.0.113.0").U32(RTA_OIF, 2)
-                  .U32(20, 9).U32(30, 10).Attr(0, {1, 2}).Bytes()));
+    Route r(H(Msg()
+                  .Rt(254, 24)
+                  .Ip(RTA_DST, "192.0.2.0")
+                  .Ip(RTA_DST, "203.0.113.0")
+                  .U32(RTA_OIF, 2)
+                  .U32(20, 9)
+                  .U32(30, 10)
+                  .Attr(0, {1, 2})
+                  .Bytes()));
     ASSERT_EQ(r.attrs.size(), 16u);
     EXPECT_EQ(r.rtm.rtm_table, 254);
     EXPECT_EQ(r.attrs[RTA_DST].data, (std::vector<unsigned char>{203, 0, 113, 0}));
@@ -98,13 +105,14 @@ TEST(Route, SixteenSlotsByTypeLaterDuplicateWinsMalformedWalksStayInside) {
     std::memcpy(lost.data(), r.attrs[0].data.data(), lost.size() * 2);
     EXPECT_EQ(lost, (std::vector<unsigned short>{20, 30, 0}));
     EXPECT_EQ(Route(H(Msg().Rt(254, 24).Bytes(20))).rtm.rtm_table, 0);  // rtmsg cut short
-    EXPECT_EQ(Route(H(Msg().Bytes())).attrs.size(), 16u);                 // header alone
+    EXPECT_EQ(Route(H(Msg().Bytes())).attrs.size(), 16u);               // header alone
     EXPECT_TRUE(Route(H(Msg().Rt(254, 24).U32(RTA_OIF, 2).Bytes())).attrs[0].data.empty());
     Route past(H(Msg().Rt(254, 24).U32(RTA_OIF, 2).Attr(RTA_DST, {1, 2, 3, 4}, 40).Bytes()));
     EXPECT_EQ(past.attrs[RTA_OIF].type, RTA_OIF);
     EXPECT_EQ(past.attrs[RTA_DST].type, 0);
     EXPECT_TRUE(capture::Contains("len=8 rta_len=40", 11));
-    for (int bad : {0, 3}) EXPECT_EQ(Route(H(Msg().Rt(254, 0).Attr(RTA_DST, {1, 2, 3, 4}, bad).Bytes())).attrs[1].type, 0);
+    for (int bad : {0, 3})
+        EXPECT_EQ(Route(H(Msg().Rt(254, 0).Attr(RTA_DST, {1, 2, 3, 4}, bad).Bytes())).attrs[1].type, 0);
     EXPECT_EQ(Route(H(Msg().Rt(254, 0).U32(RTA_OIF, 2).Put("\1", 1).Bytes())).attrs[RTA_OIF].type, RTA_OIF);
     EXPECT_TRUE(capture::Contains("len=1 rta_len=0", 11));  // a length of one byte is not read
 }
@@ -113,10 +121,20 @@ TEST(CRoutesDump, LocalDroppedNonRouteEndsDumpValidPrintFormatErrorAnswerInvalid
     capture::Scope log;
     DumpProbe d;
     long len;
-    auto dg = Datagram({Msg().Rt(255, 32), Msg().Rt(254, 24).Ip(RTA_DST, "192.0.2.0").Ip(RTA_SRC, "198.51.100.0")
-                            .U32(RTA_IIF, 3).U32(RTA_OIF, 2).Attr(RTA_GATEWAY, {}).U32(RTA_PRIORITY, 7)
-                            .Ip(RTA_PREFSRC, "198.51.100.1").U32(RTA_METRICS, 1400).U32(RTA_TABLE, 254),
-                        Msg(RTM_NEWROUTE, 2).Rt(254, 8), Msg(RTM_NEWLINK).Rt(0, 0), Msg().Rt(254, 16)}, &len);
+    auto dg = Datagram({Msg().Rt(255, 32),
+                        Msg()
+                            .Rt(254, 24)
+                            .Ip(RTA_DST, "192.0.2.0")
+                            .Ip(RTA_SRC, "198.51.100.0")
+                            .U32(RTA_IIF, 3)
+                            .U32(RTA_OIF, 2)
+                            .Attr(RTA_GATEWAY, {})
+                            .U32(RTA_PRIORITY, 7)
+                            .Ip(RTA_PREFSRC, "198.51.100.1")
+                            .U32(RTA_METRICS, 1400)
+                            .U32(RTA_TABLE, 254),
+                        Msg(RTM_NEWROUTE, 2).Rt(254, 8), Msg(RTM_NEWLINK).Rt(0, 0), Msg().Rt(254, 16)},
+                       &len);
     EXPECT_EQ(d.handle_answer(H(dg), 30), 1);  // first message runs past the end: receive again
     EXPECT_EQ(d.handle_answer(H(dg), len), 0);
     EXPECT_TRUE(d.valid());
@@ -140,15 +158,15 @@ TEST(CRoutesDump, LocalDroppedNonRouteEndsDumpValidPrintFormatErrorAnswerInvalid
 
 TEST(CRouteTable, AddEntryMasksDefaultsInterfacesAndMalformedMessages) {
     CRouteTable t;
-    for (const Msg& m : {Msg().Rt(254, 24).Ip(RTA_DST, "192.0.2.0").U32(RTA_OIF, 2),
-                         Msg().Rt(254, 32, 32).Ip(RTA_DST, "192.0.2.7").Ip(RTA_SRC, "192.0.2.1"),
-                         Msg().Rt(254, 32, 32),  // no attributes: here /32 does get a mask
-                         Msg().Rt(254, 0).Ip(RTA_GATEWAY, "198.51.100.254").U32(RTA_IIF, 3).U32(RTA_OIF, 2),
-                         Msg().Rt(254, 99).Ip(RTA_DST, "192.0.2.0"),  // impossible length
-                         Msg().Rt(254, 24).U32(RTA_OIF, 5),           // unknown interface
-                         Msg(RTM_NEWLINK).Rt(254, 24),
-                         Msg().Rt(254, 24).Attr(RTA_OIF, {2, 0, 0, 0}, 200),  // past the end
-                         Msg().Rt(254, 24).Attr(RTA_GATEWAY, {1}).Put("\1\2", 2)})
+    for (const Msg& m :
+         {Msg().Rt(254, 24).Ip(RTA_DST, "192.0.2.0").U32(RTA_OIF, 2),
+          Msg().Rt(254, 32, 32).Ip(RTA_DST, "192.0.2.7").Ip(RTA_SRC, "192.0.2.1"),
+          Msg().Rt(254, 32, 32),  // no attributes: here /32 does get a mask
+          Msg().Rt(254, 0).Ip(RTA_GATEWAY, "198.51.100.254").U32(RTA_IIF, 3).U32(RTA_OIF, 2),
+          Msg().Rt(254, 99).Ip(RTA_DST, "192.0.2.0"),                                        // impossible length
+          Msg().Rt(254, 24).U32(RTA_OIF, 5),                                                 // unknown interface
+          Msg(RTM_NEWLINK).Rt(254, 24), Msg().Rt(254, 24).Attr(RTA_OIF, {2, 0, 0, 0}, 200),  // past the end
+          Msg().Rt(254, 24).Attr(RTA_GATEWAY, {1}).Put("\1\2", 2)})
         EXPECT_EQ(t.AddEntry(H(m.Bytes()), 0, map), 0);
     EXPECT_EQ(t.AddEntry(H(Msg().Rt(254, 24).U32(RTA_IIF, 2).Bytes()), 0, {}), 0);  // empty map
     EXPECT_EQ(t.AddEntry(H(Msg().Rt(254, 24).Bytes(27)), 0, map), -1);
@@ -216,7 +234,7 @@ TEST(CRouteTable, AnswerWalkErrorAnswerGivesMinus4UnlessTruncated) {
         {{error}, -1, false, -4, "Got error netlink answer (errcode -1)"},
         {{error}, 36, true, -3, nullptr},
         {{Msg(linnet::nl::kError).Put("\0\0\0\0", 4)}, -1, false, -4, "Message truncated"},  // no nlmsgerr
-        {{route, Msg().Put("\0\0\0", 3)}, -1, false, -4, nullptr},  // AddEntry gives -1
+        {{route, Msg().Put("\0\0\0", 3)}, -1, false, -4, nullptr},                           // AddEntry gives -1
     };
     for (const auto& c : cases) {
         capture::Scope log;
@@ -233,8 +251,8 @@ TEST(CRouteEntry, DumpWritesOnlySetFieldsAndTableDumpNeedsLevel11) {
     CRouteTable t;
     t.AddEntry(H(Msg().Rt(254, 0).Ip(RTA_GATEWAY, "198.51.100.254").U32(RTA_OIF, 2).Bytes()), 0, map);
     t.AddEntry(H(Msg().Rt(254, 32).Ip(RTA_DST, "192.0.2.7").U32(RTA_OIF, 3).Bytes()), 0, map);
-    t.AddEntry(H(Msg().Rt(254, 24, 24).Ip(RTA_SRC, "192.0.2.1").Ip(RTA_DST, "203.0.113.0")
-                     .U32(RTA_IIF, 2).Bytes()), 0, map);
+    t.AddEntry(H(Msg().Rt(254, 24, 24).Ip(RTA_SRC, "192.0.2.1").Ip(RTA_DST, "203.0.113.0").U32(RTA_IIF, 2).Bytes()), 0,
+               map);
     capture::Start();
     capture::SetDebugLevel(10);
     t.Dump();
@@ -276,8 +294,18 @@ TEST(CRouteTable, MultipathRouteTakesTheFirstHopOnAMappedInterface) {
         const char* gw;
     } const cases[] = {
         {"no hop mapped", Multipath({{5, "198.51.100.254"}, {6, "203.0.113.254"}}), {{1, 0}}, false, 0, nullptr},
-        {"second hop mapped", Multipath({{5, "198.51.100.254"}, {6, "203.0.113.254"}}), {{6, 3}}, true, 3, "203.0.113.254"},
-        {"first of two mapped", Multipath({{5, "198.51.100.254"}, {6, "203.0.113.254"}}), {{5, 2}, {6, 3}}, true, 2, "198.51.100.254"},
+        {"second hop mapped",
+         Multipath({{5, "198.51.100.254"}, {6, "203.0.113.254"}}),
+         {{6, 3}},
+         true,
+         3,
+         "203.0.113.254"},
+        {"first of two mapped",
+         Multipath({{5, "198.51.100.254"}, {6, "203.0.113.254"}}),
+         {{5, 2}, {6, 3}},
+         true,
+         2,
+         "198.51.100.254"},
         {"mapped hop without gateway", Multipath({{5, nullptr}, {6, "203.0.113.254"}}), {{5, 0}}, true, 0, "0.0.0.0"},
         {"empty map", Multipath({{5, "198.51.100.254"}}), {}, false, 0, nullptr},
         {"hop longer than the attribute", {16, 0, 0, 0, 5, 0, 0, 0}, {{5, 2}}, false, 0, nullptr},
@@ -285,7 +313,8 @@ TEST(CRouteTable, MultipathRouteTakesTheFirstHopOnAMappedInterface) {
     };
     for (const auto& c : cases) {
         CRouteTable t;
-        const Msg m = Msg().Rt(254, 24).Ip(RTA_DST, "192.0.2.32").Ip(RTA_GATEWAY, "192.0.2.1").Attr(RTA_MULTIPATH, c.multipath);
+        const Msg m =
+            Msg().Rt(254, 24).Ip(RTA_DST, "192.0.2.32").Ip(RTA_GATEWAY, "192.0.2.1").Attr(RTA_MULTIPATH, c.multipath);
         EXPECT_EQ(t.AddEntry(H(m.Bytes()), 0, c.ifmap), 0) << c.what;
         ASSERT_EQ(t.Entries().size(), c.kept ? 1u : 0u) << c.what;
         if (!c.kept) continue;
@@ -294,7 +323,8 @@ TEST(CRouteTable, MultipathRouteTakesTheFirstHopOnAMappedInterface) {
     }
     // RTA_OIF decides where it is present: the hops are not looked at.
     CRouteTable t;
-    t.AddEntry(H(Msg().Rt(254, 24).U32(RTA_OIF, 2).Attr(RTA_MULTIPATH, Multipath({{3, "198.51.100.254"}})).Bytes()), 0, map);
+    t.AddEntry(H(Msg().Rt(254, 24).U32(RTA_OIF, 2).Attr(RTA_MULTIPATH, Multipath({{3, "198.51.100.254"}})).Bytes()), 0,
+               map);
     ASSERT_EQ(t.Entries().size(), 1u);
     EXPECT_EQ(t.Entries().front().outif, 7u);
     EXPECT_EQ(t.Entries().front().gw, 0u);
@@ -373,15 +403,37 @@ TEST(DumpConversation, OnlyTheKernelsWholeUninterruptedAnswerIsHandedOver) {
         int restarts, handed, requests, foreign;
     } const cases[] = {
         {"clean answer", {{kKernel, {route, done}}}, nl::Failure::kNone, 0, 1, 1, 0},
-        {"intruder's datagram dropped", {{kIntruder, {done}}, {kKernel, {route, done}}}, nl::Failure::kNone, 0, 1, 1, 1},
+        {"intruder's datagram dropped",
+         {{kIntruder, {done}}, {kKernel, {route, done}}},
+         nl::Failure::kNone,
+         0,
+         1,
+         1,
+         1},
         {"nothing queued", {}, nl::Failure::kNoData, 0, 0, 1, 0},
         {"truncated datagram", {{kKernel, {big, done}}}, nl::Failure::kTruncated, 0, 0, 1, 0},
         {"interrupted once", {{kKernel, {spoilt, done}}, {kKernel, {route, done}}}, nl::Failure::kNone, 1, 1, 2, 0},
-        {"interrupted on its last message", {{kKernel, {route, spoilt_done}}, {kKernel, {route, done}}}, nl::Failure::kNone, 1, 1, 2, 0},
-        {"interrupted dump read to its end", {{kKernel, {spoilt}}, {kKernel, {route}}, {kKernel, {done}}, {kKernel, {done}}},
-         nl::Failure::kNone, 1, 1, 2, 0},
-        {"mark on another sequence ignored", {{kKernel, {Flagged(Msg(RTM_NEWROUTE, 9).Rt(254, 24), NLM_F_DUMP_INTR), done}}},
-         nl::Failure::kNone, 0, 1, 1, 0},
+        {"interrupted on its last message",
+         {{kKernel, {route, spoilt_done}}, {kKernel, {route, done}}},
+         nl::Failure::kNone,
+         1,
+         1,
+         2,
+         0},
+        {"interrupted dump read to its end",
+         {{kKernel, {spoilt}}, {kKernel, {route}}, {kKernel, {done}}, {kKernel, {done}}},
+         nl::Failure::kNone,
+         1,
+         1,
+         2,
+         0},
+        {"mark on another sequence ignored",
+         {{kKernel, {Flagged(Msg(RTM_NEWROUTE, 9).Rt(254, 24), NLM_F_DUMP_INTR), done}}},
+         nl::Failure::kNone,
+         0,
+         1,
+         1,
+         0},
         {"interrupted every time", std::vector<Datagram_>(nl::kDumpAttempts, Datagram_{kKernel, {spoilt, done}}),
          nl::Failure::kChanging, nl::kDumpAttempts - 1, 0, nl::kDumpAttempts, 0},
     };

@@ -71,16 +71,18 @@ TEST(SocketBuffers, EachKernelMaximumComesFromItsOwnProcFile) {
     ASSERT_EQ(::write(r.get(), "314159\n", 7), 7);
     const long kRefused = -1000;
     std::string why;
-    const std::vector<long> got = testnet::InChild([&]() -> std::vector<long> {
-        if (::unshare(CLONE_NEWNS) < 0) return {kRefused};
-        if (::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) < 0) return {kRefused};
-        if (::mount(wpath, "/proc/sys/net/core/wmem_max", "none", MS_BIND, nullptr) < 0) return {kRefused};
-        if (::mount(rpath, "/proc/sys/net/core/rmem_max", "none", MS_BIND, nullptr) < 0) return {kRefused};
-        RawSocket probe;
-        const long before = testnet::CountOpenFds();
-        const long snd = probe.GetMaxSndBufSize(), rcv = probe.GetMaxRcvBufSize();
-        return {snd, rcv, testnet::CountOpenFds() - before};
-    }, &why);
+    const std::vector<long> got = testnet::InChild(
+        [&]() -> std::vector<long> {
+            if (::unshare(CLONE_NEWNS) < 0) return {kRefused};
+            if (::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) < 0) return {kRefused};
+            if (::mount(wpath, "/proc/sys/net/core/wmem_max", "none", MS_BIND, nullptr) < 0) return {kRefused};
+            if (::mount(rpath, "/proc/sys/net/core/rmem_max", "none", MS_BIND, nullptr) < 0) return {kRefused};
+            RawSocket probe;
+            const long before = testnet::CountOpenFds();
+            const long snd = probe.GetMaxSndBufSize(), rcv = probe.GetMaxRcvBufSize();
+            return {snd, rcv, testnet::CountOpenFds() - before};
+        },
+        &why);
     ::unlink(wpath);
     ::unlink(rpath);
     ASSERT_FALSE(got.empty()) << why;
@@ -357,7 +359,8 @@ TEST(BadArgument, EveryBufferOperationRefusesANegativeLengthOrANullBufferAndMove
         {"CBlockAssembler::ReplyBlock null", [&] { return assembler.ReplyBlock(null, 64); }, -22},
         {"CBlockAssembler::ReplyBlock too long", [&] { return assembler.ReplyBlock(buf, 0x7ffffffcu); }, -22},
         {"CBlockAssembler::Feed null empty", [&] { return assembler.Feed(null, 0, 0); }, 0},
-        {"CBlockAssembler::ReadFrom null", [&] { return assembler.ReadFrom(static_cast<NonBlockSocket*>(nullptr), 0); }, -22},
+        {"CBlockAssembler::ReadFrom null", [&] { return assembler.ReadFrom(static_cast<NonBlockSocket*>(nullptr), 0); },
+         -22},
         {"CBlockAssembler::ReadFrom null compressed",
          [&] { return assembler.ReadFrom(static_cast<CompressedTCPSocket*>(nullptr), 0); }, -22},
         {"CBlockAssembler::TakeQueued null", [&] { return assembler.TakeQueued(nullptr, 0, 0); }, -22},
@@ -377,9 +380,9 @@ TEST(BadArgument, EveryBufferOperationRefusesANegativeLengthOrANullBufferAndMove
     char peek[128];
     for (int fd : {tcp.server.get(), queued.server.get()})
         EXPECT_EQ(::recv(fd, peek, sizeof peek, MSG_DONTWAIT), -1) << "fd " << fd;
-    EXPECT_EQ(::recv(zipped.server.get(), peek, 2, MSG_DONTWAIT), 2);  // the zlib header...
+    EXPECT_EQ(::recv(zipped.server.get(), peek, 2, MSG_DONTWAIT), 2);            // the zlib header...
     EXPECT_EQ(::recv(zipped.server.get(), peek, sizeof peek, MSG_DONTWAIT), 5);  // ...an empty sync block
-    EXPECT_EQ(udp_peer.Read(peek, sizeof peek, nullptr, nullptr, 0), 100);  // the one sent above
+    EXPECT_EQ(udp_peer.Read(peek, sizeof peek, nullptr, nullptr, 0), 100);       // the one sent above
     EXPECT_EQ(udp_peer.Poll(POLL_READ, 0, 100000), 0);
     EXPECT_EQ(ip, 7u);
     EXPECT_EQ(port, 7);

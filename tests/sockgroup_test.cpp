@@ -117,8 +117,9 @@ TEST_P(SockGroupPaths, TimedOutAndInterruptedWaitsAreZeroClosedDescriptorAndNega
     EXPECT_TRUE(capture::Contains("select failed (errno 9), exiting"));
 }
 
-INSTANTIATE_TEST_SUITE_P(, SockGroupPaths, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool>& i) { return i.param ? "AboveSelectLimit" : "BelowSelectLimit"; });
+INSTANTIATE_TEST_SUITE_P(, SockGroupPaths, ::testing::Values(false, true), [](const ::testing::TestParamInfo<bool>& i) {
+    return i.param ? "AboveSelectLimit" : "BelowSelectLimit";
+});
 
 // One group of members on descriptors below FD_SETSIZE (select), one of
 // aliases on duplicates of the same descriptors above it (poll): the same
@@ -148,8 +149,8 @@ TEST(SockGroup, SelectAndPollPathsGiveTheSameAnswersForTheSameMembers) {
         {quiet.fd, POLL_WRITE | POLL_EXCEPT},
         {urgent.fd, POLL_EXCEPT},
         {urgent.fd, POLL_READ | POLL_WRITE | POLL_EXCEPT},
-        {-1, POLL_READ},                        // no descriptor
-        {reset.fd, POLL_EXCEPT},                // hung up and in error: never asked
+        {-1, POLL_READ},          // no descriptor
+        {reset.fd, POLL_EXCEPT},  // hung up and in error: never asked
     };
     const size_t rows = sizeof table / sizeof table[0];
     std::vector<std::unique_ptr<Alias>> low, high;
@@ -158,8 +159,7 @@ TEST(SockGroup, SelectAndPollPathsGiveTheSameAnswersForTheSameMembers) {
     for (const Interest& row : table) {
         int dup = -1;
         if (row.fd >= 0) {
-            if (high_fds.count(row.fd) == 0)
-                high_fds[row.fd] = ::fcntl(row.fd, F_DUPFD_CLOEXEC, FD_SETSIZE + 100);
+            if (high_fds.count(row.fd) == 0) high_fds[row.fd] = ::fcntl(row.fd, F_DUPFD_CLOEXEC, FD_SETSIZE + 100);
             dup = high_fds[row.fd];
             ASSERT_GE(dup, FD_SETSIZE);
         }

@@ -57,8 +57,8 @@ void ReadHugeBlockInChild(Link* l) {
     SockStream s(&l->sock, 500000, 2);
     unsigned char* body = nullptr;
     unsigned size = 0;
-    const bool ok = ::setrlimit(RLIMIT_AS, &rl) == 0 && s.ReadBlock(&body, &size, 0) == -3 &&
-                    body == nullptr && l->sock.Poll(POLL_READ, 0, 0) == 0;  // the input was flushed
+    const bool ok = ::setrlimit(RLIMIT_AS, &rl) == 0 && s.ReadBlock(&body, &size, 0) == -3 && body == nullptr &&
+                    l->sock.Poll(POLL_READ, 0, 0) == 0;  // the input was flushed
     ::_exit(ok ? 0 : 1);
 }
 

@@ -89,11 +89,11 @@ TEST(TcpSocket, SetupStepsReturnTheNegatedErrnoOfTheirCall) {
     TCPSocket third;
     ASSERT_EQ(third.Open(), 0);
     EXPECT_EQ(third.Bind(testnet::Loopback(), port), -EADDRINUSE);  // a listener holds it
-    EXPECT_EQ(first.Accept(nullptr, nullptr), -EAGAIN);  // nothing pending
+    EXPECT_EQ(first.Accept(nullptr, nullptr), -EAGAIN);             // nothing pending
     ASSERT_EQ(idle.Open(), 0);
-    EXPECT_EQ(idle.Accept(nullptr, nullptr), -EINVAL);  // not listening
+    EXPECT_EQ(idle.Accept(nullptr, nullptr), -EINVAL);    // not listening
     EXPECT_EQ(idle.Bind(0x01020304, 0), -EADDRNOTAVAIL);  // 4.3.2.1 is not ours
-    EXPECT_EQ(TCPSocket().SetNoDelay(1), -EBADF);          // no descriptor for the option
+    EXPECT_EQ(TCPSocket().SetNoDelay(1), -EBADF);         // no descriptor for the option
 }
 
 // With no descriptor left, opening and accepting fail with -EMFILE and
@@ -115,17 +115,19 @@ TEST(TcpSocket, FullDescriptorTableFailsOpenAndAcceptWithMinusEmfile) {
     testnet::Fd client = testnet::Dial(port);
     ASSERT_EQ(listener.Poll(POLL_READ, 2, 0), POLL_READ);
     std::string why;
-    const std::vector<long> got = testnet::InChild([&]() -> std::vector<long> {
-        if (!testnet::FillFdTable()) return {};
-        const long tcp_open = tcp.Open();
-        const long udp_open = udp.Open();
-        const long accepted = listener.Accept(nullptr, nullptr);
-        TCPSocket* object = listener.Accept();
-        const long object_null = object == nullptr;
-        delete object;
-        const long still_full = ::dup(2) < 0 && errno == EMFILE;  // nothing closed by mistake
-        return {tcp_open, udp_open, accepted, object_null, still_full};
-    }, &why);
+    const std::vector<long> got = testnet::InChild(
+        [&]() -> std::vector<long> {
+            if (!testnet::FillFdTable()) return {};
+            const long tcp_open = tcp.Open();
+            const long udp_open = udp.Open();
+            const long accepted = listener.Accept(nullptr, nullptr);
+            TCPSocket* object = listener.Accept();
+            const long object_null = object == nullptr;
+            delete object;
+            const long still_full = ::dup(2) < 0 && errno == EMFILE;  // nothing closed by mistake
+            return {tcp_open, udp_open, accepted, object_null, still_full};
+        },
+        &why);
     ASSERT_EQ(got.size(), 5u) << why;
     EXPECT_EQ(got[0], -EMFILE);
     EXPECT_EQ(got[1], -EMFILE);
@@ -278,8 +280,7 @@ TEST(TcpSocket, BufferSizeSettersRememberTheRequest) {
         capture::Scope log;
         EXPECT_EQ(s.SetSndBufSize(65536), -1);
         EXPECT_EQ(Members::snd(s), 65536);
-        EXPECT_TRUE(capture::Contains(
-            "Can't set send buffer size to 65536 on fd_ -1 (quorlix::lasterror() 9)", 1));
+        EXPECT_TRUE(capture::Contains("Can't set send buffer size to 65536 on fd_ -1 (quorlix::lasterror() 9)", 1));
     }
     ASSERT_EQ(s.Open(), 0);
     EXPECT_EQ(s.SetSndBufSize(65536), 0);

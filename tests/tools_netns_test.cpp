@@ -25,9 +25,11 @@
 
 namespace {
 
-const std::string kOdd = "q\"x\\y";                // a quote and a backslash
-const std::string kUtf8 = "u\xc3\xa9\xe2\x82\xac";    // "ué€"
-const std::string kControl = "c\x01\x08\x1b\x7f" "d";  // control bytes JSON must escape
+const std::string kOdd = "q\"x\\y";                 // a quote and a backslash
+const std::string kUtf8 = "u\xc3\xa9\xe2\x82\xac";  // "ué€"
+const std::string kControl =
+    "c\x01\x08\x1b\x7f"
+    "d";  // control bytes JSON must escape
 
 // A name as one shell word.
 std::string Sh(const std::string& name) {
@@ -125,7 +127,8 @@ TEST(IfacesTable, RowsAndOneInterfaceWithItsAliases) {
     const tool::Result bare = tool::Run(tool::Path("linnet-ifaces"), {"tvb"});
     EXPECT_EQ(bare.status, 0);
     EXPECT_EQ(bare.out.substr(bare.out.find('\n') + 1),
-              json::Query(netns::Output("ip -j link show tvb"), "'tvb              -                  -       "
+              json::Query(netns::Output("ip -j link show tvb"),
+                          "'tvb              -                  -       "
                           "        %-17s %-5d BROADCAST,MULTICAST\\n' % (doc[0]['address'], doc[0]['ifindex'])"));
 }
 
@@ -170,10 +173,13 @@ TEST(ToolJson, OddInterfaceNamesRoundTrip) {
     ASSERT_EQ(routes.status, 0) << routes.err;
     // Each name once among the devices, the address labels and the routes'
     // devices, as python writes it again.
-    const std::string seen = json::Query(ifaces.out, "sorted(set(d['ifname'] for d in doc)) + "
+    const std::string seen = json::Query(ifaces.out,
+                                         "sorted(set(d['ifname'] for d in doc)) + "
                                          "sorted(set(a['label'] for d in doc for a in d['addr_info']))") +
                              json::Query(routes.out, "sorted(set(r['dev'] for r in doc if 'dev' in r))");
-    for (const char* n : {"\"q\\\"x\\\\y\"", "\"u\xc3\xa9\xe2\x82\xac\"", "\"c\\u0001\\b\\u001b\x7f" "d\""})
+    for (const char* n : {"\"q\\\"x\\\\y\"", "\"u\xc3\xa9\xe2\x82\xac\"",
+                          "\"c\\u0001\\b\\u001b\x7f"
+                          "d\""})
         EXPECT_EQ(Count(seen, n), 3u) << n << " in " << seen;
 }
 
@@ -196,7 +202,8 @@ TEST(RoutesTool, TextAndJsonEqualIpForEveryAttribute) {
         "ip route add 192.0.2.48/28 via 198.51.100.126 mtu lock 1300 fastopen_no_cookie 1",
         "ip route add 192.0.2.64/28 via inet6 fe80::1 dev tva",
         "ip route add 192.0.2.80/28 nexthop via 198.51.100.126 dev tva weight 3 nexthop via 203.0.113.254 "
-        "dev " + odd + " realm 5 nexthop via inet6 fe80::2 dev tva",
+        "dev " +
+            odd + " realm 5 nexthop via inet6 fe80::2 dev tva",
         "ip route add unreachable 192.0.2.96/28 metric 6 mtu 1400",
         "ip route add blackhole 192.0.2.112/28 tos 0x10 table 7",
         "ip route add prohibit 192.0.2.128/28 table 253 scope 7",
@@ -246,9 +253,9 @@ TEST(RoutesTool, TextAndJsonEqualIpForEveryAttribute) {
             << r.err;
         EXPECT_NE(r.out.find("\n192.0.2.240/28 via 198.51.100.126 dev tva \n"), std::string::npos) << r.out;
     }
-    for (const char* cmd : {"ip link del tvd", "ip nexthop flush", "ip route del unreachable 192.0.2.96/28",
-                            "ip route flush table 7", "ip route flush table 200", "ip route flush table 253",
-                            "ip route flush table 4000000000"})
+    for (const char* cmd :
+         {"ip link del tvd", "ip nexthop flush", "ip route del unreachable 192.0.2.96/28", "ip route flush table 7",
+          "ip route flush table 200", "ip route flush table 253", "ip route flush table 4000000000"})
         netns::Run(cmd);
 }
 
@@ -261,8 +268,7 @@ TEST(ToolHosts, UnresolvableNameIsAUsageError) {
         SCOPED_TRACE(name);
         const tool::Result r = tool::Run(tool::Path(name), {"--port", "1", "--host", "nosuch.invalid"}, 60);
         EXPECT_EQ(r.status, 2);
-        const std::string prefix =
-            std::string(name) + ": --host: cannot resolve 'nosuch.invalid' to an IPv4 address: ";
+        const std::string prefix = std::string(name) + ": --host: cannot resolve 'nosuch.invalid' to an IPv4 address: ";
         EXPECT_EQ(r.err.rfind(prefix, 0), 0u) << r.err;
         EXPECT_EQ(r.out, "");
     }

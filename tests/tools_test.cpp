@@ -77,11 +77,15 @@ TEST(ToolArguments, EachMistakeIsNamedOnStderrWithTheUsageAndExitTwo) {
         {"linnet-echo-client", {"--port", "1", "--size", "-1"}, "--size: '-1' is not a number (expected 0-67108864)"},
         {"linnet-echo-client", {"--port", "1", "--size", "67108865"}, "--size: '67108865' is out of range 0-67108864"},
         {"linnet-echo-client", {"--port", "1", "--count", "0"}, "--count: '0' is out of range 1-10000000"},
-        {"linnet-echo-client", {"--port", "1", "--host", "::1"}, "--host: '::1' is an IPv6 address: linnet is IPv4 only"},
+        {"linnet-echo-client",
+         {"--port", "1", "--host", "::1"},
+         "--host: '::1' is an IPv6 address: linnet is IPv4 only"},
         {"linnet-echo-server", {"--port", "70000"}, "--port: '70000' is out of range 0-65535"},
         {"linnet-echo-server", {"--max-block", "268435457"}, "--max-block: '268435457' is out of range 0-268435456"},
         {"linnet-echo-server", {"--deadline", "0"}, "--deadline: '0' is out of range 0.001-3600 s"},
-        {"linnet-echo-server", {"--deadline", "1.0005"}, "--deadline: '1.0005' is finer than a millisecond (expected 0.001-3600 s)"},
+        {"linnet-echo-server",
+         {"--deadline", "1.0005"},
+         "--deadline: '1.0005' is finer than a millisecond (expected 0.001-3600 s)"},
         {"linnet-echo-server", {"--idle", "-1"}, "--idle: '-1' is not a time in seconds (expected 0-86400 s)"},
         {"linnet-block-server", {"--idle", "86400.001"}, "--idle: '86400.001' is out of range 0-86400 s"},
         {"linnet-block-server", {"--deadline="}, "--deadline: '' is not a time in seconds (expected 0.001-3600 s)"},
@@ -164,26 +168,45 @@ TEST(ToolErrors, EchoClientJudgesEachServerBehaviour) {
         const char* out;  // the start of the summary on stdout
         const char* err;  // stderr, exactly
     } rows[] = {
-        {"empty blocks", [](int fd) { std::string b; while (ReadFrame(fd, &b) && WriteFrame(fd, b)) {} },
-         {"--count", "2", "--size", "0"}, 0, "2 of 2 blocks of 0 bytes echoed intact", ""},
-        {"one byte flipped in the second echo", [](int fd) {
+        {"empty blocks",
+         [](int fd) {
+             std::string b;
+             while (ReadFrame(fd, &b) && WriteFrame(fd, b)) {}
+         },
+         {"--count", "2", "--size", "0"},
+         0,
+         "2 of 2 blocks of 0 bytes echoed intact",
+         ""},
+        {"one byte flipped in the second echo",
+         [](int fd) {
              std::string b;
              for (int i = 0; ReadFrame(fd, &b); ++i) {
                  if (i == 1) b[10] ^= 1;
                  if (!WriteFrame(fd, b)) break;
              }
-         }, {"--count", "3", "--size", "64"}, 1, "2 of 3 blocks of 64 bytes echoed intact",
+         },
+         {"--count", "3", "--size", "64"},
+         1,
+         "2 of 3 blocks of 64 bytes echoed intact",
          "linnet-echo-client: block 2: the echo differs from what was sent\n"},
-        {"echo longer than the block", [](int fd) {
+        {"echo longer than the block",
+         [](int fd) {
              std::string b;
              if (ReadFrame(fd, &b)) WriteFrame(fd, b + "x");
-         }, {"--count", "1", "--size", "64"}, 1, "0 of 1 blocks",
+         },
+         {"--count", "1", "--size", "64"},
+         1,
+         "0 of 1 blocks",
          "linnet-echo-client: block 1: the echo announced a block above the size sent\n"},
-        {"closes after the first echo", [](int fd) {
+        {"closes after the first echo",
+         [](int fd) {
              std::string b;
              if (ReadFrame(fd, &b)) WriteFrame(fd, b);
              ReadFrame(fd, &b);
-         }, {"--count", "2", "--size", "64"}, 1, "1 of 2 blocks",
+         },
+         {"--count", "2", "--size", "64"},
+         1,
+         "1 of 2 blocks",
          "linnet-echo-client: block 2: the server ended the connection without echoing it\n"},
     };
     for (const auto& row : rows) {
@@ -218,8 +241,9 @@ unsigned short ListeningPort(const std::string& line, const std::string& addr) {
 // be the one that fails.)
 TEST(ToolServers, PortZeroIsPrintedAndServesTheEchoClient) {
     const std::string limits = "(by default 1048576 for linnet-block-server, 16777216 for linnet-echo-server)\n";
-    const std::string server_why = "; likely: the block is above --max-block 1048576, or the client uses --compress "
-                                   "and this server does not\n";
+    const std::string server_why =
+        "; likely: the block is above --max-block 1048576, or the client uses --compress "
+        "and this server does not\n";
     const char* const kIntact = "3 of 3 blocks of 1000 bytes echoed intact";
     const struct {
         const char* server;
@@ -230,22 +254,47 @@ TEST(ToolServers, PortZeroIsPrintedAndServesTheEchoClient) {
         std::string client_why{}, server_why{};  // the ends of both sides' last lines, when the block is refused
     } rows[] = {
         {"linnet-echo-server", {"--port", "0", "--once"}, {"--count", "3", "--size", "1000"}, true, kIntact},
-        {"linnet-echo-server", {"--once", "--compress", "--deadline", "2.5", "--idle", "30"},
-         {"--count", "3", "--size", "1000", "--compress"}, true, kIntact},
-        {"linnet-echo-server", {"--host", "localhost", "--max-block", "1000"}, {"--count", "3", "--size", "1000"},
-         false, kIntact},
-        {"linnet-echo-server", {"--once"}, {"--count", "1", "--size", "2000000"}, true,
+        {"linnet-echo-server",
+         {"--once", "--compress", "--deadline", "2.5", "--idle", "30"},
+         {"--count", "3", "--size", "1000", "--compress"},
+         true,
+         kIntact},
+        {"linnet-echo-server",
+         {"--host", "localhost", "--max-block", "1000"},
+         {"--count", "3", "--size", "1000"},
+         false,
+         kIntact},
+        {"linnet-echo-server",
+         {"--once"},
+         {"--count", "1", "--size", "2000000"},
+         true,
          "1 of 1 blocks of 2000000 bytes echoed intact"},
         {"linnet-block-server", {"--port=0", "--once"}, {"--count", "3", "--size", "1000"}, true, kIntact},
-        {"linnet-block-server", {"--compress", "--deadline", "2.5", "--idle", "30"},
-         {"--count", "3", "--size", "1000", "--compress"}, false, kIntact},
-        {"linnet-block-server", {"--once"}, {"--count", "1", "--size", "2000000"}, true, "0 of 1 blocks",
-         "; likely: --size 2000000 is above the server's --max-block " + limits, server_why},
-        {"linnet-block-server", {"--once"}, {"--count", "1", "--compress"}, true, "0 of 1 blocks",
+        {"linnet-block-server",
+         {"--compress", "--deadline", "2.5", "--idle", "30"},
+         {"--count", "3", "--size", "1000", "--compress"},
+         false,
+         kIntact},
+        {"linnet-block-server",
+         {"--once"},
+         {"--count", "1", "--size", "2000000"},
+         true,
+         "0 of 1 blocks",
+         "; likely: --size 2000000 is above the server's --max-block " + limits,
+         server_why},
+        {"linnet-block-server",
+         {"--once"},
+         {"--count", "1", "--compress"},
+         true,
+         "0 of 1 blocks",
          "; likely: the server runs without --compress, or --size 1024 is above the server's --max-block " + limits,
          server_why},
-        {"linnet-block-server", {"--once", "--max-block", "50"}, {"--count", "1", "--size", "100"}, true,
-         "0 of 1 blocks", "; likely: --size 100 is above the server's --max-block " + limits,
+        {"linnet-block-server",
+         {"--once", "--max-block", "50"},
+         {"--count", "1", "--size", "100"},
+         true,
+         "0 of 1 blocks",
+         "; likely: --size 100 is above the server's --max-block " + limits,
          "; likely: the block is above --max-block 50, or the client uses --compress and this server does not\n"},
     };
     for (const auto& row : rows) {
@@ -294,8 +343,12 @@ TEST(ToolServers, BlockServerEndsEachPeerForTheLimitItBroke) {
         long min_ms, max_ms;
     } rows[] = {
         {"block above --max-block", {"--max-block", "100"}, Header(101), "too big (-2)", 0, 5000},
-        {"block at --max-block, then a partial header", {"--max-block", "100", "--deadline", "0.3"},
-         Header(100) + std::string(100, 'x') + Header(7, 2), "block deadline (-110)", 300, 5000},
+        {"block at --max-block, then a partial header",
+         {"--max-block", "100", "--deadline", "0.3"},
+         Header(100) + std::string(100, 'x') + Header(7, 2),
+         "block deadline (-110)",
+         300,
+         5000},
         {"partial header past --deadline", {"--deadline", "0.4"}, Header(10, 3), "block deadline (-110)", 400, 5000},
         {"silent past --idle", {"--idle", "0.4"}, "", "idle (-110)", 400, 5000},
     };
@@ -401,8 +454,8 @@ TEST(ArgsParser, OptionsPositionalsAndDefaults) {
         .Text("--text", &text)
         .Positional("NAME", &name, args::kRequired)
         .Positional("SECOND", &second);
-    const char* argv[] = {"prog", "--port=0", "--host", "127.0.0.2", "--count", "3", "--count=4",
-                          "--flag", "--", "-name-", nullptr};
+    const char* argv[] = {"prog",      "--port=0", "--host", "127.0.0.2", "--count", "3",
+                          "--count=4", "--flag",   "--",     "-name-",    nullptr};
     EXPECT_EQ(p.Parse(10, const_cast<char**>(argv)), args::kRun);
     EXPECT_EQ(port, 0);
     EXPECT_EQ(ip, htonl(0x7f000002u));
@@ -443,8 +496,8 @@ TEST(InterfaceText, PrefixLengthsAndFlagNames) {
         {0x2 | 0x1000, "BROADCAST,MULTICAST"},
         {0x10 | 0x80, "POINTOPOINT,NOARP"},
         {0x8000, "DYNAMIC"},
-        {0xffffffffffff0000ull, "-"},          // only the kernel's 16 bits count
-        {0xffffffffffff8001ull, "UP,DYNAMIC"}, // sign-extended flags
+        {0xffffffffffff0000ull, "-"},           // only the kernel's 16 bits count
+        {0xffffffffffff8001ull, "UP,DYNAMIC"},  // sign-extended flags
     };
     for (const auto& f : flags) EXPECT_EQ(iftable::FlagText(f.flags), f.text) << std::hex << f.flags;
 }
@@ -539,7 +592,9 @@ TEST(RouteView, WhatCannotBeShownIsListed) {
 TEST(RouteNames, FileLinesWithinBounds) {
     names::Table t("/nonexistent", "rt_protos", 255, {{12, "bird"}});
     t.Parse("# comment\n 42\tbabel # trailing\n0x10 dhcp\n300 toobig\n-1 neg\n7\n8 " + std::string(64, 'x') +
-            "\n9 a\x01" "b\n12 mybird\n" + std::string(600, ' ') + "13 long\n");
+            "\n9 a\x01"
+            "b\n12 mybird\n" +
+            std::string(600, ' ') + "13 long\n");
     EXPECT_EQ(t.Of(42), "babel");
     EXPECT_EQ(t.Of(16), "dhcp");
     EXPECT_EQ(t.Of(12), "mybird");  // a later line wins

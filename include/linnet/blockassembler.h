@@ -207,10 +207,10 @@ private:
     LINNET_BLOCK_PRIVATE bool InBlock() const;
 
     CBlockOptions options_;
-    unsigned char* in_ = nullptr;   // input (malloc); valid bytes [inStart_, inEnd_)
+    unsigned char* in_ = nullptr;  // input (malloc); valid bytes [inStart_, inEnd_)
     long long inCap_ = 0;
     int inStart_ = 0, inEnd_ = 0;
-    std::uint32_t length_ = 0;      // announced length, once haveHeader_
+    std::uint32_t length_ = 0;  // announced length, once haveHeader_
     bool haveHeader_ = false, refused_ = false, more_ = false;
     bool zPending_ = false;         // compressed output left in the compressor
     bool wasPending_ = false;       // output pending at the end of the last Send
@@ -218,7 +218,7 @@ private:
     unsigned char* out_ = nullptr;  // replies (malloc); unsent bytes [outStart_, outEnd_)
     long long outCap_ = 0, outStart_ = 0, outEnd_ = 0;
     long long blockStart_ = 0, lastInput_ = 0, outProgress_ = 0;
-    long long pausedAt_ = -1;       // reading paused for the replies since then; -1: not paused
+    long long pausedAt_ = -1;  // reading paused for the replies since then; -1: not paused
 };
 
 #undef LINNET_BLOCK_PRIVATE

@@ -53,12 +53,12 @@
 
 // What one finished connection cost the server.
 struct LINNET_API CBlockRecord {
-    unsigned peerIp = 0;           // network order
-    unsigned short peerPort = 0;   // host order
+    unsigned peerIp = 0;          // network order
+    unsigned short peerPort = 0;  // host order
     BlockEnd end = BlockEnd::kClosed;
-    long heldMs = 0;               // accept to close
+    long heldMs = 0;  // accept to close
     unsigned long long bytesIn = 0, blocks = 0;
-    int peakQueued = 0;            // largest input + output queued, bytes
+    int peakQueued = 0;  // largest input + output queued, bytes
 };
 
 struct LINNET_API CBlockStats {
@@ -66,7 +66,7 @@ struct LINNET_API CBlockStats {
     unsigned long long ended[static_cast<int>(BlockEnd::kCorrupt) + 1] = {};  // by BlockEnd
     unsigned long long acceptPauses = 0;  // back-offs after EMFILE/ENFILE/ENOBUFS/ENOMEM
     std::size_t peakConnections = 0;
-    int maxFd = -1;                       // highest connection descriptor seen
+    int maxFd = -1;  // highest connection descriptor seen
 };
 
 // How OnBlock answers its connection: replies queued until the server sends

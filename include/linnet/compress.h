@@ -105,17 +105,17 @@ public:
     CCompressorSlab& operator=(const CCompressorSlab&) = delete;
 
 protected:
-    char* slab_;               // output buffer, slabSize_ bytes
-    z_stream_s* stream_;       // zlib stream; pending output is slab_..next_out
-    int slabSize_;             // bytes
-    int flushMode_;            // 1 after Flush until the next Write
-    unsigned int bytesIn_;     // input consumed through Write
-    unsigned int bytesOut_;    // output handed out
+    char* slab_;             // output buffer, slabSize_ bytes
+    z_stream_s* stream_;     // zlib stream; pending output is slab_..next_out
+    int slabSize_;           // bytes
+    int flushMode_;          // 1 after Flush until the next Write
+    unsigned int bytesIn_;   // input consumed through Write
+    unsigned int bytesOut_;  // output handed out
 
 private:
     friend class CompressedTCPSocket;  // reads the decompressor's slab size
     friend struct linnet::peek::Slab;  // likewise the library's epoll group and block server
-    void Take(int n);  // removes n pending bytes and runs zlib again
+    void Take(int n);                  // removes n pending bytes and runs zlib again
 };
 
 // Deflate (zlib wrapper, default level) into the slab.
@@ -216,8 +216,7 @@ public:
     // Stores, for each non-null pointer: compressed bytes received and
     // inflated, plain bytes delivered, compressed bytes sent, plain bytes
     // accepted. All 0 while compression is off.
-    virtual void GetCompressionStats(int* in_compressed, int* out_plain, int* out_compressed,
-                                     int* in_plain);
+    virtual void GetCompressionStats(int* in_compressed, int* out_plain, int* out_compressed, int* in_plain);
 
     // Switches on: 0, or -255 when already on (nothing changed). The raw
     // input starts empty.

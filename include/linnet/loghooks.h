@@ -55,17 +55,17 @@ inline void WriteLine(const char* origin, int level, const char* format, std::va
 }  // namespace loghooks
 }  // namespace linnet
 
-#define LINNET_DEFAULT_LOG_HOOKS()                                                  \
-    extern "C" {                                                                    \
-    int debug_level = ::linnet::loghooks::LevelFromEnvironment();                   \
-    int dbg_can_log(int level) { return level <= debug_level; }                     \
+#define LINNET_DEFAULT_LOG_HOOKS()                                                 \
+    extern "C" {                                                                   \
+    int debug_level = ::linnet::loghooks::LevelFromEnvironment();                  \
+    int dbg_can_log(int level) { return level <= debug_level; }                    \
     void _debug(const char* origin, int level, const char* format, ...) {          \
         if (level > debug_level) return; /* stream-style messages always arrive */ \
-        std::va_list ap;                                                            \
-        va_start(ap, format);                                                       \
-        ::linnet::loghooks::WriteLine(origin, level, format, ap);                   \
-        va_end(ap);                                                                 \
-    }                                                                               \
+        std::va_list ap;                                                           \
+        va_start(ap, format);                                                      \
+        ::linnet::loghooks::WriteLine(origin, level, format, ap);                  \
+        va_end(ap);                                                                \
+    }                                                                              \
     }
 
 #endif

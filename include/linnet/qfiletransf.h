@@ -68,9 +68,9 @@ public:
     virtual int Process();
 
 protected:
-    unsigned char mode_;               // 1: send mode; otherwise receive mode
-    char path_[4096];                  // path given to Open(path); may lack a zero
-    std::basic_filebuf<char> file_;    // the local file
+    unsigned char mode_;             // 1: send mode; otherwise receive mode
+    char path_[4096];                // path given to Open(path); may lack a zero
+    std::basic_filebuf<char> file_;  // the local file
 };
 
 #endif

@@ -73,8 +73,8 @@ public:
     sockaddr_nl* address() { return &nladdr_; }
 
 protected:
-    int fd_;               // -1 when not open
-    sockaddr_nl nladdr_;   // family AF_NETLINK, the rest 0: the kernel
+    int fd_;              // -1 when not open
+    sockaddr_nl nladdr_;  // family AF_NETLINK, the rest 0: the kernel
 };
 
 // One saved route attribute. type 0 marks an empty slot.
@@ -200,14 +200,14 @@ LINNET_API int ReadRoutes(std::vector<Route>& out);
 LINNET_API int ReadRouteMessages(std::vector<std::vector<unsigned char>>& out);
 
 // Filter bits of CRouteTable::Read. A group with no bit set does not filter.
-const int ROUTE_FILTER_TABLE_MAIN = 0x001;     // keep table 254
-const int ROUTE_FILTER_TABLE_LOCAL = 0x002;    // keep table 255
+const int ROUTE_FILTER_TABLE_MAIN = 0x001;   // keep table 254
+const int ROUTE_FILTER_TABLE_LOCAL = 0x002;  // keep table 255
 const int ROUTE_FILTER_TABLES = 0x003;
-const int ROUTE_FILTER_TYPE_8 = 0x008;         // keep rtm_type 8 (RTN_PROHIBIT)
-const int ROUTE_FILTER_TYPE_16 = 0x010;        // keep rtm_type 16
-const int ROUTE_FILTER_TYPE_32 = 0x020;        // keep rtm_type 32
-const int ROUTE_FILTER_TYPE_64 = 0x040;        // keep rtm_type 64
-const int ROUTE_FILTER_TYPE_NONE = 0x080;      // matches no type
+const int ROUTE_FILTER_TYPE_8 = 0x008;     // keep rtm_type 8 (RTN_PROHIBIT)
+const int ROUTE_FILTER_TYPE_16 = 0x010;    // keep rtm_type 16
+const int ROUTE_FILTER_TYPE_32 = 0x020;    // keep rtm_type 32
+const int ROUTE_FILTER_TYPE_64 = 0x040;    // keep rtm_type 64
+const int ROUTE_FILTER_TYPE_NONE = 0x080;  // matches no type
 const int ROUTE_FILTER_TYPES = 0x0f8;
 // Any protocol bit rejects every route: there is no accepted protocol.
 const int ROUTE_FILTER_PROTOCOL_1 = 0x100;
@@ -231,8 +231,8 @@ struct LINNET_API CRouteEntry {
     unsigned int gw;
     unsigned int inif;
     unsigned int outif;
-    unsigned int flags;    // ROUTE_ENTRY_DEFAULT
-    unsigned int reserved; // always 0
+    unsigned int flags;     // ROUTE_ENTRY_DEFAULT
+    unsigned int reserved;  // always 0
 
     // Logs one line at level 11, e.g. " dst=default gw=198.51.100.254
     // outif=2"; each part only when its field is set; at most 511 chars.

@@ -56,7 +56,9 @@ public:
     // class layout stays and Write(nullptr, 0) still means the one above.
     // Classes that override Write bring it back with `using Base::Write;`.
     template <typename T, typename std::enable_if<std::is_const<T>::value, int>::type = 0>
-    int Write(T* buf, int len) { return Write(const_cast<void*>(static_cast<const void*>(buf)), len); }
+    int Write(T* buf, int len) {
+        return Write(const_cast<void*>(static_cast<const void*>(buf)), len);
+    }
     virtual int Read(void* buf, int len) = 0;
     // Always 0. Closes fd_ when it is above 0 (descriptor 0 is forgotten,
     // never closed), then fd_ = -1 and events_, state_, lastError_, port_,
@@ -106,13 +108,13 @@ public:
     NonBlockSocket& operator=(const NonBlockSocket&) = delete;
 
 protected:
-    int fd_;                // descriptor; negative means none
-    int lastError_;         // 4 after an interrupted Poll, else 0
-    int state_;             // ready bits found by the last poll
-    int events_;            // interest mask for socket groups
-    int initState_;         // INIT_* bits
-    unsigned int addr_;     // network order
-    unsigned short port_;   // host order
+    int fd_;               // descriptor; negative means none
+    int lastError_;        // 4 after an interrupted Poll, else 0
+    int state_;            // ready bits found by the last poll
+    int events_;           // interest mask for socket groups
+    int initState_;        // INIT_* bits
+    unsigned int addr_;    // network order
+    unsigned short port_;  // host order
 };
 
 #endif

@@ -63,7 +63,9 @@ public:
     // Const data, handed on unchanged to the one above (a template, so that
     // Write(nullptr, 0) still means that one).
     template <typename T, typename std::enable_if<std::is_const<T>::value, int>::type = 0>
-    int Write(T* buf, unsigned size) { return Write(const_cast<void*>(static_cast<const void*>(buf)), size); }
+    int Write(T* buf, unsigned size) {
+        return Write(const_cast<void*>(static_cast<const void*>(buf)), size);
+    }
     // Discards the input waiting now, one byte per socket Read, without
     // polling: ends at the first Read that gives 0 or a negative result.
     void Flush();
@@ -97,10 +99,10 @@ public:
     int ReadBlock(unsigned char** body, unsigned* size_out, unsigned max_size);
 
 protected:
-    TCPSocket* sock_;           // not owned
-    unsigned int timeoutSec_;   // step time-out: whole seconds
-    unsigned int timeoutUsec_;  // step time-out: remaining microseconds
-    unsigned int finalTimeout_; // read inactivity limit, seconds
+    TCPSocket* sock_;            // not owned
+    unsigned int timeoutSec_;    // step time-out: whole seconds
+    unsigned int timeoutUsec_;   // step time-out: remaining microseconds
+    unsigned int finalTimeout_;  // read inactivity limit, seconds
 };
 
 #endif

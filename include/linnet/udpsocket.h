@@ -59,8 +59,7 @@ public:
     }
     // Write with IP_TTL set to ttl for this one datagram; the previous TTL is
     // put back whatever Write returned. Returns Write's result.
-    int WriteWithEspecialTimeToLive(unsigned int ip, unsigned short port, void* buf, int size,
-                                    unsigned int ttl);
+    int WriteWithEspecialTimeToLive(unsigned int ip, unsigned short port, void* buf, int size, unsigned int ttl);
 };
 
 #endif

@@ -42,8 +42,8 @@ int drain(CompressedTCPSocket* s, CStreamCompressor* c, long long limit_us) {
         }
         const long long left = deadline - linnet::sys::monotonic_us();
         if (left <= 0) return linnet::result::kTimedOut;
-        const int r = s->NonBlockSocket::Poll(POLL_WRITE, static_cast<int>(left / 1000000),
-                                              static_cast<int>(left % 1000000));
+        const int r =
+            s->NonBlockSocket::Poll(POLL_WRITE, static_cast<int>(left / 1000000), static_cast<int>(left % 1000000));
         if (r < 0) return r;
     }
 }
@@ -51,16 +51,13 @@ int drain(CompressedTCPSocket* s, CStreamCompressor* c, long long limit_us) {
 }  // namespace
 
 CompressedTCPSocket::CompressedTCPSocket()
-    : TCPSocket(), compressionOn_(0), compressor_(nullptr), decompressor_(nullptr), rawIn_(nullptr),
-      rawInFill_(0) {}
+    : TCPSocket(), compressionOn_(0), compressor_(nullptr), decompressor_(nullptr), rawIn_(nullptr), rawInFill_(0) {}
 
 CompressedTCPSocket::~CompressedTCPSocket() {
     if (compressionOn_) CleanupCompression();
 }
 
-int CompressedTCPSocket::RawCapacity() const {
-    return decompressor_ != nullptr ? decompressor_->slabSize_ / 5 : 0;
-}
+int CompressedTCPSocket::RawCapacity() const { return decompressor_ != nullptr ? decompressor_->slabSize_ / 5 : 0; }
 
 int CompressedTCPSocket::InitCompression() {
     if (compressionOn_) {
@@ -80,8 +77,8 @@ int CompressedTCPSocket::InitCompression() {
     rawIn_ = new unsigned char[rcv]();
     rawInFill_ = 0;  // a new stream starts with no input
     compressionOn_ = 1;
-    LOG_STREAM(11) << "compression on for fd_ " << fd_ << " (send slab " << sndBufSize_
-                   << ", receive slab " << 5 * rcv << ")";
+    LOG_STREAM(11) << "compression on for fd_ " << fd_ << " (send slab " << sndBufSize_ << ", receive slab " << 5 * rcv
+                   << ")";
     return 0;
 }
 
@@ -108,9 +105,7 @@ int CompressedTCPSocket::CleanupCompression() {
     return 0;
 }
 
-int CompressedTCPSocket::SwitchCompression(int on) {
-    return on ? InitCompression() : CleanupCompression();
-}
+int CompressedTCPSocket::SwitchCompression(int on) { return on ? InitCompression() : CleanupCompression(); }
 
 int CompressedTCPSocket::Write(void* buf, int len) {
     if (!compressionOn_) return TCPSocket::Write(buf, len);
@@ -241,19 +236,15 @@ int CompressedTCPSocket::FullFlush() {
     return r;
 }
 
-void CompressedTCPSocket::GetCompressionStats(int* in_compressed, int* out_plain,
-                                              int* out_compressed, int* in_plain) {
+void CompressedTCPSocket::GetCompressionStats(int* in_compressed, int* out_plain, int* out_compressed, int* in_plain) {
     const bool on = compressionOn_ != 0;
-    if (in_compressed != nullptr)
-        *in_compressed = on ? static_cast<int>(decompressor_->GetBytesIn()) : 0;
+    if (in_compressed != nullptr) *in_compressed = on ? static_cast<int>(decompressor_->GetBytesIn()) : 0;
     if (out_plain != nullptr) *out_plain = on ? static_cast<int>(decompressor_->GetBytesOut()) : 0;
-    if (out_compressed != nullptr)
-        *out_compressed = on ? static_cast<int>(compressor_->GetBytesOut()) : 0;
+    if (out_compressed != nullptr) *out_compressed = on ? static_cast<int>(compressor_->GetBytesOut()) : 0;
     if (in_plain != nullptr) *in_plain = on ? static_cast<int>(compressor_->GetBytesIn()) : 0;
 }
 
-CompressedSockStream::CompressedSockStream(CompressedTCPSocket* sock, unsigned timeout_us,
-                                           unsigned final_timeout_s)
+CompressedSockStream::CompressedSockStream(CompressedTCPSocket* sock, unsigned timeout_us, unsigned final_timeout_s)
     : SockStream(sock, timeout_us, final_timeout_s) {}
 
 int CompressedSockStream::Flush() { return GetCompressedSock()->Flush(); }

@@ -118,9 +118,7 @@ unsigned CCompressorSlab::GetBytesOut() { return bytesOut_; }
 
 CStreamCompressor::~CStreamCompressor() { Cleanup(); }
 
-int CStreamCompressor::InitCompressor(void* stream) {
-    return deflateInit(zs(stream), Z_DEFAULT_COMPRESSION);
-}
+int CStreamCompressor::InitCompressor(void* stream) { return deflateInit(zs(stream), Z_DEFAULT_COMPRESSION); }
 
 int CStreamCompressor::CleanupCompressor(void* stream) { return deflateEnd(zs(stream)); }
 
@@ -136,6 +134,4 @@ int CStreamDecompressor::CleanupCompressor(void* stream) { return inflateEnd(zs(
 
 int CStreamDecompressor::DoCompression(void* stream) { return inflate(zs(stream), Z_NO_FLUSH); }
 
-int CStreamDecompressor::DoCompressionFlush(void* stream) {
-    return inflate(zs(stream), Z_SYNC_FLUSH);
-}
+int CStreamDecompressor::DoCompressionFlush(void* stream) { return inflate(zs(stream), Z_SYNC_FLUSH); }

@@ -97,7 +97,7 @@ private:
     bool failed_ = false;
     bool has_percent_ = false;  // only then is the text escaped
     std::size_t len_ = 0;
-    char text_[512];     // the message; longer texts are cut (library texts are short)
+    char text_[512];  // the message; longer texts are cut (library texts are short)
 };
 
 }  // namespace detail

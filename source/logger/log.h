@@ -31,18 +31,17 @@
 // expansion is a lambda of its own type, so its static is this site's alone
 // (initialised once, thread-safe, const afterwards). __LINE__ is the line of
 // the statement that logs.
-#define LINNET_LOG_ORIGIN(function)                                                   \
-    ([](const char* fn) -> const logger::detail::Origin& {                            \
-        static const logger::detail::Origin site(fn, kLogFile, __LINE__);             \
-        return site;                                                                  \
+#define LINNET_LOG_ORIGIN(function)                                       \
+    ([](const char* fn) -> const logger::detail::Origin& {                \
+        static const logger::detail::Origin site(fn, kLogFile, __LINE__); \
+        return site;                                                      \
     }(function))
 
 // Formatted style: nothing is formatted unless dbg_can_log(level) says so.
 //     LOG_FORMAT("Listen", 11, "listening on fd_ = %d", fd_);
-#define LOG_FORMAT(origin, level, ...)                \
-    do {                                              \
-        if (dbg_can_log(level))                       \
-            _debug((origin), (level), __VA_ARGS__);   \
+#define LOG_FORMAT(origin, level, ...)                                  \
+    do {                                                                \
+        if (dbg_can_log(level)) _debug((origin), (level), __VA_ARGS__); \
     } while (0)
 
 #endif

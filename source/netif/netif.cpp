@@ -171,8 +171,8 @@ __NETIF_IFINFO* name_record(const std::string& name) {
 // The one level-1 line of a table that could not hold every interface.
 void report_left_out(int left_out) {
     if (left_out > 0)
-        LOG_STREAM_AS("Read", 1) << "interface table full (" << kMaxIfaces << " entries): "
-                                 << left_out << " interfaces left out";
+        LOG_STREAM_AS("Read", 1) << "interface table full (" << kMaxIfaces << " entries): " << left_out
+                                 << " interfaces left out";
 }
 
 }  // namespace
@@ -180,8 +180,7 @@ void report_left_out(int left_out) {
 CNetworkInterfaceInfo::CNetworkInterfaceInfo() : count_(0), fd_(linnet::kNoFd) {
     for (int i = 0; i < kMaxIfaces; ++i) info_[i] = nullptr;
     linnet::sys::ScopedFd control(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (control.get() < 0)
-        LOG_STREAM(1) << "can't create the interface control socket (errno " << errno << ")";
+    if (control.get() < 0) LOG_STREAM(1) << "can't create the interface control socket (errno " << errno << ")";
     fd_ = control.release();  // -1 when it failed; the destructor closes it
     if (fd_ < 0) fd_ = linnet::kNoFd;
     Read();
@@ -272,9 +271,7 @@ void CNetworkInterfaceInfo::Lookup(const char* name, std::vector<int>& out) cons
         if (info_[i] != nullptr && is_name_or_alias(info_[i]->name, name)) out.push_back(i);
 }
 
-void CNetworkInterfaceInfo::GetNum(const char* name, std::vector<int>& out) const {
-    Lookup(name, out);
-}
+void CNetworkInterfaceInfo::GetNum(const char* name, std::vector<int>& out) const { Lookup(name, out); }
 
 void CNetworkInterfaceInfo::GetIP(const char* name, std::vector<unsigned int>& out) const {
     out.clear();
@@ -284,19 +281,17 @@ void CNetworkInterfaceInfo::GetIP(const char* name, std::vector<unsigned int>& o
         if (info_[pos]->ip != 0) out.push_back(info_[pos]->ip);
 }
 
-bool CNetworkInterfaceInfo::IsExist(const std::string& name) const {
-    return check_ifaces(name.c_str()) == 0;
-}
+bool CNetworkInterfaceInfo::IsExist(const std::string& name) const { return check_ifaces(name.c_str()) == 0; }
 
 // Field getters: a missing record, or a position outside the array, gives 0.
-#define LINNET_NETIF_GETTER(Type, Name, field, none)                        \
-    Type CNetworkInterfaceInfo::Name(int pos) const {                       \
-        const __NETIF_IFINFO* rec = record_at(info_, pos);                  \
-        return rec != nullptr ? rec->field : none;                          \
-    }                                                                       \
-    Type CNetworkInterfaceInfo::Name(const char* name) const {              \
-        const __NETIF_IFINFO* rec = Lookup(name);                           \
-        return rec != nullptr ? rec->field : none;                          \
+#define LINNET_NETIF_GETTER(Type, Name, field, none)           \
+    Type CNetworkInterfaceInfo::Name(int pos) const {          \
+        const __NETIF_IFINFO* rec = record_at(info_, pos);     \
+        return rec != nullptr ? rec->field : none;             \
+    }                                                          \
+    Type CNetworkInterfaceInfo::Name(const char* name) const { \
+        const __NETIF_IFINFO* rec = Lookup(name);              \
+        return rec != nullptr ? rec->field : none;             \
     }
 
 LINNET_NETIF_GETTER(unsigned int, GetIP, ip, 0)
@@ -312,30 +307,22 @@ bool CNetworkInterfaceInfo::IsVirtual(int pos) const {
     return name != nullptr && std::strchr(name, ':') != nullptr;
 }
 
-int CNetworkInterfaceInfo::IsLoopback(int pos) const {
-    return static_cast<int>(GetFlags(pos) & IFF_LOOPBACK);
-}
+int CNetworkInterfaceInfo::IsLoopback(int pos) const { return static_cast<int>(GetFlags(pos) & IFF_LOOPBACK); }
 
 int CNetworkInterfaceInfo::IsLoopback(const char* name) const {
     return static_cast<int>(GetFlags(name) & IFF_LOOPBACK);
 }
 
-int CNetworkInterfaceInfo::IsPPP(int pos) const {
-    return static_cast<int>(GetFlags(pos) & IFF_POINTOPOINT);
-}
+int CNetworkInterfaceInfo::IsPPP(int pos) const { return static_cast<int>(GetFlags(pos) & IFF_POINTOPOINT); }
 
-int CNetworkInterfaceInfo::IsPPP(const char* name) const {
-    return static_cast<int>(GetFlags(name) & IFF_POINTOPOINT);
-}
+int CNetworkInterfaceInfo::IsPPP(const char* name) const { return static_cast<int>(GetFlags(name) & IFF_POINTOPOINT); }
 
 bool CNetworkInterfaceInfo::IsOperational(int pos) const {
     if (pos < 0 || pos >= count_ || info_[pos] == nullptr) return false;
     return (info_[pos]->flags & IFF_UP) != 0 && info_[pos]->ip != 0;
 }
 
-bool CNetworkInterfaceInfo::IsOperational(const char* name) const {
-    return IsOperational(GetNum(name));
-}
+bool CNetworkInterfaceInfo::IsOperational(const char* name) const { return IsOperational(GetNum(name)); }
 
 unsigned int CNetworkInterfaceInfo::GetNetmaskOnIP(unsigned int ip) const {
     for (int i = 0; i < count_; ++i)
@@ -380,13 +367,9 @@ int CNetworkInterfaceInfo::SetBroadcast(__NETIF_IFINFO* rec, int bcast) {
 }
 
 // The by-name and by-position forms find the record and call the first form.
-#define LINNET_NETIF_SETTER(Name, Type)                                      \
-    int CNetworkInterfaceInfo::Name(const char* name, Type value) {          \
-        return Name(Lookup(name), value);                                    \
-    }                                                                        \
-    int CNetworkInterfaceInfo::Name(int pos, Type value) {                   \
-        return Name(record_at(info_, pos), value);                           \
-    }
+#define LINNET_NETIF_SETTER(Name, Type)                                                                 \
+    int CNetworkInterfaceInfo::Name(const char* name, Type value) { return Name(Lookup(name), value); } \
+    int CNetworkInterfaceInfo::Name(int pos, Type value) { return Name(record_at(info_, pos), value); }
 
 LINNET_NETIF_SETTER(SetIP, unsigned int)
 LINNET_NETIF_SETTER(SetFlags, unsigned long long)

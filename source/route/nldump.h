@@ -82,8 +82,7 @@ protected:
 class DumpConversation {
 public:
     // `peer` is the port that answers: 0, the kernel, unless a test plays it.
-    explicit DumpConversation(std::size_t buffer = kAnswerBuffer, uint32_t peer = 0)
-        : buf_(buffer, 0), peer_(peer) {}
+    explicit DumpConversation(std::size_t buffer = kAnswerBuffer, uint32_t peer = 0) : buf_(buffer, 0), peer_(peer) {}
 
     // The three steps of opening, for readers that log between them; each
     // returns 0 or the errno of its call.
@@ -117,8 +116,7 @@ public:
             if (attempt > 0) reader.Restart();
             errno = 0;
             sockaddr_nl peer = Address(peer_);
-            const ssize_t sent = ::sendto(fd_.get(), request, len, 0,
-                                          reinterpret_cast<sockaddr*>(&peer), sizeof peer);
+            const ssize_t sent = ::sendto(fd_.get(), request, len, 0, reinterpret_cast<sockaddr*>(&peer), sizeof peer);
             if (sent < 0) return Fail(Failure::kSend, errno);
             if (static_cast<std::size_t>(sent) != len) {
                 Outcome o = Fail(Failure::kShortSend, errno);

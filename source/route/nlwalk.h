@@ -23,10 +23,10 @@ const unsigned short kDone = NLMSG_DONE;
 const unsigned short kError = NLMSG_ERROR;
 const unsigned int kSeq = 1;  // every request of the library carries it
 
-const long kHeaderLen = NLMSG_HDRLEN;                        // 16
-const long kRouteMsgLen = NLMSG_LENGTH(sizeof(rtmsg));       // 28
-const long kErrorMsgLen = NLMSG_LENGTH(sizeof(nlmsgerr));    // 36
-const long kAttrHeaderLen = RTA_LENGTH(0);                   // 4
+const long kHeaderLen = NLMSG_HDRLEN;                      // 16
+const long kRouteMsgLen = NLMSG_LENGTH(sizeof(rtmsg));     // 28
+const long kErrorMsgLen = NLMSG_LENGTH(sizeof(nlmsgerr));  // 36
+const long kAttrHeaderLen = RTA_LENGTH(0);                 // 4
 
 inline long align(long n) { return NLMSG_ALIGN(n); }
 
@@ -123,9 +123,7 @@ inline WalkEnd walk_answer(nlmsghdr* h, long len, uint32_t seq, AnswerHandler& h
 
 // Payload length after header and rtmsg; negative when the message is too
 // short to hold an rtmsg.
-inline long route_payload_len(const nlmsghdr* h) {
-    return static_cast<long>(h->nlmsg_len) - kRouteMsgLen;
-}
+inline long route_payload_len(const nlmsghdr* h) { return static_cast<long>(h->nlmsg_len) - kRouteMsgLen; }
 
 // Only for a message whose route_payload_len() is not negative.
 inline rtmsg* route_of(nlmsghdr* h) { return static_cast<rtmsg*>(NLMSG_DATA(h)); }
@@ -133,8 +131,7 @@ inline rtattr* first_attr(nlmsghdr* h) { return RTM_RTA(route_of(h)); }
 
 // A whole attribute header lies within `len`, and so does its rta_len.
 inline bool attr_ok(const rtattr* a, long len) {
-    return len >= kAttrHeaderLen && a->rta_len >= kAttrHeaderLen &&
-           static_cast<long>(a->rta_len) <= len;
+    return len >= kAttrHeaderLen && a->rta_len >= kAttrHeaderLen && static_cast<long>(a->rta_len) <= len;
 }
 
 inline rtattr* attr_next(rtattr* a, long* len) {

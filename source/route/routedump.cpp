@@ -22,7 +22,7 @@ namespace nl = linnet::nl;
 
 namespace {
 
-const unsigned int kSlots = 16;      // attribute types kept: 0 to 15
+const unsigned int kSlots = 16;         // attribute types kept: 0 to 15
 const size_t kMaxPayload = 0xffff - 4;  // what a 16-bit rta_len can carry
 
 // Every byte in decimal, dotted. An empty payload prints as one 0 byte
@@ -47,10 +47,22 @@ uint32_t first_word(const std::vector<unsigned char>& d) {
 void print_attr(std::ostream& os, const Attr& a) {
     switch (a.type) {
         case 0: return;
-        case RTA_DST: os << " is-to "; print_dotted(os, a.data); return;
-        case RTA_SRC: os << " is-from "; print_dotted(os, a.data); return;
-        case RTA_GATEWAY: os << " gw "; print_dotted(os, a.data); return;
-        case RTA_PREFSRC: os << " source "; print_dotted(os, a.data); return;
+        case RTA_DST:
+            os << " is-to ";
+            print_dotted(os, a.data);
+            return;
+        case RTA_SRC:
+            os << " is-from ";
+            print_dotted(os, a.data);
+            return;
+        case RTA_GATEWAY:
+            os << " gw ";
+            print_dotted(os, a.data);
+            return;
+        case RTA_PREFSRC:
+            os << " source ";
+            print_dotted(os, a.data);
+            return;
         case RTA_IIF: os << " in iface " << first_word(a.data); return;
         case RTA_OIF: os << " out iface " << first_word(a.data); return;
         // Type 8 is RTA_METRICS (a nested attribute), printed as a number
@@ -153,8 +165,7 @@ std::vector<unsigned char> LoadRequest(const Route& r) {
         head.rta_len = static_cast<unsigned short>(a.data.size() + nl::kAttrHeaderLen);
         head.rta_type = a.type;
         std::memcpy(&buf[len], &head, sizeof head);
-        if (!a.data.empty())
-            std::memcpy(&buf[len + nl::kAttrHeaderLen], a.data.data(), a.data.size());
+        if (!a.data.empty()) std::memcpy(&buf[len + nl::kAttrHeaderLen], a.data.data(), a.data.size());
         len += head.rta_len;
     }
     req.hdr.nlmsg_len = static_cast<uint32_t>(len);
@@ -202,9 +213,7 @@ namespace {
 
 // Reaches the protected parts the dump needs, through member pointers.
 struct DumpAccess : CRoutesDump {
-    static int Walk(CRoutesDump* d, nlmsghdr* h, long len) {
-        return (d->*(&DumpAccess::handle_answer))(h, len);
-    }
+    static int Walk(CRoutesDump* d, nlmsghdr* h, long len) { return (d->*(&DumpAccess::handle_answer))(h, len); }
 };
 struct ImpAccess : CRoutesDumpImp {
     static void Clear(CRoutesDumpImp* i) { (i->*(&ImpAccess::routes_)).clear(); }
@@ -214,21 +223,16 @@ struct ImpAccess : CRoutesDumpImp {
 class SnapshotReader : public nl::DumpReader {
 public:
     SnapshotReader(CRoutesDump* dump, CRoutesDumpImp* imp) : dump_(dump), imp_(imp) {}
-    void Sent() override {
-        LOG_STREAM_AS("CRoutesDump", 4) << "sent request to the kernel to get the RT";
-    }
+    void Sent() override { LOG_STREAM_AS("CRoutesDump", 4) << "sent request to the kernel to get the RT"; }
     void Restart() override {
         LOG_STREAM_AS("CRoutesDump", 4) << "routing table changed during the dump, dumping again";
         ImpAccess::Clear(imp_);
     }
     void Interrupted() override { LOG_STREAM_AS("CRoutesDump", 11) << "interrupted syscall"; }
     void Foreign(uint32_t pid) override {
-        LOG_STREAM_AS("CRoutesDump", 11) << "message from netlink pid " << pid
-                                         << ", not the kernel: ignored";
+        LOG_STREAM_AS("CRoutesDump", 11) << "message from netlink pid " << pid << ", not the kernel: ignored";
     }
-    int Datagram(nlmsghdr* first, long len) override {
-        return DumpAccess::Walk(dump_, first, len) == 0 ? 0 : kMore;
-    }
+    int Datagram(nlmsghdr* first, long len) override { return DumpAccess::Walk(dump_, first, len) == 0 ? 0 : kMore; }
 
 private:
     CRoutesDump* dump_;
@@ -265,12 +269,8 @@ CRoutesDump::CRoutesDump() : ok_(true), imp_(new CRoutesDumpImp) {
                 return;
             case nl::Failure::kEndOfFile: fail("CRoutesDump()", "EOF on netlink fd"); return;
             case nl::Failure::kTruncated: fail("CRoutesDump()", "message truncated"); return;
-            case nl::Failure::kChanging:
-                fail("CRoutesDump()", "routing table kept changing during the dump");
-                return;
-            default:
-                fail("CRoutesDump()", "sender address is not a netlink address");
-                return;
+            case nl::Failure::kChanging: fail("CRoutesDump()", "routing table kept changing during the dump"); return;
+            default: fail("CRoutesDump()", "sender address is not a netlink address"); return;
         }
     } catch (...) {
         delete imp_;  // the destructor will not run
@@ -318,9 +318,9 @@ int CRoutesDump::handle_answer(nlmsghdr* first, long len) {
 void CRoutesDump::print(std::ostream& os) {
     os << "Table:" << std::endl;
     for (const Route& r : imp_->routes()) {
-        os << "route:" << " table " << static_cast<unsigned>(r.rtm.rtm_table) << " scope "
-           << static_cast<unsigned>(r.rtm.rtm_scope) << " dst_len "
-           << static_cast<unsigned>(r.rtm.rtm_dst_len) << "; attributes:";
+        os << "route:"
+           << " table " << static_cast<unsigned>(r.rtm.rtm_table) << " scope " << static_cast<unsigned>(r.rtm.rtm_scope)
+           << " dst_len " << static_cast<unsigned>(r.rtm.rtm_dst_len) << "; attributes:";
         for (const Attr& a : r.attrs) print_attr(os, a);
         os << std::endl;
     }

@@ -98,8 +98,7 @@ int Load(int fd, const Route& r, std::vector<unsigned char>& answer) {
     sockaddr_nl kernel;
     std::memset(&kernel, 0, sizeof kernel);
     kernel.nl_family = AF_NETLINK;
-    const ssize_t sent = ::sendto(fd, req.data(), req.size(), 0, reinterpret_cast<sockaddr*>(&kernel),
-                                  sizeof kernel);
+    const ssize_t sent = ::sendto(fd, req.data(), req.size(), 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
     const int verdict = sent < 0 ? linnet::sys::failure() : verdict_of(fd, answer);
     LOG_STREAM(4) << "another route dumped into the kernel";
     return verdict;
@@ -153,6 +152,6 @@ void CRoutesDumpImp::restore() const {
         LOG_STREAM(1) << "kernel refused route " << describe(*r.first).c_str() << " (errno " << -r.second << ")";
     const int failed = static_cast<int>(pending.size());
     if (skipped + failed > 0)
-        LOG_STREAM(1) << "restore: " << put_back << " routes put back, " << present << " already present, "
-                      << skipped << " skipped, " << failed << " refused";
+        LOG_STREAM(1) << "restore: " << put_back << " routes put back, " << present << " already present, " << skipped
+                      << " skipped, " << failed << " refused";
 }

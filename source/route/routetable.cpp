@@ -43,8 +43,7 @@ unsigned int mask_of(unsigned int n) {
 }
 
 // Looks a kernel interface index up in the caller's map; false when absent.
-bool translate(const std::map<unsigned int, unsigned int>& ifmap, const rtattr* a,
-               unsigned int* out) {
+bool translate(const std::map<unsigned int, unsigned int>& ifmap, const rtattr* a, unsigned int* out) {
     if (ifmap.empty()) return false;
     const auto it = ifmap.find(nl::attr_u32(a));
     if (it == ifmap.end()) return false;
@@ -56,12 +55,10 @@ bool translate(const std::map<unsigned int, unsigned int>& ifmap, const rtattr* 
 // interface is in the map: its interface and gateway become the entry's.
 // false when no hop is (the route is then dropped, like any route on an
 // unknown interface).
-bool pick_nexthop(const std::map<unsigned int, unsigned int>& ifmap, const rtattr* multipath,
-                 CRouteEntry* e) {
+bool pick_nexthop(const std::map<unsigned int, unsigned int>& ifmap, const rtattr* multipath, CRouteEntry* e) {
     if (ifmap.empty()) return false;
     long len = nl::attr_data_len(multipath);
-    for (rtnexthop* n = nl::first_nexthop(multipath); nl::nexthop_ok(n, len);
-         n = nl::nexthop_next(n, &len)) {
+    for (rtnexthop* n = nl::first_nexthop(multipath); nl::nexthop_ok(n, len); n = nl::nexthop_next(n, &len)) {
         const auto it = ifmap.find(static_cast<unsigned int>(n->rtnh_ifindex));
         if (it == ifmap.end()) continue;
         e->outif = it->second;
@@ -143,20 +140,17 @@ struct Access : CRouteTable {
 // the conversation's events are logged in Read's words.
 class TableReader : public nl::DumpReader {
 public:
-    TableReader(CRouteTable* table, int fd, int filter,
-                const std::map<unsigned int, unsigned int>& ifmap)
+    TableReader(CRouteTable* table, int fd, int filter, const std::map<unsigned int, unsigned int>& ifmap)
         : table_(table), fd_(fd), filter_(filter), ifmap_(ifmap) {}
     void Restart() override {
-        LOG_STREAM_AS("Read", 4) << "Route table changed during the dump on netlink fd " << fd_
-                                 << ". Dump again";
+        LOG_STREAM_AS("Read", 4) << "Route table changed during the dump on netlink fd " << fd_ << ". Dump again";
         Access::Clear(table_);
     }
     void Interrupted() override {
         LOG_STREAM_AS("Read", 1) << "Interrupted syscall on netlink fd " << fd_ << ". Continue...";
     }
     void Foreign(uint32_t pid) override {
-        LOG_STREAM_AS("Read", 1) << "Datagram from netlink pid " << pid
-                                 << " isn't from the kernel. Skip it!";
+        LOG_STREAM_AS("Read", 1) << "Datagram from netlink pid " << pid << " isn't from the kernel. Skip it!";
     }
     int Datagram(nlmsghdr* first, long len) override {
         const int r = Access::Walk(table_, first, len, filter_, ifmap_);
@@ -207,18 +201,16 @@ DumpRequest dump_request() {
 // logged in Read's words.
 int result_of(const nl::Outcome& o, int fd) {
     switch (o.failure) {
-        case nl::Failure::kNone:
-            return o.result;
+        case nl::Failure::kNone: return o.result;
         case nl::Failure::kSend:
             if (o.err == EAGAIN)
                 LOG_STREAM_NAMED("Read", 1) << "No room for data on fd " << fd;
             else
-                LOG_STREAM_NAMED("Read", 1)
-                    << "Error write data to netlink fd " << fd << " (errno " << o.err << ")";
+                LOG_STREAM_NAMED("Read", 1) << "Error write data to netlink fd " << fd << " (errno " << o.err << ")";
             return linnet::sys::failure(o.err);
         case nl::Failure::kShortSend:  // errno is whatever it was
-            LOG_STREAM_NAMED("Read", 1)
-                << "The amount of sent data " << o.value << " isn't equal to origin " << sizeof(DumpRequest);
+            LOG_STREAM_NAMED("Read", 1) << "The amount of sent data " << o.value << " isn't equal to origin "
+                                        << sizeof(DumpRequest);
             return linnet::sys::failure(o.err);
         case nl::Failure::kNoData:
             LOG_STREAM_NAMED("Read", 1) << "No data available on netlink fd " << fd;
@@ -227,19 +219,18 @@ int result_of(const nl::Outcome& o, int fd) {
             LOG_STREAM_NAMED("Read", 1) << "EOF on netlink fd " << fd;
             return linnet::result::kTableEndOfFile;
         case nl::Failure::kAddressLength:
-            LOG_STREAM_NAMED("Read", 1)
-                << "Sender address length " << o.value << " isn't equal to origin " << sizeof(sockaddr_nl);
+            LOG_STREAM_NAMED("Read", 1) << "Sender address length " << o.value << " isn't equal to origin "
+                                        << sizeof(sockaddr_nl);
             return linnet::result::kTableBadSender;
         case nl::Failure::kTruncated:
             LOG_STREAM_NAMED("Read", 1) << "Message truncated";
             return linnet::result::kDumpTruncated;
         case nl::Failure::kChanging:
-            LOG_STREAM_NAMED("Read", 1)
-                << "Route table changed during " << nl::kDumpAttempts << " dumps on netlink fd " << fd;
+            LOG_STREAM_NAMED("Read", 1) << "Route table changed during " << nl::kDumpAttempts << " dumps on netlink fd "
+                                        << fd;
             return linnet::result::kDumpChanging;
         default:  // kReceive; the open steps were taken by open_socket
-            LOG_STREAM_NAMED("Read", 1)
-                << "Cannot recv message from netlink fd " << fd << " (errno " << o.err << ")";
+            LOG_STREAM_NAMED("Read", 1) << "Cannot recv message from netlink fd " << fd << " (errno " << o.err << ")";
             return linnet::sys::failure(o.err);
     }
 }
@@ -261,8 +252,7 @@ int CRouteTable::HandleAnswer(nlmsghdr* first, long len, bool truncated, int fil
     // Each kind of message as the table reads it. `result` stays "receive
     // again" unless the dump has ended.
     struct Answer : nl::AnswerHandler {
-        Answer(CRouteTable* t, int f, const std::map<unsigned int, unsigned int>& m)
-            : table(t), filter(f), ifmap(m) {}
+        Answer(CRouteTable* t, int f, const std::map<unsigned int, unsigned int>& m) : table(t), filter(f), ifmap(m) {}
         nl::Next OtherSequence(nlmsghdr* h) override {
             LOG_STREAM_NAMED("HandleAnswer", 1)
                 << "Message sequence num " << h->nlmsg_seq << " isn't equal to origin " << nl::kSeq;
@@ -307,8 +297,7 @@ int CRouteTable::HandleAnswer(nlmsghdr* first, long len, bool truncated, int fil
     return answer.result;
 }
 
-int CRouteTable::AddEntry(nlmsghdr* msg, int filter,
-                          const std::map<unsigned int, unsigned int>& ifmap) {
+int CRouteTable::AddEntry(nlmsghdr* msg, int filter, const std::map<unsigned int, unsigned int>& ifmap) {
     if (msg->nlmsg_type != RTM_NEWROUTE) {
         LOG_STREAM(11) << "Not a route: len=" << msg->nlmsg_len << " type=" << msg->nlmsg_type
                        << " flags=" << msg->nlmsg_flags;
@@ -322,9 +311,8 @@ int CRouteTable::AddEntry(nlmsghdr* msg, int filter,
     rtmsg* rtm = nl::route_of(msg);
     // Raw characters, not numbers: the trace has always shown the bytes.
     LOG_STREAM(11) << "Route: type " << static_cast<char>(rtm->rtm_type) << " table "
-                   << static_cast<char>(rtm->rtm_table) << " proto "
-                   << static_cast<char>(rtm->rtm_protocol) << " scope "
-                   << static_cast<char>(rtm->rtm_scope);
+                   << static_cast<char>(rtm->rtm_table) << " proto " << static_cast<char>(rtm->rtm_protocol)
+                   << " scope " << static_cast<char>(rtm->rtm_scope);
     if (RejectEntry(rtm, filter)) return 0;
 
     const rtattr* attrs[kAttrSlots] = {};
@@ -370,8 +358,7 @@ bool CRouteTable::RejectEntry(rtmsg* rtm, int filter) {
         const bool keep = (rtm->rtm_table == RT_TABLE_MAIN && (filter & ROUTE_FILTER_TABLE_MAIN)) ||
                           (rtm->rtm_table == RT_TABLE_LOCAL && (filter & ROUTE_FILTER_TABLE_LOCAL));
         if (!keep) {
-            LOG_STREAM(11) << "Table " << static_cast<char>(rtm->rtm_table) << " rejected by filter "
-                           << filter;
+            LOG_STREAM(11) << "Table " << static_cast<char>(rtm->rtm_table) << " rejected by filter " << filter;
             return true;
         }
     }
@@ -379,14 +366,12 @@ bool CRouteTable::RejectEntry(rtmsg* rtm, int filter) {
         // Type 4 maps to 0x4, outside the type group, so it never passes.
         const int bit = type_bit(rtm->rtm_type);
         if (bit == 0 || !(filter & bit & ROUTE_FILTER_TYPES)) {
-            LOG_STREAM(11) << "Type " << static_cast<char>(rtm->rtm_type) << " rejected by filter "
-                           << filter;
+            LOG_STREAM(11) << "Type " << static_cast<char>(rtm->rtm_type) << " rejected by filter " << filter;
             return true;
         }
     }
     if (filter & ROUTE_FILTER_PROTOCOLS) {
-        LOG_STREAM(11) << "Protocol " << static_cast<char>(rtm->rtm_protocol)
-                       << " rejected by filter " << filter;
+        LOG_STREAM(11) << "Protocol " << static_cast<char>(rtm->rtm_protocol) << " rejected by filter " << filter;
         return true;
     }
     return false;

@@ -114,9 +114,7 @@ void CBlockAssembler::Arrived(int before, long long now) {
     lastInput_ = now;
 }
 
-int CBlockAssembler::ReadFrom(NonBlockSocket* s, long long now) {
-    return ReadInto(s, false, options_.readSize, now);
-}
+int CBlockAssembler::ReadFrom(NonBlockSocket* s, long long now) { return ReadInto(s, false, options_.readSize, now); }
 
 int CBlockAssembler::ReadFrom(CompressedTCPSocket* s, long long now) {
     const bool on = s != nullptr && Compressed::On(*s);
@@ -339,24 +337,25 @@ int CBlockAssembler::Send(CompressedTCPSocket* s, long long now) {
     return Sent(taken, taken > 0 || flushed > 0, now);
 }
 
-bool CBlockAssembler::Paused() const {
-    return QueuedOutput() > 2LL * (static_cast<long long>(options_.maxBlock) + 4);
-}
+bool CBlockAssembler::Paused() const { return QueuedOutput() > 2LL * (static_cast<long long>(options_.maxBlock) + 4); }
 
-int CBlockAssembler::Wanted() const {
-    return (Pending() ? POLL_WRITE : 0) | (Paused() || ended_ ? 0 : POLL_READ);
-}
+int CBlockAssembler::Wanted() const { return (Pending() ? POLL_WRITE : 0) | (Paused() || ended_ ? 0 : POLL_READ); }
 
 bool CBlockAssembler::InBlock() const { return haveHeader_ || inEnd_ > inStart_; }
 
 int CBlockAssembler::Expired(long long now, BlockEnd* why) const {
     const long long deadline = options_.deadlineMs;
     BlockEnd e;
-    if (deadline > 0 && wasPending_ && now - outProgress_ > deadline) e = BlockEnd::kStalledReader;
-    else if (Paused() || ended_) return 0;  // the server is the one not reading, or no input can come
-    else if (deadline > 0 && InBlock() && now - blockStart_ > deadline) e = BlockEnd::kDeadline;
-    else if (options_.idleMs > 0 && !InBlock() && now - lastInput_ > options_.idleMs) e = BlockEnd::kIdle;
-    else return 0;
+    if (deadline > 0 && wasPending_ && now - outProgress_ > deadline)
+        e = BlockEnd::kStalledReader;
+    else if (Paused() || ended_)
+        return 0;  // the server is the one not reading, or no input can come
+    else if (deadline > 0 && InBlock() && now - blockStart_ > deadline)
+        e = BlockEnd::kDeadline;
+    else if (options_.idleMs > 0 && !InBlock() && now - lastInput_ > options_.idleMs)
+        e = BlockEnd::kIdle;
+    else
+        return 0;
     if (why != nullptr) *why = e;
     return 1;
 }
@@ -367,8 +366,10 @@ long long CBlockAssembler::NextDeadline() const {
     if (deadline > 0 && wasPending_) t = outProgress_ + deadline + 1;
     if (Paused() || ended_) return t;
     long long u = kNoTime;
-    if (deadline > 0 && InBlock()) u = blockStart_ + deadline + 1;
-    else if (options_.idleMs > 0 && !InBlock()) u = lastInput_ + options_.idleMs + 1;
+    if (deadline > 0 && InBlock())
+        u = blockStart_ + deadline + 1;
+    else if (options_.idleMs > 0 && !InBlock())
+        u = lastInput_ + options_.idleMs + 1;
     if (u >= 0 && (t < 0 || u < t)) t = u;
     return t;
 }

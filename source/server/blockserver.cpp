@@ -31,8 +31,8 @@ const std::size_t kHeapSlack = 256;  // stale deadline entries tolerated beyond 
 const int kNoHandle = linnet::kNoFd;
 
 bool OutOfDescriptors(int code) {
-    return code == result::kTooManyFiles || code == result::kFileTableFull ||
-           code == result::kNoBuffers || code == result::kNoMemory;
+    return code == result::kTooManyFiles || code == result::kFileTableFull || code == result::kNoBuffers ||
+           code == result::kNoMemory;
 }
 
 // A registration's token: the socket it watches, the listener's or a
@@ -50,19 +50,19 @@ struct Conn : CompressedTCPSocket {
     CBlockReply reply;
     unsigned long long bytesIn = 0, blocks = 0;  // for its record, with peer and peakQueued
     long long accepted = 0;
-    long long timerAt = kNoTime;    // when its current deadline entry falls due; kNoTime: none
-    unsigned long long round = 0;   // the round that served it last (never wraps)
-    unsigned peerIp = 0;            // network order
+    long long timerAt = kNoTime;   // when its current deadline entry falls due; kNoTime: none
+    unsigned long long round = 0;  // the round that served it last (never wraps)
+    unsigned peerIp = 0;           // network order
     int peakQueued = 0;
-    int handle = kNoHandle;         // its registration
-    std::uint32_t serial = 0;       // tells it from an earlier holder of the handle
-    std::uint32_t index = 0;        // its place among the connections (fewer than descriptors)
-    unsigned short peerPort = 0;    // host order
-    bool switchPending = false;     // compression goes on once the replies are out
+    int handle = kNoHandle;       // its registration
+    std::uint32_t serial = 0;     // tells it from an earlier holder of the handle
+    std::uint32_t index = 0;      // its place among the connections (fewer than descriptors)
+    unsigned short peerPort = 0;  // host order
+    bool switchPending = false;   // compression goes on once the replies are out
     // Input may wait without readiness (decoded inside the socket, or a read
     // loop cut short): read at the next round, which then does not sleep.
     bool hot = false;
-    bool resume = false;            // reading paused while it may: read again once it resumes
+    bool resume = false;  // reading paused while it may: read again once it resumes
 };
 
 Conn* ConnOf(void* token) { return static_cast<Conn*>(SocketOf(token)); }

@@ -17,8 +17,8 @@ namespace server {
 class DeadlineHeap {
 public:
     struct Entry {
-        long long when;      // milliseconds of the monotonic clock
-        int handle;          // the connection's registration
+        long long when;        // milliseconds of the monotonic clock
+        int handle;            // the connection's registration
         std::uint32_t serial;  // the connection's number: a reused handle is told apart
     };
 

@@ -77,7 +77,8 @@ public:
             engine.detach(other);
             o->handle = kNoHandle;
         }
-        const int h = engine.add(fd, Socket::Events(*m->sock) & kAll, m, m->queued != nullptr || m->compressed != nullptr);
+        const int h =
+            engine.add(fd, Socket::Events(*m->sock) & kAll, m, m->queued != nullptr || m->compressed != nullptr);
         if (h < 0) return h;
         m->handle = h;
         return 0;
@@ -222,8 +223,7 @@ int CEpollGroup::Wait(int seconds, int microseconds) {
         LOG_STREAM(3) << "negative wait time " << seconds << "/" << microseconds;
         return result::kBadArgument;
     }
-    const long long timeout =
-        seconds == linnet::kWaitForever ? linnet::kNoTime : seconds * 1000000LL + microseconds;
+    const long long timeout = seconds == linnet::kWaitForever ? linnet::kNoTime : seconds * 1000000LL + microseconds;
     const long long deadline = timeout < 0 ? linnet::kNoTime : linnet::sys::monotonic_us() + timeout;
     for (;;) {
         long long left = linnet::kNoTime;

@@ -76,8 +76,8 @@ int NonBlockSocket::Poll(int events, int sec, int usec) {
         LOG_STREAM(11) << "poll on negative fd_ = " << fd_;
         return result::kNoDescriptor;
     }
-    LOG_STREAM(11) << "polling fd_ " << fd_ << " (time " << sec << "/" << usec
-                   << "), read: " << (events & POLL_READ) << ", write: " << (events & POLL_WRITE);
+    LOG_STREAM(11) << "polling fd_ " << fd_ << " (time " << sec << "/" << usec << "), read: " << (events & POLL_READ)
+                   << ", write: " << (events & POLL_WRITE);
     timeval tv;
     tv.tv_sec = sec;
     tv.tv_usec = usec;
@@ -87,8 +87,8 @@ int NonBlockSocket::Poll(int events, int sec, int usec) {
     const int n = linnet::wait::wait_ready(&item, 1, &tv);
     if (n > 0) {
         state_ = item.ready;
-        LOG_STREAM(11) << "return on fd_ " << fd_ << ": read " << (state_ & POLL_READ)
-                       << ", write " << (state_ & POLL_WRITE);
+        LOG_STREAM(11) << "return on fd_ " << fd_ << ": read " << (state_ & POLL_READ) << ", write "
+                       << (state_ & POLL_WRITE);
         return state_;
     }
     if (n == 0) {
@@ -164,8 +164,7 @@ int NonBlockSocket::GetValueTimeToLive() const {
 void NonBlockSocket::SetValueTimeToLive(unsigned int ttl) const {
     const int value = static_cast<int>(ttl);
     if (setsockopt(fd_, IPPROTO_IP, IP_TTL, &value, sizeof value) < 0)
-        LOG_STREAM(1) << "Can't set TTL value to " << ttl << " on fd " << fd_ << " (errno " << errno
-                      << ")";
+        LOG_STREAM(1) << "Can't set TTL value to " << ttl << " on fd " << fd_ << " (errno " << errno << ")";
 }
 
 unsigned short NonBlockSocket::LocalPort() const {

@@ -93,8 +93,7 @@ int CSockGroup::Poll(int seconds, int microseconds) {
             if (s->state_ != bits) s->state_ = bits;  // most stay 0: leave their lines clean
             if (bits != 0)
                 LOG_STREAM_NAMED("Poll", 11) << "events on fd " << s->fd_ << ": read " << (bits & POLL_READ)
-                                             << ", write " << (bits & POLL_WRITE) << ", exept "
-                                             << (bits & POLL_EXCEPT);
+                                             << ", write " << (bits & POLL_WRITE) << ", exept " << (bits & POLL_EXCEPT);
         }
     } members;
     const int n = linnet::wait::wait_ready(socks_.begin(), socks_.end(), members, timeout);

@@ -25,8 +25,7 @@ ssize_t write_without_sigpipe(int fd, const void* buf, std::size_t len) {
     if (!had_one) {
         if (n < 0 && err == EPIPE) {
             const timespec none = {0, 0};
-            while (sigtimedwait(&pipe_only, nullptr, &none) < 0 && errno == EINTR) {
-            }
+            while (sigtimedwait(&pipe_only, nullptr, &none) < 0 && errno == EINTR) {}
         }
         pthread_sigmask(SIG_SETMASK, &old, nullptr);
     }

@@ -53,8 +53,8 @@ int set_buffer_size(int fd, int option, int size, const char* word, const char* 
     const int r = ::setsockopt(fd, SOL_SOCKET, option, &size, sizeof size);
     if (r < 0) {
         const int err = errno;
-        LOG_STREAM_AS(origin, 1) << "Can't set " << word << " buffer size to " << size << " on fd_ "
-                                 << fd << " (quorlix::lasterror() " << err << ")";
+        LOG_STREAM_AS(origin, 1) << "Can't set " << word << " buffer size to " << size << " on fd_ " << fd
+                                 << " (quorlix::lasterror() " << err << ")";
     }
     LOG_STREAM_AS(origin, 11) << "set " << word << " buffer size to " << size << " on fd_ " << fd;
     return r;
@@ -85,8 +85,7 @@ int TCPSocket::Open() {
     }
     if (::fcntl(fd_, F_SETFD, FD_CLOEXEC) < 0) {
         const int err = errno;
-        LOG_STREAM(1) << "fd_ " << fd_ << " can't be set flag \"close-on-exec\" (code " << err
-                      << "), exiting";
+        LOG_STREAM(1) << "fd_ " << fd_ << " can't be set flag \"close-on-exec\" (code " << err << "), exiting";
         return linnet::sys::failure(err);
     }
     const int one = 1;
@@ -113,8 +112,7 @@ int TCPSocket::OpenFD(int fd, unsigned short port) {
     }
     if (::fcntl(fd, F_SETFD, FD_CLOEXEC) < 0) {
         const int err = errno;
-        LOG_STREAM(1) << "fd_ " << fd << " can't be set flag \"close-on-exec\" (code " << err
-                      << "), exiting";
+        LOG_STREAM(1) << "fd_ " << fd << " can't be set flag \"close-on-exec\" (code " << err << "), exiting";
         return linnet::sys::failure(err);
     }
     if (::setsockopt(fd, SOL_SOCKET, SO_LINGER, &kLingerOneSecond, sizeof kLingerOneSecond) < 0) {
@@ -261,8 +259,7 @@ int TCPSocket::SetKeepAliveFeatures(int idle, int count, int interval) {
 
 int TCPSocket::SetNoDelay(int on) {
     const int value = on ? 1 : 0;
-    if (::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &value, sizeof value) < 0)
-        return linnet::sys::failure();
+    if (::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &value, sizeof value) < 0) return linnet::sys::failure();
     return 0;
 }
 

@@ -40,8 +40,7 @@ int UDPSocket::Open() {
     ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     ::setsockopt(fd_, SOL_SOCKET, SO_REUSEPORT, &one, sizeof one);
     ::setsockopt(fd_, SOL_SOCKET, SO_BROADCAST, &one, sizeof one);
-    ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &linnet::sys::kLingerOneSecond,
-                 sizeof linnet::sys::kLingerOneSecond);
+    ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &linnet::sys::kLingerOneSecond, sizeof linnet::sys::kLingerOneSecond);
     initState_ |= INIT_OPEN;
     return 0;
 }
@@ -91,8 +90,8 @@ int UDPSocket::Write(unsigned int ip, unsigned short port, void* buf, int size) 
 
 int UDPSocket::Write(void* buf, int size) { return Write(addr_, port_, buf, size); }
 
-int UDPSocket::WriteWithEspecialTimeToLive(unsigned int ip, unsigned short port, void* buf,
-                                           int size, unsigned int ttl) {
+int UDPSocket::WriteWithEspecialTimeToLive(unsigned int ip, unsigned short port, void* buf, int size,
+                                           unsigned int ttl) {
     const int old = GetValueTimeToLive();
     SetValueTimeToLive(ttl);
     const int r = Write(ip, port, buf, size);
@@ -100,8 +99,7 @@ int UDPSocket::WriteWithEspecialTimeToLive(unsigned int ip, unsigned short port,
     return r;
 }
 
-int UDPSocket::Read(void* buf, unsigned int size, unsigned int* ip, unsigned short* port,
-                    int flags) {
+int UDPSocket::Read(void* buf, unsigned int size, unsigned int* ip, unsigned short* port, int flags) {
     if (fd_ < 0) {
         LOG_STREAM(3) << "read on negative fd_ = " << fd_;
         return result::kNoDescriptor;

@@ -39,7 +39,8 @@ int CQueuedFileTransf::Open(const char* path) {
 
 int CQueuedFileTransf::Write(void* buf, int len) {
     if (len < 0) {
-        LOG_STREAM(3) << "write of negative length " << len << " to " << std::string(path_, strnlen(path_, sizeof path_));
+        LOG_STREAM(3) << "write of negative length " << len << " to "
+                      << std::string(path_, strnlen(path_, sizeof path_));
         return result::kBadArgument;
     }
     if (buf == nullptr && len > 0) return result::kBadArgument;
@@ -48,7 +49,8 @@ int CQueuedFileTransf::Write(void* buf, int len) {
 
 int CQueuedFileTransf::Read(void* buf, int len) {
     if (len < 0) {
-        LOG_STREAM(3) << "read of negative length " << len << " from " << std::string(path_, strnlen(path_, sizeof path_));
+        LOG_STREAM(3) << "read of negative length " << len << " from "
+                      << std::string(path_, strnlen(path_, sizeof path_));
         return result::kBadArgument;
     }
     if (buf == nullptr && len > 0) return result::kBadArgument;

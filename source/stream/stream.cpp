@@ -26,9 +26,7 @@ int step_len(unsigned remaining) {
 // Write result fits an int and a negative one is always a failure.
 const unsigned kBlockPiece = 1u << 30;
 
-unsigned piece_len(unsigned remaining) {
-    return remaining > kBlockPiece ? kBlockPiece : remaining;
-}
+unsigned piece_len(unsigned remaining) { return remaining > kBlockPiece ? kBlockPiece : remaining; }
 
 // One step of waiting: the socket's Poll for `events` with the step
 // time-out. A wait that a signal interrupted (Poll gives 0 with LastError()
@@ -53,8 +51,7 @@ int step_poll(TCPSocket* sock, int events, unsigned sec, unsigned usec) {
 SockStream::SockStream(TCPSocket* sock, unsigned timeout_us, unsigned final_timeout_s)
     : sock_(sock), timeoutSec_(0), timeoutUsec_(0), finalTimeout_(0) {
     SetTimeouts(timeout_us, final_timeout_s);
-    LOG_STREAM(11) << "timeout " << timeoutSec_ << "." << timeoutUsec_ << ", finaltimeout "
-                   << finalTimeout_;
+    LOG_STREAM(11) << "timeout " << timeoutSec_ << "." << timeoutUsec_ << ", finaltimeout " << finalTimeout_;
 }
 
 SockStream::~SockStream() {}
@@ -87,8 +84,7 @@ int SockStream::Read(void* buf, unsigned size) {
             // Inactivity is measured in whole seconds since the socket was
             // last reported ready, and checked only after a step time-out.
             const std::time_t now = std::time(nullptr);
-            if (static_cast<std::int64_t>(now - last_activity) >=
-                static_cast<std::int64_t>(finalTimeout_)) {
+            if (static_cast<std::int64_t>(now - last_activity) >= static_cast<std::int64_t>(finalTimeout_)) {
                 LOG_STREAM(11) << "final timeout expired, exiting";
                 return linnet::result::kTimedOut;
             }
@@ -98,8 +94,8 @@ int SockStream::Read(void* buf, unsigned size) {
         const int n = sock_->Read(out + total, step_len(size - total));
         if (n > 0) {
             total += static_cast<unsigned>(n);
-            LOG_STREAM(11) << "read " << n << " bytes from fd " << sock_->fd_ << ", " << total
-                           << " total, " << (size - total) << " remaining";
+            LOG_STREAM(11) << "read " << n << " bytes from fd " << sock_->fd_ << ", " << total << " total, "
+                           << (size - total) << " remaining";
         } else if (n == 0) {
             LOG_STREAM(11) << "Ouch ! read doesn't match poll on fd " << sock_->fd_;
         } else {
@@ -134,8 +130,8 @@ int SockStream::Write(void* buf, unsigned size) {
         const int n = sock_->Write(in + total, step_len(size - total));
         if (n > 0) {
             total += static_cast<unsigned>(n);
-            LOG_STREAM(11) << "wrote " << n << " bytes to fd " << sock_->fd_ << ", " << total
-                           << " total, " << (size - total) << " remaining";
+            LOG_STREAM(11) << "wrote " << n << " bytes to fd " << sock_->fd_ << ", " << total << " total, "
+                           << (size - total) << " remaining";
         } else if (n == 0) {
             LOG_STREAM(11) << "Ouch ! write doesn't match poll on fd " << sock_->fd_;
         } else {
@@ -155,8 +151,7 @@ int SockStream::Write(void* buf, unsigned size) {
 void SockStream::Flush() {
     LOG_STREAM(11) << "flushing input on fd " << sock_->fd_;
     unsigned char byte = 0;
-    while (sock_->Read(&byte, 1) > 0) {
-    }
+    while (sock_->Read(&byte, 1) > 0) {}
     LOG_STREAM(11) << "flush done on fd " << sock_->fd_;
 }
 

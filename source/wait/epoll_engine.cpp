@@ -34,10 +34,8 @@ std::uint32_t kernel_mask(int events) {
 // urgent data exceptional), restricted to what was asked.
 int select_bits(std::uint32_t ev, int asked) {
     int bits = 0;
-    if ((asked & POLL_READ) && (ev & (EPOLLIN | EPOLLRDNORM | EPOLLRDBAND | EPOLLHUP | EPOLLERR)))
-        bits |= POLL_READ;
-    if ((asked & POLL_WRITE) && (ev & (EPOLLOUT | EPOLLWRNORM | EPOLLWRBAND | EPOLLERR)))
-        bits |= POLL_WRITE;
+    if ((asked & POLL_READ) && (ev & (EPOLLIN | EPOLLRDNORM | EPOLLRDBAND | EPOLLHUP | EPOLLERR))) bits |= POLL_READ;
+    if ((asked & POLL_WRITE) && (ev & (EPOLLOUT | EPOLLWRNORM | EPOLLWRBAND | EPOLLERR))) bits |= POLL_WRITE;
     if ((asked & POLL_EXCEPT) && (ev & EPOLLPRI)) bits |= POLL_EXCEPT;
     return bits;
 }
@@ -52,8 +50,15 @@ int ctl(int epfd, int op, int fd, int events, std::uint64_t data) {
 }  // namespace
 
 EpollEngine::EpollEngine(const Hooks& hooks)
-    : hooks_(hooks), epfd_(kNoFd), pid_(0), mark_(nullptr), live_count_(0), armed_count_(0), round_(0),
-      entry_count_(0), cursor_(0) {}
+    : hooks_(hooks),
+      epfd_(kNoFd),
+      pid_(0),
+      mark_(nullptr),
+      live_count_(0),
+      armed_count_(0),
+      round_(0),
+      entry_count_(0),
+      cursor_(0) {}
 
 EpollEngine::~EpollEngine() {
     if (epfd_ >= 0) ::close(epfd_);

@@ -169,9 +169,7 @@ private:
         std::uint32_t gen;
     };
 
-    bool live(int h) const {
-        return h >= 0 && static_cast<std::size_t>(h) < slots_.size() && slots_[h].live;
-    }
+    bool live(int h) const { return h >= 0 && static_cast<std::size_t>(h) < slots_.size() && slots_[h].live; }
     static constexpr std::size_t kPage = 4096;
     void own_instance();
     int ensure_instance();
@@ -182,9 +180,7 @@ private:
     void probe_held(int* room);
     void push_entry(int h, int bits);
     void note_active(int h);
-    bool forked() const {
-        return mark_ != nullptr ? *mark_ == 0 : ::getpid() != pid_;
-    }
+    bool forked() const { return mark_ != nullptr ? *mark_ == 0 : ::getpid() != pid_; }
     int collect(int n, bool* orphan);
 
     Hooks hooks_;

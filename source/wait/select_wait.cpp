@@ -111,10 +111,8 @@ int PollSet::wait(const timeval* timeout) {
 // fs/select.c), restricted to what the entry asked.
 int PollSet::select_bits(const pollfd& p) {
     int bits = 0;
-    if ((p.events & POLLIN) && (p.revents & (POLLIN | POLLRDNORM | POLLRDBAND | POLLHUP | POLLERR)))
-        bits |= POLL_READ;
-    if ((p.events & POLLOUT) && (p.revents & (POLLOUT | POLLWRNORM | POLLWRBAND | POLLERR)))
-        bits |= POLL_WRITE;
+    if ((p.events & POLLIN) && (p.revents & (POLLIN | POLLRDNORM | POLLRDBAND | POLLHUP | POLLERR))) bits |= POLL_READ;
+    if ((p.events & POLLOUT) && (p.revents & (POLLOUT | POLLWRNORM | POLLWRBAND | POLLERR))) bits |= POLL_WRITE;
     if ((p.events & POLLPRI) && (p.revents & POLLPRI)) bits |= POLL_EXCEPT;
     return bits;
 }

@@ -122,8 +122,7 @@ int wait_ready(It first, It last, Access& access, const timeval* timeout) {
         if (fd >= 0 && events != 0) anything = true;
         if (!beyond && fd >= FD_SETSIZE && events != 0) {
             beyond = true;
-            for (It j = first; j != i; ++j)
-                short_of_memory |= !polls.add(access.fd(*j), access.events(*j) & kAll);
+            for (It j = first; j != i; ++j) short_of_memory |= !polls.add(access.fd(*j), access.events(*j) & kAll);
         }
         if (beyond)
             short_of_memory |= !polls.add(fd, events);

@@ -102,8 +102,9 @@ inline EchoTally DriveEchoClients(unsigned short port, unsigned n, unsigned max_
         bool busy = false;
         for (unsigned i = 0; i < n; ++i) {
             const EchoConn& c = cs[i];
-            pfds[i] = {c.fd, static_cast<short>((!c.up || c.sent < c.out.size() ? POLLOUT : 0) |
-                                                (c.out.empty() ? 0 : POLLIN)), 0};
+            pfds[i] = {
+                c.fd, static_cast<short>((!c.up || c.sent < c.out.size() ? POLLOUT : 0) | (c.out.empty() ? 0 : POLLIN)),
+                0};
             busy = busy || !c.out.empty() || (c.fd >= 0 && !c.up);
         }
         if ((!go && !busy) || ::poll(pfds.data(), n, 100) < 0) break;

@@ -32,7 +32,8 @@ std::string Query(const std::string& text, const std::string& expr) {
     tool::Result r;
     if (written) r = tool::Run("/usr/bin/env", {"python3", "-c", kScript, path, expr}, 60);
     unlink(path);
-    if (r.status != 0) throw std::runtime_error("not valid JSON (python3 exit " + std::to_string(r.status) + "): " + r.err);
+    if (r.status != 0)
+        throw std::runtime_error("not valid JSON (python3 exit " + std::to_string(r.status) + "): " + r.err);
     return r.out;
 }
 

@@ -50,8 +50,7 @@ static Fd Loop(bool connect, unsigned short port, const char* what, int type = S
 unsigned short LocalPort(int fd) {
     sockaddr_in sa{};
     socklen_t len = sizeof sa;
-    if (getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) < 0)
-        throw std::runtime_error("getsockname failed");
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) < 0) throw std::runtime_error("getsockname failed");
     return ntohs(sa.sin_port);
 }
 
@@ -163,8 +162,7 @@ std::vector<long> InChild(const std::function<std::vector<long>()>& body, std::s
     while (ReadAll(link[0], &v, sizeof v)) got.push_back(v);
     ::close(link[0]);
     int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         if (why) *why = "child ended with status " + std::to_string(status);
         return {};

@@ -13,9 +13,7 @@
 namespace testnet {
 
 using Clock = std::chrono::steady_clock;
-inline double SecondsSince(Clock::time_point t0) {
-    return std::chrono::duration<double>(Clock::now() - t0).count();
-}
+inline double SecondsSince(Clock::time_point t0) { return std::chrono::duration<double>(Clock::now() - t0).count(); }
 
 // LINNET_TEST_SCALE (1..64, default 1): heavy tests divide their sizes and
 // counts by it, so that slow runners (valgrind) stay within their time.
@@ -30,12 +28,20 @@ public:
     explicit Fd(int fd = -1) : fd_(fd) {}
     ~Fd() { reset(); }
     Fd(Fd&& o) noexcept : fd_(o.release()) {}
-    Fd& operator=(Fd&& o) noexcept { reset(o.release()); return *this; }
+    Fd& operator=(Fd&& o) noexcept {
+        reset(o.release());
+        return *this;
+    }
     Fd(const Fd&) = delete;
     Fd& operator=(const Fd&) = delete;
     int get() const { return fd_; }
-    int release() { int f = fd_; fd_ = -1; return f; }
+    int release() {
+        int f = fd_;
+        fd_ = -1;
+        return f;
+    }
     void reset(int fd = -1);
+
 private:
     int fd_;
 };
@@ -100,6 +106,7 @@ public:
     ~Alarm();
     Alarm(const Alarm&) = delete;
     Alarm& operator=(const Alarm&) = delete;
+
 private:
     struct sigaction old_;
 };

@@ -20,10 +20,9 @@ std::string Output(const std::string& command);
 
 }  // namespace netns
 
-#define REQUIRE_NETNS()                                                             \
-    do {                                                                            \
-        if (!netns::Available())                                                    \
-            GTEST_SKIP() << "private network namespace unavailable: " << netns::Reason(); \
+#define REQUIRE_NETNS()                                                                                        \
+    do {                                                                                                       \
+        if (!netns::Available()) GTEST_SKIP() << "private network namespace unavailable: " << netns::Reason(); \
     } while (0)
 
 #endif

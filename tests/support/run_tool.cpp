@@ -83,8 +83,7 @@ bool Drain(int* fds, std::string* out, std::string* err, Clock::time_point deadl
 // The exit status, or -1 when the child was killed by a signal.
 int Reap(pid_t pid) {
     int st = 0;
-    while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {}
     return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }
 

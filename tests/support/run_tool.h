@@ -9,9 +9,9 @@
 namespace tool {
 
 struct Result {
-    int status = -1;   // exit status; -1 when killed, not started or timed out
-    std::string out;   // stdout
-    std::string err;   // stderr
+    int status = -1;  // exit status; -1 when killed, not started or timed out
+    std::string out;  // stdout
+    std::string err;  // stderr
 };
 
 // Runs `path` with `args` (argv[1]...), LINNET_LOG unset; the child is killed

@@ -11,11 +11,10 @@
 namespace testdata {
 
 inline std::string TextLike(std::size_t size, unsigned seed = 1) {
-    static const char* const kWords[] = {
-        "socket", "buffer", "the",    "stream", "peer",  "closed", "read",  "write",
-        "block",  "of",     "length", "zlib",   "route", "table",  "and",   "flush",
-        "kernel", "queue",  "packet", "timer",  "error", "bytes",  "to",    "from",
-        "linnet", "select", "ready",  "sent",   "host",  "level",  "trace", "in"};
+    static const char* const kWords[] = {"socket", "buffer", "the",    "stream", "peer",  "closed", "read",  "write",
+                                         "block",  "of",     "length", "zlib",   "route", "table",  "and",   "flush",
+                                         "kernel", "queue",  "packet", "timer",  "error", "bytes",  "to",    "from",
+                                         "linnet", "select", "ready",  "sent",   "host",  "level",  "trace", "in"};
     std::mt19937 rng(seed);
     std::string s;
     s.reserve(size + 16);
