@@ -31,7 +31,7 @@ BENCH_PKGS := $(LIB_PKGS) libboost-dev libbenchmark-dev
 SUDO       := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: all deps deps-lib deps-bench build dist demo test test-asan test-valgrind test-fortify fuzz bench abi \
-        clean install install-files uninstall
+        clean install install-files uninstall format format-check
 
 all: build
 
@@ -109,6 +109,15 @@ test-fortify: deps
 	  -DCMAKE_CXX_FLAGS="-O1 -D_FORTIFY_SOURCE=2" -DLINNET_EXAMPLES=OFF
 	cmake --build $(BUILD_FORTIFY) -j $(JOBS)
 	cd $(BUILD_FORTIFY) && ctest --output-on-failure -j $(JOBS) -E package_consumers
+
+# The house style (.clang-format): format rewrites the tree, format-check
+# lists what differs and fails (CI runs it).
+format:
+	$(call apt_need,clang-format)
+	git ls-files '*.cpp' '*.h' | xargs clang-format --style=file -i
+format-check:
+	$(call apt_need,clang-format)
+	tests/lint/format.sh
 
 fuzz: deps
 	fuzz/run.sh $(FUZZ_SECONDS)
