@@ -18,8 +18,9 @@
 #include <thread>
 #include <vector>
 
-#include "net_helpers.h"
+#include "echo_clients.h"
 #include "socket/peek.h"
+#include "text_like.h"
 
 namespace {
 
@@ -174,8 +175,6 @@ TEST(BlockAssembler, SendsEveryQueuedReplyInOneWrite) {
 }
 
 TEST(BlockAssembler, KeepsTheBlockIdleAndStalledReaderDeadlines) {
-    // A peer that reads nothing: a small receive buffer on its side, a small
-    // send buffer on ours.
     testnet::Pair p = testnet::MakeTcpPair();
     const int small = 4096;
     ::setsockopt(p.client.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
@@ -183,7 +182,7 @@ TEST(BlockAssembler, KeepsTheBlockIdleAndStalledReaderDeadlines) {
     TCPSocket s;
     const int fd = p.server.release();
     ASSERT_EQ(0, s.OpenFD(fd, 0));
-    testnet::SetLingerZero(fd);  // closing with unsent replies must not linger
+    testnet::SetLingerZero(fd);
 
     CBlockAssembler a(Options(100));  // deadline 1000 ms, idle 3000 ms
     a.Reset(1000);
@@ -236,56 +235,13 @@ struct SwitchingServer : CBlockServer {
     std::vector<BlockEnd> ended;  // read it once the server's thread is joined
 };
 
-// How the server's connections ended, in order, separated by commas.
+// How the server's connections ended, in order.
 std::string Ends(const SwitchingServer& s) {
     std::string out;
     for (BlockEnd e : s.ended) out += (out.empty() ? "" : ",") + std::string(BlockEndName(e));
     return out;
 }
 
-// Runs a server's rounds on a thread of its own until Stop (or destruction).
-class ServerThread {
-public:
-    explicit ServerThread(CBlockServer* s)
-        : t_([this, s] {
-              for (long i = 0; i < 100000000 && !stop_; ++i) {
-                  s->RunOnce(10);
-                  ++rounds_;
-              }
-          }) {}
-    ~ServerThread() { Stop(); }
-    // Waits until `done` holds and then two more rounds have ended (each
-    // round waits 10 ms at most): false after limit_s.
-    bool AwaitRoundsAfter(const std::function<bool()>& done, double limit_s) {
-        const auto t0 = testnet::Clock::now();
-        const timespec pause{0, 1000000};
-        while (!done() && testnet::SecondsSince(t0) < limit_s) ::nanosleep(&pause, nullptr);
-        const long target = rounds_ + 2;
-        while (rounds_ < target && testnet::SecondsSince(t0) < limit_s) ::nanosleep(&pause, nullptr);
-        return rounds_ >= target;
-    }
-    void Stop() {
-        stop_ = true;
-        if (t_.joinable()) t_.join();
-    }
-
-private:
-    std::atomic<bool> stop_{false};
-    std::atomic<long> rounds_{0};
-    std::thread t_;
-};
-
-// Bytes no compressor shrinks, the same for the same seed.
-std::string Noise(std::size_t n, std::uint64_t seed) {
-    std::string out(n, '\0');
-    for (std::size_t i = 0; i < n; i += 8) {
-        seed ^= seed << 13, seed ^= seed >> 7, seed ^= seed << 17;
-        std::memcpy(&out[i], &seed, std::min<std::size_t>(8, n - i));
-    }
-    return out;
-}
-
-// `count` blocks of `body` back to back.
 std::string Blocks(const std::string& body, std::size_t count) {
     std::string wire;
     wire.reserve(count * (body.size() + 4));
@@ -304,8 +260,7 @@ public:
         compress_ = compress;
     }
     bool ok() const { return ok_; }
-    // Sends all of wire (and flushes the compressor), taking what arrives
-    // meanwhile when `duplex`: false on a failure or after limit_s.
+    // Sends all of wire (and flushes), taking what arrives meanwhile when `duplex`.
     bool Send(const std::string& wire, bool duplex, double limit_s) {
         const auto t0 = testnet::Clock::now();
         for (std::size_t sent = 0; ok_ && sent < wire.size() && testnet::SecondsSince(t0) < limit_s;) {
@@ -320,15 +275,13 @@ public:
         }
         return false;
     }
-    // Waits, reading nothing, until the server resets the connection: false
-    // after limit_s.
+    // Waits, reading nothing, until the server resets the connection.
     bool AwaitReset(double limit_s) {
         pollfd p{linnet::peek::Socket::Fd(sock_), 0, 0};
         for (const auto t0 = testnet::Clock::now(); testnet::SecondsSince(t0) < limit_s;)
             if (::poll(&p, 1, 20) > 0 && (p.revents & (POLLERR | POLLHUP))) return true;
         return false;
     }
-    // Ends the sending direction; the receiving one stays open.
     void HalfClose() { ::shutdown(linnet::peek::Socket::Fd(sock_), SHUT_WR); }
     // Takes what arrives until `expect` bytes have come, or (expect 0) the
     // end of stream, at most `rate` bytes a second (0: no limit).
@@ -349,8 +302,8 @@ public:
             if (sock_.Poll(POLL_READ, 0, 20000) == POLL_READ && Take(room) < 0) return;
         }
     }
-    std::string got;   // every byte received, in order
-    bool eof = false;  // the server ended the stream
+    std::string got;
+    bool eof = false;
 
 private:
     int Take(std::size_t max) {
@@ -392,7 +345,7 @@ TEST(BlockServer, SwitchesCompressionBehindAnAnswerOrRefusesWhatFollowsTooSoon) 
     for (const auto& row : rows) {
         SwitchingServer server{CBlockOptions()};
         ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
-        ServerThread running(&server);
+        testnet::ServerThread running(&server);
         CompressedTCPSocket sock;
         ASSERT_EQ(0, sock.Open());
         ASSERT_EQ(0, sock.Connect(testnet::Loopback(), server.Port(), 5, 0));
@@ -420,20 +373,7 @@ TEST(BlockServer, SwitchesCompressionBehindAnAnswerOrRefusesWhatFollowsTooSoon) 
     }
 }
 
-TEST(BlockServer, EndsTheConnectionOfABlockTheHostRefuses) {
-    SwitchingServer server{CBlockOptions()};
-    ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
-    testnet::Fd fd = testnet::Dial(server.Port());
-    const std::string wire = Block("one") + Block("refuse") + Block("never read");
-    ASSERT_TRUE(testnet::WriteAll(fd.get(), wire.data(), wire.size()));
-    for (int i = 0; i < 200 && server.ended.empty(); ++i) server.RunOnce(10);
-    ASSERT_EQ(1u, server.ended.size());
-    EXPECT_EQ(BlockEnd::kRefused, server.ended[0]);
-    EXPECT_EQ(-22, BlockEndCode(server.ended[0]));
-    EXPECT_EQ(2u, server.GetStats().blocks) << "nothing taken behind the refused block";
-}
-
-TEST(BlockServer, ARoundEndsAtTheNextDeadlineOrASignalNotAtTheWaitAsked) {
+TEST(BlockServer, ARoundEndsAtTheNextDeadlineARefusedBlockOrASignalNotAtTheWaitAsked) {
     const struct {
         int idle_ms, deadline_ms;
         std::string sent;
@@ -441,6 +381,7 @@ TEST(BlockServer, ARoundEndsAtTheNextDeadlineOrASignalNotAtTheWaitAsked) {
     } rows[] = {
         {200, 10000, "", BlockEnd::kIdle},
         {10000, 200, std::string("\x05\x00", 2), BlockEnd::kDeadline},  // due before the idle clock's 10 s
+        {10000, 10000, Block("one") + Block("refuse") + Block("never read"), BlockEnd::kRefused},
     };
     for (const auto& row : rows) {
         CBlockOptions o;
@@ -458,6 +399,9 @@ TEST(BlockServer, ARoundEndsAtTheNextDeadlineOrASignalNotAtTheWaitAsked) {
         ASSERT_EQ(1u, server.ended.size());
         EXPECT_EQ(row.end, server.ended[0]);
         EXPECT_LT(ended_s, 2.0) << BlockEndName(row.end) << ": the round waited for the deadline, not for 10 s";
+        if (row.end == BlockEnd::kRefused) {
+            EXPECT_EQ(2u, server.GetStats().blocks) << "nothing taken behind it";
+        }
         if (row.end != BlockEnd::kIdle) continue;
 
         const auto signalled = std::chrono::steady_clock::now();
@@ -494,7 +438,7 @@ TEST(BlockServer, AnswersEveryBlockOfABurstThatOutrunsItsReplies) {
             o.idleMs = 0, o.deadlineMs = 60000;  // no deadline's visit may read what was left unread
             SwitchingServer server(o);
             ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
-            ServerThread running(&server);
+            testnet::ServerThread running(&server);
             const std::string wire = Blocks(std::string(row.body, '\0'), row.count);
             Client c(server.Port(), compress);
             EXPECT_TRUE(c.ok() && c.Send(wire, true, 20)) << name;
@@ -510,7 +454,7 @@ TEST(BlockServer, AnswersEveryBlockOfABurstThatOutrunsItsReplies) {
 }
 
 TEST(BlockServer, AnswersAHalfClosedPeerInFullBeforeClosing) {
-    const std::string answer = Noise(1 << 20, 7);  // 1 MiB no compressor shrinks
+    const std::string answer = testdata::RandomBytes(1 << 20, 7);  // 1 MiB no compressor shrinks
     const struct {
         const char* name;
         bool compress;
@@ -530,24 +474,23 @@ TEST(BlockServer, AnswersAHalfClosedPeerInFullBeforeClosing) {
         o.compress = row.compress;
         SwitchingServer server(o);
         ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
-        // Echoed: three 8 MB blocks, read once all is sent. Answered: 16 empty
-        // requests, 16 MiB of replies, read only once the server is past the
-        // rounds that answered them and met the end of stream: more than
-        // one write to the kernel takes.
-        const std::string wire = row.first_round ? Blocks("", 16) : Blocks(Noise(8u << 20, 3), 3);
+        // Echoed: three 8 MB blocks. Answered: 16 empty requests, 16 MiB of
+        // replies (more than one write takes), read once the server has met
+        // the end of stream.
+        const std::string wire = row.first_round ? Blocks("", 16) : Blocks(testdata::RandomBytes(8u << 20, 3), 3);
         std::string expect = wire;
         if (row.first_round) {
             server.answer = answer;
             expect.clear();
             for (int i = 0; i < 16; ++i) expect += answer;
         }
-        std::unique_ptr<ServerThread> running;
-        if (!row.first_round) running.reset(new ServerThread(&server));
+        std::unique_ptr<testnet::ServerThread> running;
+        if (!row.first_round) running.reset(new testnet::ServerThread(&server));
         Client c(server.Port(), row.compress, row.first_round ? 4096 : 0);
         EXPECT_TRUE(c.ok() && c.Send(wire, false, 30)) << row.name;
         c.HalfClose();
         if (row.first_round) {
-            running.reset(new ServerThread(&server));
+            running.reset(new testnet::ServerThread(&server));
             EXPECT_TRUE(running->AwaitRoundsAfter([&] { return server.answered == 16; }, 20)) << row.name;
         }
         if (row.reads) {
@@ -573,7 +516,7 @@ TEST(BlockServer, APausedServerDoesNotAgeTheRequestsItIsNotReading) {
     SwitchingServer server(Options(1024));
     server.answer = Block(std::string(996, 'a'));
     ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
-    ServerThread running(&server);
+    testnet::ServerThread running(&server);
     const std::size_t n = 20000;
     Client c(server.Port(), false);
     EXPECT_TRUE(c.ok() && c.Send(Blocks("?", n), false, 10));

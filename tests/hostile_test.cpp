@@ -1,8 +1,7 @@
-// Hostile peers against the library's block server (linnet/blockserver.h):
-// one hostile client per case, while good clients (support/echo_clients.h,
-// or compressed ones) keep being served block-exact. Then floods of tiny
-// blocks (the server's CPU per megabyte and a good client's worst round
-// trip). LINNET_TEST_SCALE widens the time bounds for slow runs.
+// Hostile peers against the block server, one per case, while good clients
+// keep being served block-exact; then floods of tiny blocks (the server's CPU
+// per megabyte, a good client's worst round trip). LINNET_TEST_SCALE widens
+// the time bounds.
 #include <linnet/blockserver.h>
 
 #include <gtest/gtest.h>
@@ -42,7 +41,7 @@ struct RecordingServer : CBlockServer {
     std::set<const CBlockReply*> talked;
 };
 
-// Runs `f` when the scope ends, a failed ASSERT's return included.
+// Runs `f` when the scope ends.
 struct AtExit {
     std::function<void()> f;
     ~AtExit() { f(); }
@@ -71,47 +70,33 @@ std::string DripOneBytePerSecond(int fd) {
     return "never stopped";
 }
 
-std::string NeverReadReplies(int fd) {
-    const std::string block = Header(kMaxBlock) + std::string(kMaxBlock, 'n');
-    std::size_t sent = 0;
-    for (const auto start = testnet::Clock::now(); MsSince(start) < 10000;) {
-        pollfd pfd{fd, POLLOUT, 0};
-        ::poll(&pfd, 1, 100);
-        if (pfd.revents & (POLLERR | POLLHUP)) break;
-        const ssize_t w = ::send(fd, block.data() + sent % block.size(), block.size() - sent % block.size(),
-                                 MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (w < 0 && errno != EAGAIN) break;
-        sent += w > 0 ? static_cast<std::size_t>(w) : 0;
-    }
-    return "sent " + std::to_string(sent >> 10) + " KiB, then cut off";
-}
-
 // A compressed client on the hostile descriptor; forgets it on leaving (the
 // runner closes it), so the destructor's final flush cannot wait.
 struct CompressedPeer : CompressedTCPSocket {
-    explicit CompressedPeer(int fd) {
+    explicit CompressedPeer(int fd, bool compress = true) {
         OpenFD(fd, 0);
-        SwitchCompression(1);
+        if (compress) SwitchCompression(1);
     }
     ~CompressedPeer() override { fd_ = -1; }
 };
 
-std::string CompressedNeverReads(int fd) {
+// Sends the largest blocks, reading no reply, until the server cuts it off.
+std::string NeverReads(int fd, bool compress) {
     // A small receive buffer fills within the deadline however slowly the
     // server compresses (valgrind): the stall is the peer's, not the server's.
     const int small = 4096;
     ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-    CompressedPeer peer(fd);
+    CompressedPeer peer(fd, compress);
     const std::string block = Header(kMaxBlock) + testdata::RandomBytes(kMaxBlock, 7);
     std::size_t sent = 0;
     for (const auto start = testnet::Clock::now(); MsSince(start) < 10000L * testnet::Scale();) {
         const int w = peer.Write(const_cast<char*>(block.data() + sent % block.size()),
                                  static_cast<int>(block.size() - sent % block.size()));
-        if (w < 0 || peer.Flush() < 0) break;
+        if (w < 0 || (compress && peer.Flush() < 0)) break;
         sent += static_cast<std::size_t>(w);
         if (w == 0 && peer.Poll(POLL_WRITE, 0, 100000) < 0) break;
     }
-    return "sent " + std::to_string(sent >> 10) + " KiB plain, then cut off";
+    return "sent " + std::to_string(sent >> 10) + " KiB, then cut off";
 }
 
 // One good compressed block and its echo, then the compressor is switched
@@ -158,8 +143,9 @@ const Row kRows[] = {
     {"close_inside_header", false, BlockEnd::kCutHeader, "sent", [](int fd) { return Send(fd, "\x10\x00", 0); }},
     {"connect_send_nothing", false, BlockEnd::kIdle, "reset", [](int fd) { return Send(fd, "", 10000); }},
     {"drip_1_byte_per_second", false, BlockEnd::kDeadline, "reset after", DripOneBytePerSecond},
-    {"never_read_replies", false, BlockEnd::kStalledReader, "cut off", NeverReadReplies},
-    {"compressed_never_read_replies", true, BlockEnd::kStalledReader, "cut off", CompressedNeverReads},
+    {"never_read_replies", false, BlockEnd::kStalledReader, "cut off", [](int fd) { return NeverReads(fd, false); }},
+    {"compressed_never_read_replies", true, BlockEnd::kStalledReader, "cut off",
+     [](int fd) { return NeverReads(fd, true); }},
     {"compressed_corrupt_short", true, BlockEnd::kIdle, "reset after 200",
      [](int fd) { return CorruptCompressed(fd, 200); }},
     {"compressed_corrupt_flood", true, BlockEnd::kCorrupt, "reset after",
@@ -297,24 +283,8 @@ TEST_P(HostilePeer, CostsOnlyItselfWhileGoodClientsLoseNothing) {
 INSTANTIATE_TEST_SUITE_P(BlockServer, HostilePeer, ::testing::ValuesIn(kRows),
                          [](const ::testing::TestParamInfo<Row>& i) { return std::string(i.param.name); });
 
-// Runs `server` on its own thread until `stop`; *cpu_us receives the CPU
-// time that thread used (getrusage RUSAGE_THREAD, user + system).
-std::thread ServeOnThread(CBlockServer* server, const std::atomic<bool>& stop, long* cpu_us) {
-    return std::thread([server, &stop, cpu_us] {
-        auto now = [] {
-            rusage u{};
-            ::getrusage(RUSAGE_THREAD, &u);
-            return (u.ru_utime.tv_sec + u.ru_stime.tv_sec) * 1000000L + u.ru_utime.tv_usec + u.ru_stime.tv_usec;
-        };
-        const long start = now();
-        for (long i = 0; i < 100000000 && !stop; ++i) server->RunOnce(20);
-        *cpu_us = now() - start;
-    });
-}
-
-// Blocks of `body` bytes back to back, about `wire` bytes in all (whole
-// blocks, headers included; *wire is set to the exact count), sent as fast as the server takes them; every echoed byte is
-// compared with what was sent. Returns the bytes echoed intact.
+// Whole blocks of `body` bytes, *total bytes in all (rounded down to whole
+// blocks), sent as fast as the server takes them: the bytes echoed intact.
 std::size_t FloodBlocks(unsigned short port, unsigned body, std::size_t* total) {
     std::string period = Header(body) + std::string(body, 'f');
     const std::size_t wire = *total / period.size() * period.size();
@@ -358,30 +328,17 @@ TEST(BlockServer, TinyBlockFloodsCostLittleMoreCpuThanLargeOnesAndGoodClientsSta
         o.maxBlock = kMaxBlock;
         CBlockServer server(o);
         ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
-        std::atomic<bool> stop{false}, flood_done{false};
-        long cpu_us = 0;
-        std::thread srv = ServeOnThread(&server, stop, &cpu_us);
-        std::thread good([&] {  // 1 KiB ping-pong throughout the flood
-            testnet::Fd fd = testnet::Dial(server.Port());
-            const int on = 1;
-            ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-            const std::string block = Header(1024) + std::string(1024, 'g');
-            std::string echo(block.size(), '\0');
-            for (long i = 0; i < 1000000 && !flood_done; ++i) {
-                const auto t0 = testnet::Clock::now();
-                if (!testnet::WriteAll(fd.get(), block.data(), block.size()) ||
-                    !testnet::ReadAll(fd.get(), &echo[0], echo.size()) || echo != block)
-                    break;
-                row.worst_ms = std::max(row.worst_ms, MsSince(t0));
-                ++row.rounds;
-            }
-        });
+        std::atomic<bool> flood_done{false};
+        testnet::ServerThread srv(&server);
+        testnet::EchoTally g;
+        std::thread good([&] { g = testnet::DriveEchoClients(server.Port(), 1, 1024, [&] { return !flood_done; }); });
         row.echoed = FloodBlocks(server.Port(), row.body, &row.wire);
         flood_done = true;
         good.join();
-        stop = true;
-        srv.join();
-        row.cpu_ms_per_mb = cpu_us / 1000.0 / (row.wire / 1e6);
+        row.worst_ms = g.worst_ms;
+        row.rounds = g.failed + g.corrupt + g.lost == 0 ? g.echoed : 0;
+        srv.Stop();
+        row.cpu_ms_per_mb = srv.CpuUs() / 1000.0 / (row.wire / 1e6);
     }
     const long rtt_bound = 500L * testnet::Scale();
     for (const FloodRow& row : rows) {

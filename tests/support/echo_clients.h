@@ -3,20 +3,26 @@
 // then 0 to max_body bytes derived from the connection and sequence number),
 // check its echo byte for byte and send the next while more() holds; then
 // every outstanding echo is awaited (at most 20 s more) and all are closed.
+// ServerThread runs the server's rounds beside them.
 #ifndef LINNET_TESTS_ECHO_CLIENTS_H
 #define LINNET_TESTS_ECHO_CLIENTS_H
 
 #include <arpa/inet.h>
+#include <linnet/blockserver.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <thread>
 #include <vector>
 
 #include "net_helpers.h"
@@ -125,6 +131,45 @@ inline EchoTally DriveEchoClients(unsigned short port, unsigned n, unsigned max_
     }
     return r;
 }
+
+// Runs a server's rounds on a thread of its own until Stop.
+class ServerThread {
+public:
+    explicit ServerThread(CBlockServer* s)
+        : t_([this, s] {
+              const long cpu0 = ThreadCpuUs();
+              for (long i = 0; i < 100000000 && !stop_; ++i) {
+                  s->RunOnce(10);
+                  ++rounds_;
+              }
+              cpu_us_ = ThreadCpuUs() - cpu0;
+          }) {}
+    ~ServerThread() { Stop(); }
+    // Waits until `done` holds and then two more rounds have ended.
+    bool AwaitRoundsAfter(const std::function<bool()>& done, double limit_s) {
+        const auto t0 = Clock::now();
+        const timespec pause{0, 1000000};
+        while (!done() && SecondsSince(t0) < limit_s) ::nanosleep(&pause, nullptr);
+        const long target = rounds_ + 2;
+        while (rounds_ < target && SecondsSince(t0) < limit_s) ::nanosleep(&pause, nullptr);
+        return rounds_ >= target;
+    }
+    void Stop() {
+        stop_ = true;
+        if (t_.joinable()) t_.join();
+    }
+    long CpuUs() const { return cpu_us_; }  // the thread's CPU time, once stopped
+
+private:
+    static long ThreadCpuUs() {
+        rusage u{};
+        ::getrusage(RUSAGE_THREAD, &u);
+        return (u.ru_utime.tv_sec + u.ru_stime.tv_sec) * 1000000L + u.ru_utime.tv_usec + u.ru_stime.tv_usec;
+    }
+    std::atomic<bool> stop_{false};
+    std::atomic<long> rounds_{0}, cpu_us_{0};
+    std::thread t_;
+};
 
 }  // namespace testnet
 
