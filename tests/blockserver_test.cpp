@@ -11,11 +11,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <cstring>
-#include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "echo_clients.h"
@@ -135,9 +132,12 @@ TEST(BlockAssembler, TakesAQueuedSocketsChunksAndItsCloseMarker) {
     std::vector<std::string> got;
     CBlockNext last;
     int taken = 0, status = 0;
-    for (int i = 0; i < 100 && taken < static_cast<int>(wire.size()); ++i) {
+    const auto take = [&] {
         if (q.Poll(POLL_READ, 1, 0) == POLL_READ) q.Process(POLL_READ, &status);
-        const int r = a.TakeQueued(&q, status, 0);
+        return a.TakeQueued(&q, status, 0);
+    };
+    for (int i = 0; i < 100 && taken < static_cast<int>(wire.size()); ++i) {
+        const int r = take();
         ASSERT_GE(r, 0);
         taken += r;
         for (const std::string& b : Drain(a, 0, &last)) got.push_back(b);
@@ -148,10 +148,7 @@ TEST(BlockAssembler, TakesAQueuedSocketsChunksAndItsCloseMarker) {
 
     p.client.reset();  // end of stream inside the header of the fourth block
     int r = 0;
-    for (int i = 0; i < 100 && r == 0; ++i) {
-        if (q.Poll(POLL_READ, 1, 0) == POLL_READ) q.Process(POLL_READ, &status);
-        r = a.TakeQueued(&q, status, 0);
-    }
+    for (int i = 0; i < 100 && r == 0; ++i) r = take();
     EXPECT_EQ(1, status);
     EXPECT_EQ(-32, r);
     EXPECT_EQ(BlockEnd::kCutHeader, a.EndOnClose());
@@ -244,7 +241,6 @@ std::string Ends(const SwitchingServer& s) {
 
 std::string Blocks(const std::string& body, std::size_t count) {
     std::string wire;
-    wire.reserve(count * (body.size() + 4));
     for (std::size_t i = 0; i < count; ++i) wire += Block(body);
     return wire;
 }

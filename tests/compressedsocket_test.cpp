@@ -454,9 +454,8 @@ TEST(CompressedTCPSocket, PollAndGroupSeeBufferedInputWithoutWaiting) {
     EXPECT_GE(testnet::SecondsSince(t1), 0.15);
 }
 
-// Plain bytes a zlib reader decodes from fd, taking at most 4000 bytes per
-// millisecond, until end of stream, an inflate error or 20 s.
-// Starts reading once `go` is set (or after 20 s without it).
+// What a zlib reader decodes from fd at 4000 bytes a millisecond at most,
+// starting once `go` is set, until end of stream, an error or 20 s.
 std::string SlowInflate(int fd, const std::atomic<bool>& go) {
     z_stream z{};
     inflateInit(&z);
@@ -484,10 +483,9 @@ std::string SlowInflate(int fd, const std::atomic<bool>& go) {
     return out;
 }
 
-// A Flush into a send buffer with only part of its room free sends what the
-// kernel takes and keeps the rest queued for later: a slower reader decodes
-// every byte written through a small send buffer and a compressor slab that
-// holds far more than the kernel takes at once.
+// A Flush into a partly free send buffer sends what the kernel takes and
+// keeps the rest: a slow reader decodes every byte written through a small
+// send buffer and a compressor slab far larger.
 TEST(CompressedSockStream, FlushIntoAPartlyFreeSendBufferLosesNoByte) {
     testnet::Pair p = testnet::MakeTcpPair();
     int small = 4096, window = 65536;  // a receive window below 64 KiB stalls loopback for 200 ms at a time
@@ -499,9 +497,7 @@ TEST(CompressedSockStream, FlushIntoAPartlyFreeSendBufferLosesNoByte) {
     ::setsockopt(w.Fd(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     const std::string data = testdata::RandomBytes(1 << 20, 11);
     std::string got;
-    // The reader holds back until a flush has met a full kernel buffer, so
-    // that one does however fast this machine reads.
-    std::atomic<bool> go{false};
+    std::atomic<bool> go{false};  // the reader waits for a flush to meet a full kernel buffer
     std::thread reader([&] { got = SlowInflate(p.server.get(), go); });
     CompressedSockStream s(&w, 2000000, 5);
     int partial = 0, failed = 0;

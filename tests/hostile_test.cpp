@@ -5,7 +5,6 @@
 #include <linnet/blockserver.h>
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <atomic>
