@@ -466,7 +466,7 @@ TEST(BlockServer, AnswersAHalfClosedPeerInFullBeforeClosing) {
     for (const auto& row : rows) {
         CBlockOptions o;
         o.maxBlock = 16u << 20;
-        o.deadlineMs = row.reads ? 10000 : 1000;
+        o.deadlineMs = row.reads ? 10000 * testnet::Scale() : 1000;  // a slow run compresses slowly
         o.compress = row.compress;
         SwitchingServer server(o);
         ASSERT_EQ(0, server.Listen(testnet::Loopback(), 0));
@@ -487,10 +487,11 @@ TEST(BlockServer, AnswersAHalfClosedPeerInFullBeforeClosing) {
         c.HalfClose();
         if (row.first_round) {
             running.reset(new testnet::ServerThread(&server));
-            EXPECT_TRUE(running->AwaitRoundsAfter([&] { return server.answered == 16; }, 20)) << row.name;
+            EXPECT_TRUE(running->AwaitRoundsAfter([&] { return server.answered == 16; }, 20 * testnet::Scale()))
+                << row.name;
         }
         if (row.reads) {
-            c.Receive(0, 0, 30);
+            c.Receive(0, 0, 30 * testnet::Scale());
         } else {
             EXPECT_TRUE(c.AwaitReset(10)) << row.name << ": the replies wait under the stall clock only";
         }
