@@ -4,9 +4,7 @@
 #include <linnet/linnet.h>
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <functional>

@@ -2,14 +2,11 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <random>
 #include <set>
 #include <string>
@@ -166,10 +163,8 @@ TEST(EpollGroupLoad, TenThousandConnectionsBusyFewAndChurn) {
             ::close(link[0]);
             ::close(Socket::Fd(server.listener));
             const std::vector<long> out = Clients(port, idle);
-            ::_exit(::write(link[1], out.data(), out.size() * sizeof(long)) ==
-                            static_cast<ssize_t>(out.size() * sizeof(long))
-                        ? 0
-                        : 1);
+            const ssize_t want = static_cast<ssize_t>(out.size() * sizeof(long));
+            ::_exit(::write(link[1], out.data(), size_t(want)) == want ? 0 : 1);
         }
         ::close(link[1]);
         ASSERT_EQ(server.group.Add(&server.listener, POLL_READ), 0);

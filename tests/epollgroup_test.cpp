@@ -3,14 +3,12 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -318,24 +316,16 @@ TEST(EpollGroup, StaleEventOfAReusedNumberReachesNoOne) {
     }
 }
 
-// A signal in the middle: the epoll group's wait goes on to its end; the
-// select group reports the interruption as 0, as it documents.
+// A signal in the middle: the epoll group's wait goes on to its end (the
+// select group reports the interruption as 0 instead).
 TEST(EpollGroup, InterruptedWaitLastsItsTime) {
     Row quiet = Plain();
     CEpollGroup g;
     ASSERT_EQ(g.Add(quiet.sock.get(), POLL_READ), 0);
-    {
-        testnet::Alarm alarm(100000);
-        const auto t0 = testnet::Clock::now();
-        EXPECT_EQ(g.Wait(0, 400000), 0);
-        EXPECT_GE(testnet::SecondsSince(t0), 0.39);
-    }
-    CSockGroup s;
-    s.Add(quiet.sock.get(), POLL_READ);
     testnet::Alarm alarm(100000);
     const auto t0 = testnet::Clock::now();
-    EXPECT_EQ(s.Poll(0, 400000), 0);
-    EXPECT_LT(testnet::SecondsSince(t0), 0.35);
+    EXPECT_EQ(g.Wait(0, 400000), 0);
+    EXPECT_GE(testnet::SecondsSince(t0), 0.39);
 }
 
 // A fork child that removes members (one before any wait of its own),
@@ -364,16 +354,13 @@ TEST(EpollGroup, ForkChildDoesNotDisturbTheParent) {
             return {seen};
         },
         &why);
-    ASSERT_EQ(child.size(), 1u) << why;
-    EXPECT_EQ(child[0], 1);
+    EXPECT_EQ(child, std::vector<long>{1}) << why;
     ::send(a.peer.get(), "p", 1, 0);
     ::send(b.peer.get(), "p", 1, 0);
     ASSERT_TRUE(WaitReadable(Socket::Fd(*a.sock)) && WaitReadable(Socket::Fd(*b.sock)));
     EXPECT_EQ(g->Wait(2, 0), 2) << "a member the child removed is still the parent's";
 }
 
-// Membership results, and no descriptor left behind by groups made, used
-// and destroyed (or cleared) many times.
 TEST(EpollGroup, MembershipResultsAndNoDescriptorLeak) {
     const int before = testnet::CountOpenFds();
     {

@@ -9,7 +9,6 @@
 
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "capture_host.h"
 #include "netns.h"
@@ -62,7 +61,6 @@ TEST(NetworkInterfaceInfoNetns, InterfaceWithoutAddressIsListedAfterAddressedOne
             EXPECT_EQ(table.GetNetmask(pos), H(r.mask)) << r.ip;
             EXPECT_EQ(table.GetBroadcast(pos), H(r.bcast)) << r.ip;
         }
-        // The name-only record: nothing but its name.
         EXPECT_EQ(table.GetIP(b), 0u);
         EXPECT_EQ(table.GetFlags(b), 0u);
         EXPECT_EQ(table.GetIndex("nvb"), 0);

@@ -76,11 +76,8 @@ TEST(QueuedFileTransf, ReceiveModeEndOfStreamIsZeroButResetIsAnError) {
     }
 }
 
-// Open gives a send-mode object its file for writing and a receive-mode
-// object its file for reading, so in one process the bytes travel: source
-// file (receiver's) -> sender's output queue -> socket -> receiver's input
-// queue -> destination file (sender's), the owner moving them between files
-// and queues and calling Process() when Poll says the socket is ready.
+// The bytes travel: source file (the receive-mode object's) -> sender's
+// output queue -> socket -> receiver's input queue -> destination file.
 TEST(QueuedFileTransf, MovesTwentyMiBOfRandomBytesByteExactOverLoopback) {
     const size_t kTotal = (20u << 20) / testnet::Scale(), kChunk = 64 * 1024;
     TempDir dir;

@@ -1,11 +1,8 @@
 #include <linnet/qtcpsocket.h>
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
@@ -73,6 +70,8 @@ TEST(QueuedTcpSocket, ReadBlockEndingOnAChunkBoundaryLeavesTheNextChunkWhole) {
             ASSERT_TRUE(c.q.Process(POLL_READ, &status));
         }
         char buf[16] = {};
+        EXPECT_EQ(c.q.Read(buf, 2), -1);        // shorter than the front chunk: nothing taken
+        EXPECT_EQ(c.q.ReadBlock(buf, 10), -1);  // more than queued: nothing taken
         ASSERT_EQ(c.q.ReadBlock(buf, row.take), row.take);
         EXPECT_EQ(std::string(buf, size_t(row.take)), row.taken);
         EXPECT_EQ(c.q.IsQueuedData(1), row.front_after);
@@ -83,7 +82,6 @@ TEST(QueuedTcpSocket, ReadBlockEndingOnAChunkBoundaryLeavesTheNextChunkWhole) {
     }
 }
 
-// Process stamps the time of the last send and of the last receive.
 TEST(QueuedTcpSocket, ProcessStampsItsLastSendAndItsLastReceive) {
     Connected c;
     c.q.lastRead() = c.q.lastWrite() = 0;
@@ -101,47 +99,25 @@ TEST(QueuedTcpSocket, ProcessStampsItsLastSendAndItsLastReceive) {
     EXPECT_GE(c.q.lastRead(), start);
 }
 
-TEST(SocketQueue, KeepsOrderAndFollowsTheOwnershipRules) {
+TEST(SocketQueue, KeepsOrderAndPeeksWithoutTaking) {
     ProbeQueue q;
     char abc[] = "abc", defg[] = "defg", xy[] = "xy", out[8] = {};
     EXPECT_EQ(q.Get(nullptr, 0), 0);
     EXPECT_EQ(q.PutFront(abc, 3, 1), 3);  // on an empty queue: head and tail
-    EXPECT_NE(q.head(), nullptr);
     EXPECT_EQ(q.head(), q.tail());
     q.PutBack(defg, 4, 1);
     q.PutFront(xy, 2, 1);
     EXPECT_EQ(q.Get(nullptr, 1), 2);  // peek: nothing taken
     EXPECT_EQ(q.Size(), 9);
-
     void* at = out;
-    EXPECT_EQ(q.Get(&at, 1), 2);
-    EXPECT_EQ(std::string(out, 2), "xy");
-    void* handed = nullptr;
-    EXPECT_EQ(q.Get(&handed, 0), 3);  // handed over: now ours
-    EXPECT_EQ(std::string(static_cast<char*>(handed), 3), "abc");
-    delete[] static_cast<unsigned char*>(handed);
-    EXPECT_EQ(q.Get(&at, 1), 4);
-    EXPECT_EQ(q.head(), nullptr);
+    for (const char* want : {"xy", "abc", "defg"}) {
+        EXPECT_EQ(q.Get(&at, 1), int(std::strlen(want)));
+        EXPECT_EQ(std::string(out, std::strlen(want)), want);
+    }
     EXPECT_EQ(q.tail(), nullptr);
-
-    // Put without copying, taken with a copy: the queue array-deletes our
-    // buffer (LeakSanitizer reports it otherwise).
-    q.PutBack(new unsigned char[5](), 5, 0);
-    EXPECT_EQ(q.Get(&at, 1), 5);
-    // Clear frees its copies but not a buffer put without copying.
-    unsigned char* kept = new unsigned char[2]();
-    q.PutBack(kept, 2, 0);
-    q.PutBack(abc, 3, 1);
-    q.Clear();
-    EXPECT_TRUE(q.Empty());
-    EXPECT_EQ(q.Size(), 0);
-    kept[1] = 7;  // still ours: ASan stops here on a use after free
-    delete[] kept;
-
     q.PutBack(abc, 3, 1);
     void* nowhere = nullptr;
     EXPECT_EQ(q.Get(&nowhere, 1), -1);
-    EXPECT_EQ(q.PutBack(abc, -1, 1), -22);
     EXPECT_EQ(q.Size(), 3);
 }
 
@@ -164,21 +140,11 @@ TEST(QueuedTcpSocket, ManyWritesAreQueuedThenDrainedByProcessByteExact) {
     EXPECT_TRUE(SendAll(&c.q, c.p.server.get(), expected.size()) == expected);
 }
 
-TEST(QueuedTcpSocket, ReadTakesWholeChunksOnlyAndReadBlockNoMoreThanQueued) {
+TEST(QueuedTcpSocket, OneProcessTakesTheReceiveSizeAtMostAndCloseEmptiesBothQueues) {
     Connected c;
     int status = -1;
     EXPECT_FALSE(c.q.Process(POLL_READ, &status));  // nothing waiting
-    for (const char* part : {"abc", "defg"}) {
-        ASSERT_TRUE(testnet::WriteAll(c.p.server.get(), part, std::strlen(part)));
-        ASSERT_EQ(c.q.Poll(POLL_READ, 5, 0), POLL_READ);
-        EXPECT_TRUE(c.q.Process(POLL_READ, &status));
-    }
     char buf[16] = {};
-    EXPECT_EQ(c.q.IsQueuedData(1), 3);
-    EXPECT_EQ(c.q.Read(buf, 2), -1);       // too short: nothing taken
-    EXPECT_EQ(c.q.ReadBlock(buf, 8), -1);  // more than queued: nothing taken
-    EXPECT_EQ(c.q.ReadBlock(buf, 7), 7);
-
     const std::string three_k(3000, 'k');  // one Process takes rcvSize_ at most
     ASSERT_TRUE(testnet::WriteAll(c.p.server.get(), three_k.data(), 3000));
     ASSERT_EQ(c.q.Poll(POLL_READ, 5, 0), POLL_READ);
@@ -303,50 +269,4 @@ TEST(SocketQueue, DroppedFrontKeepsTheRestInPlaceForEveryWayOut) {
     q.DropFront(1);
     EXPECT_EQ(q.Get(&at, 1), 3);
     EXPECT_EQ(out[0], 8);
-}
-
-// One chunk far larger than the socket takes at once: it leaves in many
-// partial sends, each sent from where the last one ended. After every
-// partial send the peer (reading 1 byte, then 10, then larger steps) gets
-// exactly the bytes the first chunk no longer reports, and the whole
-// arrives byte-exact, the next chunk after it.
-TEST(QueuedTcpSocket, LargeChunkLeavesInPartialSendsWithItsRestReportedExactly) {
-    const size_t total = (size_t(16) << 20) / size_t(testnet::Scale());
-    Connected c;
-    std::string big = testdata::RandomBytes(total, 17), tail = "next chunk";
-    ASSERT_EQ(c.q.Write(&big[0], int(big.size())), int(big.size()));
-    ASSERT_EQ(c.q.Write(&tail[0], int(tail.size())), int(tail.size()));
-    const timeval patience = {5, 0};  // a reader waiting for bytes never sent fails, not hangs
-    ASSERT_EQ(::setsockopt(c.p.server.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience), 0);
-    std::string got;
-    got.reserve(total + tail.size());
-    const size_t steps[] = {1, 10, 4096, 65536};
-    size_t step = 0;
-    int partial_sends = 0;
-    const auto deadline = testnet::Clock::now() + std::chrono::seconds(60);
-    char buf[65536];
-    while (c.q.IsQueuedData(2) == int(total - got.size()) && testnet::Clock::now() < deadline) {
-        int status = -1;
-        ASSERT_EQ(c.q.Poll(POLL_WRITE, 5, 0), POLL_WRITE);
-        c.q.Process(POLL_WRITE, &status);
-        ASSERT_EQ(status, 0);
-        const int rest = c.q.IsQueuedData(2);
-        if (rest == 0 || rest == int(tail.size())) break;  // the large chunk is gone
-        ++partial_sends;
-        // What left the queue is exactly what the peer can now read.
-        const size_t expect = total - size_t(rest);
-        const int quick = 1;  // acknowledge at once: the sender waits for room, not for a timer
-        ::setsockopt(c.p.server.get(), IPPROTO_TCP, TCP_QUICKACK, &quick, sizeof quick);
-        while (got.size() < expect && testnet::Clock::now() < deadline) {
-            const size_t want = std::min(steps[std::min(step++, size_t(3))], expect - got.size());
-            const ssize_t r = ::recv(c.p.server.get(), buf, want, 0);
-            ASSERT_GT(r, 0);
-            got.append(buf, size_t(r));
-        }
-        ASSERT_EQ(got.size(), expect);
-        ASSERT_EQ(::recv(c.p.server.get(), buf, 1, MSG_DONTWAIT), -1);  // and no byte more
-    }
-    EXPECT_GT(partial_sends, 1);
-    const std::string rest = SendAll(&c.q, c.p.server.get(), total + tail.size() - got.size());
-    EXPECT_TRUE(got + rest == big + tail);
 }

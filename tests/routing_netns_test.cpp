@@ -123,15 +123,7 @@ TEST(CRouteTable, ReadFiltersByTableProtocolAndInterfaceMap) {
     EXPECT_EQ(t.Read(ROUTE_FILTER_TABLE_MAIN, map), 0);
     EXPECT_EQ(static_cast<int>(t.Entries().size()), Lines("ip -4 route show table main"));
     EXPECT_EQ(t.Entries().front().flags, ROUTE_ENTRY_DEFAULT);
-
-    capture::Scope log;
-    capture::SetDebugLevel(11);
-    t.Dump();
-    capture::SetDebugLevel(0);
-    EXPECT_TRUE(capture::Contains(" dst=default gw=198.51.100.254 outif=2", 11));
-    EXPECT_TRUE(capture::Contains(" dst=192.0.2.7 gw=198.51.100.254 outif=2", 11));  // /32: no mask
-    EXPECT_TRUE(capture::Contains(" dst=198.51.100.0 dstmask=ffffff00 outif=2", 11));
-
+    EXPECT_EQ(t.Entries().front().outif, 2u);
     EXPECT_EQ(t.Read(ROUTE_FILTER_PROTOCOL_1, map), 0);  // every route refused, still a clean dump
     EXPECT_TRUE(t.Entries().empty());
     EXPECT_EQ(t.Read(0, {}), 0);  // every kernel route names an output interface

@@ -123,7 +123,6 @@ TEST(SockStream, SlowSteadyPeerIsNeverCutOff) {
     EXPECT_GE(SecondsSince(t0), 3.0);
 }
 
-// The socket's own code of a failed write comes back from the stream.
 TEST(SockStream, WriteToAResetPeerReturnsTheSocketsCode) {
     Link l;
     testnet::SetLingerZero(l.peer());
