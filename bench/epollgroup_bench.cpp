@@ -50,12 +50,20 @@ struct Set {
     }
 };
 
-bool Prepare(benchmark::State& state, Set* set) {
+// The set with every member in an epoll group, or null after telling the
+// benchmark why it cannot run.
+std::unique_ptr<Set> Prepare(benchmark::State& state, CEpollGroup* g) {
+    if (!bench::RaiseFdLimit(kIdle + 512)) {
+        state.SkipWithError("cannot raise RLIMIT_NOFILE to 10,512 descriptors");
+        return nullptr;
+    }
+    std::unique_ptr<Set> set(new Set);
     if (!set->ok) {
         state.SkipWithError("cannot open 10,000 sockets");
-        return false;
+        return nullptr;
     }
-    return true;
+    for (auto& s : set->socks) g->Add(s.get(), POLL_READ);
+    return set;
 }
 
 bool GroupWait(CEpollGroup* g) {
@@ -66,28 +74,31 @@ bool GroupWait(CEpollGroup* g) {
     return ready == 1;
 }
 
+bool SockGroupWait(CSockGroup* g, const Set& set) {
+    if (g->Poll(0, 0) != 1) return false;
+    int ready = 0;
+    for (auto& s : set.socks) ready += s->GetState() != 0;
+    benchmark::DoNotOptimize(ready);
+    return ready == 1;
+}
+
 void BM_EpollGroup10k_VsEpollWait(benchmark::State& state) {
-    if (!bench::RaiseFdLimit(kIdle + 512)) {
-        state.SkipWithError("cannot raise RLIMIT_NOFILE to 10,512 descriptors");
-        return;
-    }
-    Set set;
-    if (!Prepare(state, &set)) return;
     CEpollGroup g;
-    for (auto& s : set.socks) g.Add(s.get(), POLL_READ);
+    const std::unique_ptr<Set> set = Prepare(state, &g);
+    if (!set) return;
     const int ep = ::epoll_create1(EPOLL_CLOEXEC);
-    for (size_t i = 0; i < set.fds.size(); ++i) {
+    for (size_t i = 0; i < set->fds.size(); ++i) {
         epoll_event ev{};
         ev.events = EPOLLIN;
         ev.data.u64 = i;
-        ::epoll_ctl(ep, EPOLL_CTL_ADD, set.fds[i], &ev);
+        ::epoll_ctl(ep, EPOLL_CTL_ADD, set->fds[i], &ev);
     }
     epoll_event events[256];
     bench::Paired(state, {{"linnet", 64, bench::Timed([&g] { return GroupWait(&g); })},
                           {"epoll_wait", 64, bench::Timed([&] {
                                const int n = ::epoll_wait(ep, events, 256, 0);
                                int ready = 0;
-                               for (int i = 0; i < n; ++i) ready += events[i].data.u64 < set.fds.size();
+                               for (int i = 0; i < n; ++i) ready += events[i].data.u64 < set->fds.size();
                                benchmark::DoNotOptimize(ready);
                                return n == 1 && ready == 1;
                            })}});
@@ -97,28 +108,13 @@ void BM_EpollGroup10k_VsEpollWait(benchmark::State& state) {
 BENCHMARK(BM_EpollGroup10k_VsEpollWait);
 
 void BM_EpollGroup10k_VsSockGroup(benchmark::State& state) {
-    if (!bench::RaiseFdLimit(kIdle + 512)) {
-        state.SkipWithError("cannot raise RLIMIT_NOFILE to 10,512 descriptors");
-        return;
-    }
-    Set set;
-    if (!Prepare(state, &set)) return;
     CEpollGroup g;
+    const std::unique_ptr<Set> set = Prepare(state, &g);
+    if (!set) return;
     CSockGroup sg;
-    for (auto& s : set.socks) {
-        g.Add(s.get(), POLL_READ);
-        sg.Add(s.get(), POLL_READ);
-    }
-    bench::Paired(state,
-                  {{"linnet", 4, bench::Timed([&g] { return GroupWait(&g); })}, {"sockgroup", 4, bench::Timed([&] {
-                                                                                     if (sg.Poll(0, 0) != 1)
-                                                                                         return false;
-                                                                                     int ready = 0;
-                                                                                     for (auto& s : set.socks)
-                                                                                         ready += s->GetState() != 0;
-                                                                                     benchmark::DoNotOptimize(ready);
-                                                                                     return ready == 1;
-                                                                                 })}});
+    for (auto& s : set->socks) sg.Add(s.get(), POLL_READ);
+    bench::Paired(state, {{"linnet", 4, bench::Timed([&g] { return GroupWait(&g); })},
+                          {"sockgroup", 4, bench::Timed([&] { return SockGroupWait(&sg, *set); })}});
     g.Clear();
     sg.Clear();
 }
